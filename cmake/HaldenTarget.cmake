@@ -1,0 +1,64 @@
+include_guard(GLOBAL)
+
+include(CMakePackageConfigHelpers)
+
+# Finds a dependency, or ends with the name of the Debian package that brings it.
+function(halden_find_package name debian_package)
+    find_package(${name} QUIET ${ARGN})
+    if(NOT ${name}_FOUND)
+        message(FATAL_ERROR "${name} is missing. On Debian: apt-get install ${debian_package}")
+    endif()
+endfunction()
+
+# Language and warnings, for every target of the project.
+function(halden_target target)
+    set_target_properties(${target} PROPERTIES
+        CXX_STANDARD 17
+        CXX_STANDARD_REQUIRED ON
+        CXX_EXTENSIONS OFF)
+    # Fields have bare names, so constructor arguments may hide them: gcc looks at locals only, clang allows it anyway.
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+        $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
+        $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
+        $<$<BOOL:${HALDEN_WERROR}>:-Werror>)
+endfunction()
+
+# A library with its public headers in include/, visible only where it says so.
+function(halden_library target)
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "EXPORT_NAME" "")
+    halden_target(${target})
+    set_target_properties(${target} PROPERTIES
+        EXPORT_NAME ${ARG_EXPORT_NAME}
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR}
+        POSITION_INDEPENDENT_CODE ON
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
+    target_compile_features(${target} INTERFACE cxx_std_17)
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+endfunction()
+
+# Installs the library with a CMake package and a pkg-config module of the target's name.
+function(halden_install_package target config_in pc_in)
+    set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
+    install(TARGETS ${target} EXPORT ${target}-targets)
+    install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory})
+    configure_package_config_file(${config_in} ${target}-config.cmake INSTALL_DESTINATION ${directory})
+    write_basic_package_version_file(${target}-config-version.cmake COMPATIBILITY SameMajorVersion)
+    install(FILES
+        ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
+        ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
+        DESTINATION ${directory})
+
+    # A static library brings its private needs along; a shared one has them in its own list.
+    if(BUILD_SHARED_LIBS)
+        set(HALDEN_PC_STATIC_SUFFIX ".private")
+    else()
+        set(HALDEN_PC_STATIC_SUFFIX "")
+    endif()
+    configure_file(${pc_in} ${target}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
