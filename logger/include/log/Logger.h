@@ -1,0 +1,98 @@
+#pragma once
+
+#include <log/Export.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace Halden::Tavro::Log
+{
+
+/// From most to least severe. The values cross library boundaries and never change.
+enum class Severity : int
+{
+    Critical = 0,
+    Error = 1,
+    Warning = 2,
+    Info = 3,
+    Debug = 4,
+    Trace = 5
+};
+
+/// One formatted message on its way to a sink.
+struct Record
+{
+    std::chrono::system_clock::time_point time;
+    Severity severity;
+    std::string_view logger; ///< the Logger's name; empty for the free log call
+    std::string_view text;   ///< the formatted message, valid during write() only
+};
+
+/// Where records go: a terminal, a file, the system's journal, a test's capture.
+class HALDEN_CPPLOGGER_EXPORT LoggerImplIfc
+{
+public:
+    virtual ~LoggerImplIfc();
+
+    /// Called on the thread that logs, from many threads at once, with that thread's locks held: an implementation
+    /// guards its own state, and neither logs nor calls back into the code that logged. What it throws is dropped
+    /// together with the record.
+    virtual void write(Record const& record) = 0;
+};
+
+/// The default sink: hands each record to the process-wide sink, whichever that is at the time.
+class HALDEN_CPPLOGGER_EXPORT LoggerImpl : public LoggerImplIfc
+{
+public:
+    void write(Record const& record) override;
+};
+
+/// The process-wide settings: which severities are written, and where.
+///
+/// Usable from any thread, before main and until the process has ended. At start Info and worse are written, to
+/// standard error.
+class HALDEN_CPPLOGGER_EXPORT LoggerProxy
+{
+public:
+    static LoggerProxy& instance();
+
+    /// One relaxed atomic read.
+    bool isSeverityEnabled(Severity severity) const;
+
+    /// @param mostVerbose the last severity that is still written
+    void setThreshold(Severity mostVerbose);
+
+    /// Records that are being written on other threads may still reach the previous sink.
+    ///
+    /// @param sink null restores the sink of the start
+    /// @return the sink before
+    std::shared_ptr<LoggerImplIfc> setSink(std::shared_ptr<LoggerImplIfc> sink);
+};
+
+/// A named source of messages, made to be a base of the class that logs.
+class HALDEN_CPPLOGGER_EXPORT Logger
+{
+public:
+    /// @param impl gets the records of this logger; null stands for a LoggerImpl
+    Logger(std::string name, std::string unused, std::shared_ptr<LoggerImplIfc> impl);
+
+    /// Writes one message, unless its severity is disabled: then nothing is formatted, allocated or locked.
+    ///
+    /// @param format as for printf(3); need not end in a NUL
+    /// @param unused any function object, never called
+    void tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused,
+                    ...) const;
+
+private:
+    std::string name;
+    std::shared_ptr<LoggerImplIfc> impl;
+};
+
+/// The log call of code without a Logger: as Logger::tavroDoLog, without a name, to the process-wide sink.
+HALDEN_CPPLOGGER_EXPORT void tavroDoLog(Severity severity, std::string_view const& format,
+                                        std::function<std::string()> const& unused, ...);
+
+}

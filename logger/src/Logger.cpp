@@ -1,0 +1,190 @@
+#include <log/Logger.h>
+
+#include <log/SpdlogSink.h>
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <array>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+namespace Halden::Tavro::Log
+{
+
+namespace
+{
+
+// Constant-initialised and without a destructor, so that logging works before main and during exit.
+std::atomic<int> threshold{static_cast<int>(Severity::Info)};
+
+bool isEnabled(Severity severity)
+{
+    return static_cast<int>(severity) <= threshold.load(std::memory_order_relaxed);
+}
+
+std::shared_ptr<LoggerImplIfc> makeStartUpSink()
+{
+    auto const target =
+        std::make_shared<spdlog::logger>("haldencpplogger", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    target->set_pattern("%Y-%m-%d %H:%M:%S.%e %l %t %v");
+    target->set_level(spdlog::level::trace);
+    return std::make_shared<SpdlogSink>(target);
+}
+
+/// The process-wide sink.
+class SinkSlot
+{
+public:
+    /// Never destroyed: objects that live until the end of the process may still log.
+    static SinkSlot& instance()
+    {
+        static SinkSlot& slot = *new SinkSlot;
+        return slot;
+    }
+
+    std::shared_ptr<LoggerImplIfc> get()
+    {
+        std::lock_guard const lock(mutex);
+        return current;
+    }
+
+    std::shared_ptr<LoggerImplIfc> exchange(std::shared_ptr<LoggerImplIfc> next)
+    {
+        if (next == nullptr)
+        {
+            next = startUp;
+        }
+        std::lock_guard const lock(mutex);
+        return std::exchange(current, std::move(next));
+    }
+
+private:
+    std::shared_ptr<LoggerImplIfc> const startUp = makeStartUpSink();
+    std::mutex mutex;
+    std::shared_ptr<LoggerImplIfc> current = startUp; // guarded by mutex
+};
+
+/// Formats as vprintf(3) does, on the stack where the text is of usual length.
+class Text
+{
+public:
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer is filled by what follows
+    Text(std::string_view format, va_list values)
+        : format(format)
+    {
+        va_list again;
+        va_copy(again, values);
+        int const length = std::vsnprintf(usual.data(), usual.size(), this->format.c_str(), values);
+        if (length >= static_cast<int>(usual.size()))
+        {
+            large.resize(static_cast<std::size_t>(length));
+            static_cast<void>(std::vsnprintf(large.data(), large.size() + 1, this->format.c_str(), again));
+            text = large;
+        }
+        else
+        {
+            text = length < 0 ? std::string_view(this->format)
+                              : std::string_view(usual.data(), static_cast<std::size_t>(length));
+        }
+        va_end(again);
+    }
+
+    std::string_view view() const { return text; }
+
+private:
+    std::string const format; // ends in a NUL, which the caller's view need not
+    std::array<char, 512> usual;
+    std::string large;
+    std::string_view text;
+};
+
+void write(LoggerImplIfc& sink, Severity severity, std::string_view name, std::string_view format, va_list values)
+{
+    try
+    {
+        Text const text(format, values);
+        sink.write({std::chrono::system_clock::now(), severity, name, text.view()});
+    }
+    catch (...)
+    {
+        // A lost message is no reason to end a service, least of all while it reports a fault.
+    }
+}
+
+}
+
+LoggerImplIfc::~LoggerImplIfc() = default;
+
+void LoggerImpl::write(Record const& record)
+{
+    SinkSlot::instance().get()->write(record);
+}
+
+LoggerProxy& LoggerProxy::instance()
+{
+    static LoggerProxy proxy;
+    return proxy;
+}
+
+bool LoggerProxy::isSeverityEnabled(Severity severity) const
+{
+    return isEnabled(severity);
+}
+
+void LoggerProxy::setThreshold(Severity mostVerbose)
+{
+    threshold.store(static_cast<int>(mostVerbose), std::memory_order_relaxed);
+}
+
+std::shared_ptr<LoggerImplIfc> LoggerProxy::setSink(std::shared_ptr<LoggerImplIfc> sink)
+{
+    return SinkSlot::instance().exchange(std::move(sink));
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
+Logger::Logger(std::string name, std::string /*unused*/, std::shared_ptr<LoggerImplIfc> impl)
+    : name(std::move(name))
+    , impl(impl == nullptr ? std::make_shared<LoggerImpl>() : std::move(impl))
+{
+}
+
+// The callers of other libraries fix the signature, whose last named parameter is a reference: va_start(3) works with
+// it on every compiler and target in use.
+#pragma GCC diagnostic push
+#ifdef __clang__
+#pragma GCC diagnostic ignored "-Wvarargs"
+#endif
+
+void Logger::tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused,
+                        ...) const
+{
+    if (!isEnabled(severity))
+    {
+        return;
+    }
+    va_list values;
+    va_start(values, unused);
+    write(*impl, severity, name, format, values);
+    va_end(values);
+}
+
+void tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused, ...)
+{
+    if (!isEnabled(severity))
+    {
+        return;
+    }
+    va_list values;
+    va_start(values, unused);
+    LoggerImpl processWide;
+    write(processWide, severity, {}, format, values);
+    va_end(values);
+}
+
+#pragma GCC diagnostic pop
+
+}
