@@ -1,0 +1,166 @@
+#pragma once
+
+#include <log/Logger.h>
+#include <utils/Export.h>
+#include <utils/PcmItem.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+class PeriodicCallerManagerExecutorIfc;
+
+/// The registration of one function, see PeriodicCallerManagerIfc::add().
+///
+/// Destroying it ends the registration and waits for a call in progress on another thread: afterwards the function is
+/// not running there and is never called again. It may be destroyed from inside its own function, which then runs on to
+/// its end.
+class HALDEN_CPPUTILS_EXPORT PeriodicCallerManagerTokenIfc
+{
+public:
+    virtual ~PeriodicCallerManagerTokenIfc();
+};
+
+/// Calls registered functions periodically.
+class HALDEN_CPPUTILS_EXPORT PeriodicCallerManagerIfc
+{
+public:
+    virtual ~PeriodicCallerManagerIfc();
+
+    /// Registers a function until the token is destroyed. Its first call follows at once.
+    ///
+    /// @param period between two starts, truncated to whole milliseconds
+    /// @return never null
+    virtual std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
+                                                               std::chrono::duration<double> period) = 0;
+};
+
+/// The manager as its tokens see it.
+class HALDEN_CPPUTILS_EXPORT PcmTokenToManagerIfc
+{
+public:
+    virtual void remove(std::shared_ptr<PcmItemIfc> const& item) = 0;
+
+protected:
+    ~PcmTokenToManagerIfc() = default; // never deleted through this interface
+};
+
+/// A token that holds its manager: a manager lives at least as long as any of its tokens.
+class HALDEN_CPPUTILS_EXPORT PcmToken : public PeriodicCallerManagerTokenIfc
+{
+public:
+    PcmToken(std::shared_ptr<PcmItemIfc> item, std::shared_ptr<PcmTokenToManagerIfc> manager);
+
+    PcmToken(PcmToken const&) = delete;
+    PcmToken& operator=(PcmToken const&) = delete;
+
+    /// Forbids the item, removes it from the manager, waits for its execution if any, then lets go of both.
+    ~PcmToken() override;
+
+private:
+    std::shared_ptr<PcmItemIfc> const item;
+    std::shared_ptr<PcmTokenToManagerIfc> const manager;
+};
+
+/// One scheduler thread that sleeps until the earliest function is due and then runs all that are due as one batch.
+///
+///     auto const manager = std::make_shared<PeriodicCallerManager>(
+///         PeriodicCallerManager::ExecutionStrategy::Sequential, "sensors");
+///     auto const token = manager->add([] { readSensors(); }, 250ms);
+///
+/// Functions run on the scheduler thread (Sequential) or on a pool and the scheduler thread (ThreadPool), under no lock
+/// but their item's own. The next pass starts when the whole batch has finished. What a function throws is logged, see
+/// PcmItem. A function that is removed during a pass is kept, with all that it holds, until the scheduler wakes next.
+///
+/// Threads: everything may be called from any thread, also from the functions. Three limits are accepted:
+/// - After a batch the scheduler thread scans the list of functions without a lock. An add or a token's destruction at
+///   that very moment can make it read a list node that is being changed or was just freed. Registering at start and
+///   removing at the end is safe in practice, and a hundred changes a second ran for a minute without harm; a loop that
+///   adds and removes without pause beside the running scheduler crashes within seconds. Register functions once, and
+///   let the function itself find out whether it has something to do.
+/// - Wake-ups are asked for without the scheduler's wait mutex. A request that falls between the scheduler's last look
+///   and its sleep is noticed when the sleep ends by itself, at the next due time. With no function registered that is
+///   never: the destructor, or the first call of a new function, can then hang. It takes a request within a microsecond
+///   after a pass; keep a function with a period of seconds registered where that matters.
+/// - The last token, and with it the manager, cannot be destroyed inside its own function, for a thread cannot join
+///   itself: this ends the process (Sequential) or never returns (ThreadPool). Keep a manager's pointer elsewhere.
+///
+/// A failure of the scheduler itself is logged at severity Critical and ends the process.
+class HALDEN_CPPUTILS_EXPORT PeriodicCallerManager : public PeriodicCallerManagerIfc,
+                                                     public PcmTokenToManagerIfc,
+                                                     public std::enable_shared_from_this<PeriodicCallerManager>,
+                                                     protected virtual Log::Logger
+{
+public:
+    enum class ExecutionStrategy
+    {
+        ThreadPool = 0,
+        Sequential = 1
+    };
+
+    /// Starts the scheduler thread. Must be made by std::make_shared, or add() fails.
+    ///
+    /// @param name becomes part of the logger's name
+    /// @throws std::runtime_error when the strategy is unknown, see make_executor()
+    PeriodicCallerManager(ExecutionStrategy strategy, std::string const& name);
+
+    PeriodicCallerManager(PeriodicCallerManager const&) = delete;
+    PeriodicCallerManager& operator=(PeriodicCallerManager const&) = delete;
+
+    /// Waits for the scheduler thread. Neither forbids functions nor waits for them: every token holds the manager, so
+    /// there are none left.
+    ~PeriodicCallerManager() override;
+
+    /// A negative period is accepted and makes the function due on every pass, without any sleep between the passes.
+    /// One beyond 2^30 s (34 years) counts as that long, so that due times stay within the clocks of a 32-bit system.
+    ///
+    /// @throws std::invalid_argument "Period must be greater than zero milliseconds" when it truncates to 0 ms
+    /// @throws std::bad_weak_ptr     when no shared pointer owns the manager; the function stays registered for good
+    std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
+                                                       std::chrono::duration<double> period) override;
+
+    /// For tokens. An unknown item is logged and otherwise ignored.
+    void remove(std::shared_ptr<PcmItemIfc> const& item) override;
+
+protected:
+    /// Takes no lock.
+    ///
+    /// @return the earliest due time, or the greatest time point when there is no item
+    std::chrono::steady_clock::time_point nextPcmDueTime() const;
+
+    /// @return the items due at `until` or before, the most overdue first
+    std::vector<std::shared_ptr<PcmItemIfc>> dueUntil(std::chrono::steady_clock::time_point const& until);
+
+    /// Stores the earliest due time, and asks the scheduler to wake when it moved earlier. Runs under itemsMutex.
+    void updateSchedulerNextDueTime();
+
+private:
+    void schedulerThread();
+    void runPass();
+    void waitUntil(std::chrono::steady_clock::time_point const& next);
+    void requestWakeUp();
+
+    std::mutex itemsMutex; // guards items, but for the scan by the scheduler thread
+    std::mutex waitMutex;  // the scheduler thread's, around its wait only
+    std::condition_variable schedulerWakeup;
+    std::atomic<bool> wakeUpRequested{false};
+    std::atomic<bool> stopRequested{false};
+    std::list<std::shared_ptr<PcmItemIfc>> items; // in order of registration
+    // As of the last add or remove; never written by the scheduler thread.
+    std::atomic<std::chrono::steady_clock::time_point> schedulerNextDueTime{
+        std::chrono::steady_clock::time_point::max()};
+    std::unique_ptr<PeriodicCallerManagerExecutorIfc> const executor;
+    std::thread thread;
+};
+
+}
