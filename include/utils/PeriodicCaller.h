@@ -1,0 +1,65 @@
+#pragma once
+
+#include <log/Logger.h>
+#include <utils/Export.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace Halden::Tavro::Utils
+{
+
+/// Calls one function again and again, on a thread of its own, until stopped.
+///
+/// The pause runs from the end of a call to the start of the next: the schedule slips and never catches up. It is
+/// measured on the monotonic clock, while the time that the callback is told is that of the wall clock, and so jumps
+/// when the clock is set.
+///
+/// A std::exception out of the callback, an empty callback's std::bad_function_call included, is logged at severity
+/// Critical and ends the worker; the caller must then be stopped before it can be started again. Any other exception
+/// ends the process.
+///
+/// Threads: start(), stop() and the destructor belong to one controlling thread, never to the callback, which runs on
+/// the worker with the object's mutex held.
+class HALDEN_CPPUTILS_EXPORT PeriodicCaller : private Log::Logger
+{
+public:
+    using Callback = std::function<void(std::chrono::microseconds const&)>;
+
+    /// @param period   pause between two calls; zero or less means none
+    /// @param name     becomes part of the logger's name
+    /// @param callback gets the wall-clock time since the previous call ended, at first since the worker started
+    PeriodicCaller(std::chrono::microseconds period, std::string name, Callback const& callback);
+
+    PeriodicCaller(PeriodicCaller const&) = delete;
+    PeriodicCaller& operator=(PeriodicCaller const&) = delete;
+
+    /// Stops first, see stop().
+    ~PeriodicCaller();
+
+    /// @throws std::runtime_error "PeriodicCaller is already started. Name = '...'" when started before and not stopped
+    ///                            since, also when the worker has ended by itself
+    void start();
+
+    /// Waits for a call in progress. Does nothing when not started.
+    void stop();
+
+private:
+    void periodicCallerThread();
+
+    Callback const callback;
+    std::string const name;
+    std::chrono::microseconds const period;
+    std::mutex mutex; // held during a call, released only while waiting
+    std::atomic<bool> running{true};
+    std::condition_variable wakeup;
+    std::unique_ptr<std::thread> thread; // null unless started; the controlling thread's
+};
+
+}
