@@ -1,0 +1,100 @@
+#pragma once
+
+#include <dlfcn.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+namespace Halden::Tavro::TestSupport
+{
+
+template <typename Signature>
+class CallDouble;
+
+/// Stands between the code under test and one C function of the system.
+///
+/// The test program defines a function of the same name, which the linker prefers to the system's, in the program as in
+/// the shared libraries it uses:
+///
+///     CallDouble<int(int, int)> timerfdCreate{"timerfd_create"};
+///     extern "C" int timerfd_create(int clock, int flags) noexcept { return timerfdCreate(clock, flags); }
+///
+/// By default every call is counted, recorded and passed on. May be used from several threads.
+template <typename Result, typename... Arguments>
+class CallDouble<Result(Arguments...)>
+{
+public:
+    explicit CallDouble(char const* name)
+        : name(name)
+    {
+    }
+
+    /// Forgets calls and instructions. Doubles outlive the tests, so each test begins with it.
+    void reset()
+    {
+        std::lock_guard const lock(mutex);
+        recorded.clear();
+        failures.clear();
+        replacement = nullptr;
+    }
+
+    /// Lets the n-th call from the last reset(), counted from 1, return the result with that errno.
+    void failCall(std::size_t n, Result result, int error)
+    {
+        std::lock_guard const lock(mutex);
+        failures[n] = {result, error};
+    }
+
+    /// Answers every call that is not meant to fail.
+    void replace(std::function<Result(Arguments...)> function)
+    {
+        std::lock_guard const lock(mutex);
+        replacement = std::move(function);
+    }
+
+    std::vector<std::tuple<Arguments...>> calls() const
+    {
+        std::lock_guard const lock(mutex);
+        return recorded;
+    }
+
+    std::size_t count() const { return calls().size(); }
+
+    Result operator()(Arguments... arguments)
+    {
+        std::function<Result(Arguments...)> answer;
+        {
+            std::lock_guard const lock(mutex);
+            recorded.emplace_back(arguments...);
+            auto const failure = failures.find(recorded.size());
+            if (failure != failures.end())
+            {
+                errno = failure->second.second;
+                return failure->second.first;
+            }
+            answer = replacement;
+        }
+        return answer ? answer(arguments...) : passOn(arguments...);
+    }
+
+    /// Calls the system's function.
+    Result passOn(Arguments... arguments) const
+    {
+        return reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
+    }
+
+private:
+    char const* const name;
+    mutable std::mutex mutex;
+    std::vector<std::tuple<Arguments...>> recorded;         // guarded by mutex
+    std::map<std::size_t, std::pair<Result, int>> failures; // guarded by mutex
+    std::function<Result(Arguments...)> replacement;        // guarded by mutex
+};
+
+}

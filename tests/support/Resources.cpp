@@ -1,0 +1,50 @@
+#include "support/Resources.h"
+
+#include "support/HeapCounters.h"
+
+#include <filesystem>
+#include <iterator>
+
+namespace Halden::Tavro::TestSupport
+{
+
+namespace
+{
+
+std::size_t entriesOf(char const* directory)
+{
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
+}
+
+}
+
+namespace HeapCounters
+{
+
+std::atomic<std::size_t> allocations{0};
+std::atomic<std::size_t> frees{0};
+
+}
+
+std::size_t openDescriptors()
+{
+    return entriesOf("/proc/self/fd") - 1; // one is the look itself
+}
+
+std::size_t runningThreads()
+{
+    return entriesOf("/proc/self/task");
+}
+
+std::size_t heapAllocations()
+{
+    return HeapCounters::allocations;
+}
+
+std::size_t heapBlocks()
+{
+    return HeapCounters::allocations - HeapCounters::frees;
+}
+
+}
