@@ -45,7 +45,8 @@ class HALDEN_CPPUTILS_EXPORT PcmExecutorThreadPool : public PeriodicCallerManage
                                                      protected virtual Log::Logger
 {
 public:
-    /// @throws boost::system::system_error when the threads cannot be made
+    /// @throws boost::system::system_error when the first thread cannot be made. When a later one cannot, Boost's pool
+    ///         waits for the threads before it, which never end.
     PcmExecutorThreadPool();
 
     PcmExecutorThreadPool(PcmExecutorThreadPool const&) = delete;

@@ -38,8 +38,6 @@ public:
     virtual void waitEndOfExecutionIfAny() = 0;
 };
 
-#pragma GCC diagnostic pop
-
 /// A function with its period and the time at which it last started.
 ///
 /// Due times count from the last start, never from the previous due time: a late start moves the schedule, and missed
@@ -80,5 +78,7 @@ private:
     std::atomic<bool> executionForbidden{false};
     bool exceptionAlreadyLogged{false}; // by the executing thread only
 };
+
+#pragma GCC diagnostic pop
 
 }

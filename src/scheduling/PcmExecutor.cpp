@@ -53,9 +53,12 @@ void PcmExecutorThreadPool::execute(std::vector<std::shared_ptr<PcmItemIfc>> con
     {
         futures.emplace_back(std::async(std::launch::deferred, [item] { item->execute(); }));
     }
-    for (auto const& future : futures)
+    if (std::thread::hardware_concurrency() != 0) // without threads a task would never run, and keep its item for ever
     {
-        boost::asio::post(pool, [future] { future.wait(); });
+        for (auto const& future : futures)
+        {
+            boost::asio::post(pool, [future] { future.wait(); });
+        }
     }
     for (auto const& future : futures)
     {
