@@ -41,8 +41,10 @@ function(halden_library target)
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 
-# Installs the library with a CMake package and a pkg-config module of the target's name.
+# Installs the library with a CMake package and a pkg-config module of the target's name. STATIC_REQUIRES are the
+# pkg-config modules that users of a static library must link too; a shared library has them in its own list.
 function(halden_install_package target config_in pc_in)
+    cmake_parse_arguments(PARSE_ARGV 3 ARG "" "" "STATIC_REQUIRES")
     set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
     install(TARGETS ${target} EXPORT ${target}-targets)
     install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory})
@@ -53,11 +55,12 @@ function(halden_install_package target config_in pc_in)
         ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
         DESTINATION ${directory})
 
-    # A static library brings its private needs along; a shared one has them in its own list.
-    if(BUILD_SHARED_LIBS)
-        set(HALDEN_PC_STATIC_SUFFIX ".private")
-    else()
-        set(HALDEN_PC_STATIC_SUFFIX "")
+    # Relative to the module's own place, so that the package works wherever it is put.
+    file(RELATIVE_PATH HALDEN_PC_INCLUDEDIR
+        ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+    set(HALDEN_PC_STATIC_REQUIRES "")
+    if(NOT BUILD_SHARED_LIBS)
+        list(JOIN ARG_STATIC_REQUIRES " " HALDEN_PC_STATIC_REQUIRES)
     endif()
     configure_file(${pc_in} ${target}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,8 @@
+# Builds and runs the consumer through find_package, with nothing but ROOT to look in.
+
+include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
+
+file(REMOVE_RECURSE ${BUILD_DIR})
+run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${BUILD_DIR} -DCMAKE_PREFIX_PATH=${ROOT})
+run(${CMAKE_COMMAND} --build ${BUILD_DIR})
+run_consumer(${BUILD_DIR}/consumer)

@@ -1,0 +1,32 @@
+# Builds the project and installs it to ROOT, as a packager does: staged with DESTDIR, then moved elsewhere, so that
+# what the package says about its place must be relative.
+#
+# SOURCE_DIR, ROOT, BUILD_DIR  the project, where to install it, where to build it; the latter two are emptied first
+# LIBDIR                       the folder of the libraries below ROOT
+# SHARED                       ON or OFF
+# INSTALLED_LOGGER             ON to install the logging library first, by itself, and let the project find it there
+
+include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
+
+set(prefix /opt/halden)
+
+function(install_staged source name)
+    set(build ${BUILD_DIR}/${name})
+    run(${CMAKE_COMMAND} -S ${source} -B ${build}
+        -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=${prefix} -DCMAKE_INSTALL_LIBDIR=${LIBDIR}
+        -DBUILD_SHARED_LIBS=${SHARED} ${ARGN})
+    run(${CMAKE_COMMAND} --build ${build})
+    run(${CMAKE_COMMAND} -E env DESTDIR=${build}/stage ${CMAKE_COMMAND} --install ${build})
+    file(COPY ${build}/stage${prefix}/ DESTINATION ${ROOT})
+endfunction()
+
+file(REMOVE_RECURSE ${ROOT} ${BUILD_DIR})
+if(INSTALLED_LOGGER)
+    install_staged(${SOURCE_DIR}/logger logger)
+    install_staged(${SOURCE_DIR} project -DHALDEN_USE_INSTALLED_LOGGER=ON -DCMAKE_PREFIX_PATH=${ROOT})
+    if(EXISTS ${BUILD_DIR}/project/stage${prefix}/include/log)
+        message(FATAL_ERROR "the project has installed a logging library of its own")
+    endif()
+else()
+    install_staged(${SOURCE_DIR} project)
+endif()

@@ -1,0 +1,20 @@
+# run(COMMAND...): ends the script with the command's output when the command fails; else leaves it in `output`.
+function(run)
+    execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    if(NOT result EQUAL 0)
+        list(JOIN ARGV " " command)
+        message(FATAL_ERROR "${command}\nended with ${result}:\n${output}")
+    endif()
+    set(output "${output}" PARENT_SCOPE)
+endfunction()
+
+# run_consumer(COMMAND...): runs the consumer, which must have logged through its own sink, as must the library.
+function(run_consumer)
+    run(${ARGV})
+    foreach(line "[Service] call 3 of work" "[Halden::Tavro::Utils::PeriodicCallerManager(service)] +schedulerThread: starting")
+        string(FIND "${output}" "${line}\n" position)
+        if(position EQUAL -1)
+            message(FATAL_ERROR "the consumer has not written \"${line}\" but:\n${output}")
+        endif()
+    endforeach()
+endfunction()

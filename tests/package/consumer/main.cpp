@@ -1,0 +1,65 @@
+// A service as others write it: a function called periodically, and a sink of its own for all messages.
+
+#include <log/Logger.h>
+#include <utils/PcmExecutor.h>
+#include <utils/PeriodicCallerManager.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <memory>
+
+using namespace Halden::Tavro;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+class StdoutSink : public Log::LoggerImplIfc
+{
+public:
+    void write(Log::Record const& record) override
+    {
+        std::printf("[%.*s] %.*s\n", static_cast<int>(record.logger.size()), record.logger.data(),
+                    static_cast<int>(record.text.size()), record.text.data());
+    }
+};
+
+class Service : private Log::Logger
+{
+public:
+    explicit Service(Utils::PeriodicCallerManagerIfc& manager)
+        : Logger("Service", "", std::make_shared<Log::LoggerImpl>())
+        , token(manager.add([this] { work(); }, 10ms))
+    {
+    }
+
+    bool waitForThreeCalls() { return enough.get_future().wait_for(60s) == std::future_status::ready; }
+
+private:
+    void work()
+    {
+        if (++calls == 3)
+        {
+            tavroDoLog(Log::Severity::Info, "call %d of %s", {}, calls, "work");
+            enough.set_value();
+        }
+    }
+
+    int calls{0};
+    std::promise<void> enough;
+    std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> const token;
+};
+
+}
+
+int main()
+{
+    Log::LoggerProxy::instance().setSink(std::make_shared<StdoutSink>());
+    auto const manager = std::make_shared<Utils::PeriodicCallerManager>(
+        Utils::PeriodicCallerManager::ExecutionStrategy::ThreadPool, "service");
+    Service service(*manager);
+
+    return service.waitForThreeCalls() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
