@@ -1,0 +1,149 @@
+#include "JobRecord.h"
+#include "Options.h"
+#include "Report.h"
+#include "Timeline.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+#include <list>
+#include <memory>
+#include <thread>
+
+namespace
+{
+
+using namespace DeviceService;
+using namespace std::chrono_literals;
+using Halden::Tavro::Utils::PeriodicCallerManager;
+using Halden::Tavro::Utils::PeriodicCallerManagerTokenIfc;
+
+/// The signals that end the service. Blocked before any thread starts, so that only wait() sees them.
+class StopSignals
+{
+public:
+    StopSignals()
+    {
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGINT);
+        sigaddset(&signals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    }
+
+    /// @return true when one has come before the deadline
+    bool waitUntil(Clock::time_point deadline) const
+    {
+        auto const left = std::max<std::chrono::nanoseconds>(deadline - Clock::now(), 0ns);
+        auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+        timespec timeout{};
+        timeout.tv_sec = static_cast<time_t>(seconds.count());
+        timeout.tv_nsec = static_cast<long>((left - seconds).count());
+        return sigtimedwait(&signals, nullptr, &timeout) > 0;
+    }
+
+private:
+    sigset_t signals{};
+};
+
+/// The jobs at work, from construction to stop().
+class Service
+{
+public:
+    explicit Service(PeriodicCallerManager::ExecutionStrategy strategy)
+        : manager(std::make_shared<PeriodicCallerManager>(strategy, "device"))
+    {
+        for (Job& job : makeJobs())
+        {
+            shortestPeriod = std::min(shortestPeriod, job.period);
+            JobRecord& record = records.emplace_back(std::move(job), Clock::now());
+            tokens.push_back(manager->add([&record] { record.run(); }, record.period()));
+        }
+    }
+
+    ~Service() { stop(); }
+
+    void stop()
+    {
+        if (manager == nullptr)
+        {
+            return;
+        }
+        tokens.clear(); // from here on no job runs
+        // The manager notices no request that comes in the instant before its scheduler falls asleep, and without
+        // jobs that sleep has no end. So it is given the time to fall asleep: it wakes once more, for the job that
+        // would have been due next, then for nothing but the manager's destructor.
+        std::this_thread::sleep_for(shortestPeriod + 100ms);
+        manager.reset();
+    }
+
+    std::list<JobRecord> const& jobs() const { return records; }
+
+private:
+    std::chrono::milliseconds shortestPeriod{std::chrono::hours(1)};
+    std::list<JobRecord> records; // a list, for the jobs refer to its elements
+    std::shared_ptr<PeriodicCallerManager> manager;
+    std::vector<std::unique_ptr<PeriodicCallerManagerTokenIfc>> tokens;
+};
+
+/// Shows the state once a second, on a terminal always in the same line.
+void showUntil(Clock::time_point deadline, StopSignals const& signals, Service const& service)
+{
+    bool const onTerminal = isatty(STDOUT_FILENO) == 1;
+    for (auto next = Clock::now() + 1s; !signals.waitUntil(std::min(next, deadline)) && next < deadline; next += 1s)
+    {
+        std::cout << (onTerminal ? "\r\033[K" : "");
+        writeStatus(std::cout, service.jobs());
+        std::cout << (onTerminal ? "" : "\n") << std::flush;
+    }
+    std::cout << (onTerminal ? "\n" : "");
+}
+
+int run(Options const& options)
+{
+    std::ofstream timeline;
+    if (options.timeline)
+    {
+        timeline.open(*options.timeline);
+        if (!timeline)
+        {
+            std::cerr << "device_service: cannot write " << *options.timeline << '\n';
+            return 2;
+        }
+    }
+
+    StopSignals const signals;
+    Halden::Tavro::Log::LoggerProxy::instance().setThreshold(options.log);
+    auto const begin = Clock::now();
+    Service service(options.strategy);
+    showUntil(begin + options.duration, signals, service);
+    service.stop();
+    auto const end = Clock::now(); // after the last run
+
+    writeTable(std::cout, service.jobs());
+    if (options.timeline)
+    {
+        writeTimeline(timeline, service.jobs(), begin, end);
+        timeline.close();
+    }
+    if (!timeline || !std::cout.flush())
+    {
+        std::cerr << "device_service: the report could not be written in full\n";
+        return 1;
+    }
+    return 0;
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    auto const parsed = parseOptions(argc, argv);
+    if (auto const* const status = std::get_if<ExitStatus>(&parsed))
+    {
+        return status->value;
+    }
+    return run(std::get<Options>(parsed));
+}

@@ -1,0 +1,63 @@
+# Shared by the scripts of this folder; sourced, not run. Expects bash with "set -euo pipefail".
+
+# step TEXT: one line of progress.
+step() {
+    printf -- '-- %s\n' "$*"
+}
+
+# fail TEXT: ends the script with one line on stderr.
+fail() {
+    printf -- '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# missing_packages PKG...: prints those that are not installed. The architecture is the machine's own.
+missing_packages() {
+    local package
+    for package in "$@"; do
+        if [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+            printf '%s\n' "$package"
+        fi
+    done
+}
+
+# as_root COMMAND...: runs it as root without asking for a password, or fails.
+as_root() {
+    if ((EUID == 0)); then
+        "$@"
+    else
+        sudo -n "$@"
+    fi
+}
+
+# ensure_packages PKG...: installs the Debian packages that are missing. Where nothing is, this is one quick look.
+ensure_packages() {
+    local missing
+    if ! command -v dpkg-query >/dev/null; then
+        step "No dpkg-query here, so nothing is checked; needed are (by their Debian names): $*"
+        return
+    fi
+    mapfile -t missing < <(missing_packages "$@")
+    if ((${#missing[@]} == 0)); then
+        step "All needed packages are installed"
+        return
+    fi
+
+    local -r command="apt-get install --yes --no-install-recommends ${missing[*]}"
+    step "Installing ${missing[*]}"
+    as_root true 2>/dev/null || fail "packages are missing and there is no way to become root; run: sudo $command"
+    as_root apt-get update --quiet=2 || fail "the package lists cannot be updated; run: sudo apt-get update && sudo $command"
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install --quiet=2 --yes --no-install-recommends \
+        "${missing[@]}" >/dev/null || fail "the installation failed; run: sudo $command"
+}
+
+# quietly NAME COMMAND...: runs it with its output in build/log/NAME.log, of which a failure shows the end.
+quietly() {
+    local -r log=build/log/$1.log
+    shift
+    mkdir -p build/log
+    "$@" >"$log" 2>&1 || {
+        tail -n 60 "$log" >&2
+        fail "failed: $* (all output in $log)"
+    }
+}

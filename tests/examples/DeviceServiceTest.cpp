@@ -1,0 +1,228 @@
+#include "support/ChildProcess.h"
+#include "support/WaitFor.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using namespace testing;
+using namespace Halden::Tavro::TestSupport;
+using std::chrono::steady_clock;
+
+/// Runs the service as a user does. Both its outputs come back as one text.
+ChildResult runService(std::vector<std::string> arguments)
+{
+    return runInChild(
+        [&]
+        {
+            std::vector<char*> pointers{const_cast<char*>(DEVICE_SERVICE)};
+            std::transform(arguments.begin(), arguments.end(), std::back_inserter(pointers),
+                           [](std::string& argument) { return argument.data(); });
+            pointers.push_back(nullptr);
+            execv(DEVICE_SERVICE, pointers.data());
+            return 127;
+        },
+        60s);
+}
+
+/// The runs of each function, as the table has them.
+std::map<std::string, int> runsIn(std::string const& output)
+{
+    std::regex const row(R"(^([a-z]+) +(\d+) +(\d+) +(\d+)((?: +(?:\d+\.\d\d|-)){5})$)");
+    std::map<std::string, int> runs;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);)
+    {
+        std::smatch parts;
+        if (std::regex_match(line, parts, row))
+        {
+            runs[parts[1]] = std::stoi(parts[3]);
+        }
+    }
+    return runs;
+}
+
+auto hasEachFunctionWithRuns()
+{
+    auto const ran = [](char const* name) { return Pair(name, Gt(0)); };
+    return UnorderedElementsAre(ran("pressure"), ran("load"), ran("memory"), ran("link"), ran("upload"),
+                                AnyOf(ran("temperature"), ran("uptime")));
+}
+
+std::string contentOf(std::filesystem::path const& path)
+{
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+long countOf(std::string const& text, std::string const& expression)
+{
+    std::regex const regex(expression);
+    return std::distance(std::sregex_iterator(text.begin(), text.end(), regex), std::sregex_iterator());
+}
+
+/// Elements, attributes and nesting; no entities but the usual, which is all that the picture uses.
+bool isWellFormed(std::string text)
+{
+    std::regex const piece(
+        R"(<\?xml[^<>]*\?>|<(/?)([a-z]+)((?: [a-zA-Z0-9]+="[^"<>&]*")*)(/?)>|[^<>&]+|&(?:amp|lt|gt);)");
+    std::vector<std::string> open;
+    int roots = 0;
+    auto at = text.cbegin();
+    for (std::smatch match; at != text.cend(); at = match[0].second)
+    {
+        if (!std::regex_search(at, text.cend(), match, piece, std::regex_constants::match_continuous))
+        {
+            return false;
+        }
+        if (!match[2].matched)
+        {
+            continue;
+        }
+        if (match[1].length() > 0)
+        {
+            if (open.empty() || open.back() != match[2])
+            {
+                return false;
+            }
+            open.pop_back();
+            continue;
+        }
+        roots += open.empty() ? 1 : 0;
+        if (match[4].length() == 0)
+        {
+            open.push_back(match[2]);
+        }
+    }
+    return open.empty() && roots == 1;
+}
+
+class DeviceServiceTest : public Test
+{
+protected:
+    DeviceServiceTest()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "device-service-XXXXXX").string();
+        directory = mkdtemp(pattern.data());
+    }
+
+    ~DeviceServiceTest() override { std::filesystem::remove_all(directory); }
+
+    std::filesystem::path directory;
+};
+
+class DeviceServiceStrategyTest : public DeviceServiceTest, public WithParamInterface<char const*>
+{
+};
+
+TEST_P(DeviceServiceStrategyTest, RunsEachFunctionAndDrawsEachExecution)
+{
+    auto const picture = directory / "timeline.svg";
+
+    auto const result = runService({"--strategy", GetParam(), "--seconds", "2", "--timeline", picture.string()});
+
+    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    auto const runs = runsIn(result.output);
+    EXPECT_THAT(runs, hasEachFunctionWithRuns()) << result.output;
+    std::string const svg = contentOf(picture);
+    EXPECT_TRUE(isWellFormed(svg)) << svg;
+    long executions = 0;
+    for (auto const& [name, count] : runs)
+    {
+        EXPECT_THAT(svg, HasSubstr(">" + name + "</text>"));
+        executions += count;
+    }
+    EXPECT_EQ(countOf(svg, "<rect class=\"run( failed)?\""), executions);
+    EXPECT_EQ(countOf(svg, "<rect class=\"late\""), executions);
+}
+
+INSTANTIATE_TEST_SUITE_P(, DeviceServiceStrategyTest, Values("sequential", "thread-pool"),
+                         [](auto const& strategy)
+                         { return strategy.param == std::string("sequential") ? "Sequential" : "ThreadPool"; });
+
+TEST_F(DeviceServiceTest, ShowsAtMostOnePlainStatusLineASecondWhereThereIsNoTerminal)
+{
+    auto const result = runService({"--seconds", "3"});
+
+    EXPECT_THAT(countOf(result.output, "pressure [0-9.]+ bar \\| load"), AllOf(Ge(1), Le(3))) << result.output;
+    EXPECT_THAT(result.output, Not(HasSubstr("\033")));
+    EXPECT_THAT(result.output, Not(HasSubstr("\r")));
+}
+
+TEST_F(DeviceServiceTest, StopsCleanlyAtEitherSignal)
+{
+    for (int const signalNumber : {SIGINT, SIGTERM})
+    {
+        auto const start = steady_clock::now();
+
+        auto const result = runInChild(
+            [signalNumber]
+            {
+                // Sent to the service, which takes over this process, once its first status line is due.
+                pid_t const service = getpid();
+                if (fork() == 0)
+                {
+                    close(STDOUT_FILENO);
+                    close(STDERR_FILENO);
+                    std::this_thread::sleep_for(2s);
+                    kill(service, signalNumber);
+                    _exit(0);
+                }
+                execl(DEVICE_SERVICE, DEVICE_SERVICE, "--seconds", "600", nullptr);
+                return 127;
+            },
+            60s);
+
+        EXPECT_LT(steady_clock::now() - start, 60s);
+        EXPECT_FALSE(result.timedOut);
+        EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+        EXPECT_THAT(runsIn(result.output), hasEachFunctionWithRuns()) << result.output;
+    }
+}
+
+TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
+{
+    std::vector<std::vector<std::string>> const bad{{"--strategy", "both"}, {"--seconds", "0"},
+                                                    {"--seconds", "soon"},  {"--log", "loud"},
+                                                    {"--no-such-option"},   {"--timeline", "/nowhere/timeline.svg"}};
+    for (auto const& arguments : bad)
+    {
+        auto const result = runService(arguments);
+
+        EXPECT_EQ(result.exitCode, std::optional(2)) << arguments.front();
+        EXPECT_THAT(result.output, StartsWith("device_service: ")) << arguments.front();
+        EXPECT_THAT(result.output, HasSubstr(arguments.back())) << arguments.front();
+    }
+}
+
+TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
+{
+    auto const result = runService({"--help"});
+
+    EXPECT_EQ(result.exitCode, std::optional(0));
+    for (char const* const option : {"--strategy", "--seconds", "--timeline", "--log"})
+    {
+        EXPECT_THAT(result.output, HasSubstr(option));
+    }
+}
+
+}
