@@ -7,6 +7,7 @@
 
 #include <boost/asio/thread_pool.hpp>
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -55,7 +56,18 @@ public:
     void execute(std::vector<std::shared_ptr<PcmItemIfc>> const& items) noexcept override;
 
 private:
-    boost::asio::thread_pool pool;
+    struct Pool : boost::asio::thread_pool
+    {
+        explicit Pool(std::size_t threads)
+            : boost::asio::thread_pool(threads)
+            , hasThreads(threads != 0)
+        {
+        }
+
+        bool const hasThreads;
+    };
+
+    Pool pool;
 };
 
 /// @throws std::runtime_error "Unknown execution strategy requested for the PeriodicCallerManager"

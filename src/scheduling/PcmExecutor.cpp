@@ -53,7 +53,7 @@ void PcmExecutorThreadPool::execute(std::vector<std::shared_ptr<PcmItemIfc>> con
     {
         futures.emplace_back(std::async(std::launch::deferred, [item] { item->execute(); }));
     }
-    if (std::thread::hardware_concurrency() != 0) // without threads a task would never run, and keep its item for ever
+    if (pool.hasThreads) // without threads a task would never run, and keep its item for ever
     {
         for (auto const& future : futures)
         {

@@ -150,8 +150,12 @@ std::vector<std::shared_ptr<PcmItemIfc>> PeriodicCallerManager::dueUntil(steady_
     due.reserve(items.size());
     std::copy_if(items.begin(), items.end(), std::back_inserter(due),
                  [&until](auto const& item) { return item->nextDueTime() <= until; });
-    std::sort(due.begin(), due.end(),
-              [](auto const& left, auto const& right) { return left->nextDueTime() < right->nextDueTime(); });
+    auto const isEarlier = [](auto const& left, auto const& right)
+    { return left->nextDueTime() < right->nextDueTime(); };
+    if (!std::is_sorted(due.begin(), due.end(), isEarlier)) // functions that ran in turn are due in turn
+    {
+        std::sort(due.begin(), due.end(), isEarlier);
+    }
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "dueInPeriod: (%lu) items", static_cast<unsigned long>(due.size()));
     return due;
 }

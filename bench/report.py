@@ -1,0 +1,75 @@
+"""Prints the table of scripts/bench.
+
+usage: report.py RESULTS.json INSTRUCTIONS ALLOCATIONS
+"""
+
+import json
+import sys
+
+SIZES = (1, 10, 100, 1000)
+
+
+def medians(path):
+    with open(path, encoding="utf-8") as file:
+        runs = json.load(file)["benchmarks"]
+    return {run["run_name"]: run for run in runs if run.get("aggregate_name") == "median"}
+
+
+class Table:
+    def __init__(self, runs):
+        self.runs = runs
+
+    def value(self, name, field="real_time"):
+        for run_name, run in self.runs.items():
+            plain = run_name
+            for suffix in ("/manual_time", "/real_time", "/iterations:1", "/repeats:5", "/repeats:3"):
+                plain = plain.replace(suffix, "")
+            if plain == name:
+                return run[field]
+        sys.exit(f"report.py: no result of {name}")
+
+    def ratio(self, text, ours, reference, limit=None):
+        ratio = ours / reference
+        self.row(text, f"{ratio:.2f}", limit, ratio, f"{ours:.1f} / {reference:.1f} ns")
+
+    def count(self, text, number, limit):
+        self.row(text, f"{number:g}", limit, number, "")
+
+    def row(self, text, shown, limit, number, raw):
+        verdict = "" if limit is None else "held" if number <= limit else "MISSED"
+        print(f"{text:<58} {shown:>9} {'' if limit is None else f'{limit:g}':>6} {verdict:<7} {raw}")
+
+
+def main():
+    table = Table(medians(sys.argv[1]))
+    value = table.value
+    print(f"{'ours / reference':<58} {'ratio':>9} {'limit':>6} {'':<7} medians")
+
+    for n in SIZES:
+        table.ratio(f"add and remove / Asio timer, {n} registered", value(f"addRemove/{n}"), value(f"addRemoveTimer/{n}"))
+    for n in SIZES:
+        table.ratio(f"sequential batch of {n}, per item / its parts", value(f"batch/Sequential/{n}") / n,
+                    value("executionParts"), 1.2)
+    for n in SIZES:
+        table.ratio(f"thread-pool batch of {n} / bare pool", value(f"batch/ThreadPool/{n}"), value(f"barePool/{n}"),
+                    1 if n <= 100 else None)
+    table.ratio("hardware_concurrency() / thread-pool batch of 1", value("hardwareConcurrency"), value("batch/ThreadPool/1"))
+    for strategy in ("Sequential", "ThreadPool"):
+        for n in SIZES:
+            table.ratio(f"pass of {n}, {strategy}, per item / expiry of a timer", value(f"pass/{strategy}/{n}") / n,
+                        value(f"timerExpiry/{n}") / n, 1 if (strategy, n) == ("Sequential", 1000) else None)
+    for field in ("median", "p99"):
+        table.ratio(f"lateness at 1 ms, {field} / clock_nanosleep loop", value("lateness/function", field),
+                    value("lateness/clock_nanosleep", field))
+    table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
+    table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
+    table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
+
+    print()
+    table.count("instructions of a disabled log call", float(sys.argv[2]), 35)
+    table.count("allocations of disabled log calls", float(sys.argv[3]), 0)
+    table.count("allocations of a sequential pass of 1000", value("pass/Sequential/1000", "allocations"), 1)
+    table.count("wake-ups of an idle manager in 2 s", value("idleWakeUps", "wakeUps"), 0)
+
+
+main()
