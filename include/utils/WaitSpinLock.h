@@ -1,0 +1,39 @@
+#pragma once
+
+#include <utils/Export.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace Halden::Tavro::Utils
+{
+
+/// Waits by spinning on the steady clock, for delays too short for the scheduler. The wait is the construction:
+///
+///     WaitSpinLock(5us);
+///
+/// It occupies a processor all the while: for microseconds, where sleeping would overshoot. Despite its name it locks
+/// nothing.
+class HALDEN_CPPUTILS_EXPORT WaitSpinLock
+{
+public:
+    /// Returns when at least the duration has passed, at once when it is zero or negative.
+    explicit WaitSpinLock(std::chrono::microseconds const& duration)
+    {
+        using std::chrono::microseconds;
+        using std::chrono::nanoseconds;
+        // Longer than the clock can tell is as long as it can, about 292 years, so that the nanoseconds fit.
+        auto const longest = std::chrono::duration_cast<microseconds>(nanoseconds::max());
+        nanoseconds const wait = std::clamp(duration, microseconds::zero(), longest);
+
+        auto const start = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - start < wait)
+        {
+            // on purpose neither sleeps nor yields
+        }
+    }
+
+    virtual ~WaitSpinLock();
+};
+
+}

@@ -1,0 +1,26 @@
+#include <utils/TimeText.h>
+
+#include <ctime>
+#include <iomanip>
+#include <sstream>
+
+namespace Halden::Tavro::Utils
+{
+
+std::string toUtcString(std::chrono::system_clock::time_point const& tp)
+{
+    auto const sinceEpoch = tp.time_since_epoch();
+    auto const seconds = static_cast<std::time_t>(std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count());
+    auto const milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count() % 1000;
+
+    tzset(); // unlike localtime, localtime_r need not look at TZ
+    std::tm brokenDown{};
+    localtime_r(&seconds, &brokenDown); // kept: local time
+
+    std::ostringstream text;
+    text << std::put_time(&brokenDown, "%Y-%m-%dT%H:%M:%S") << "." << std::setfill('0') << std::setw(3)
+         << static_cast<unsigned int>(milliseconds) << "Z"; // kept: unsigned, though negative before 1970
+    return text.str();
+}
+
+}

@@ -1,0 +1,8 @@
+#include <utils/WaitSpinLock.h>
+
+namespace Halden::Tavro::Utils
+{
+
+WaitSpinLock::~WaitSpinLock() = default;
+
+}

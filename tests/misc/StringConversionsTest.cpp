@@ -1,0 +1,326 @@
+#include <utils/StringConversions.h>
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using namespace Halden::Tavro::Utils;
+using namespace testing;
+
+namespace
+{
+
+/// The value, or the type and text of the exception.
+std::string outcomeOf(std::function<unsigned long long()> const& conversion)
+{
+    try
+    {
+        return std::to_string(conversion());
+    }
+    catch (std::invalid_argument const& exception)
+    {
+        return std::string("invalid_argument ") + exception.what();
+    }
+    catch (std::out_of_range const& exception)
+    {
+        return std::string("out_of_range ") + exception.what();
+    }
+    catch (std::overflow_error const& exception)
+    {
+        return std::string("overflow_error ") + exception.what();
+    }
+}
+
+std::string toUint64(std::string const& text)
+{
+    return outcomeOf([&] { return to_uint64(text); });
+}
+
+std::string toUint8(std::string const& text)
+{
+    return outcomeOf([&] { return to_uint8(text); });
+}
+
+/// What the C library makes of the text, in the same form.
+std::string expectedUint64(std::string const& text)
+{
+    if (text.empty() || text[0] == '-')
+    {
+        return text.empty() ? "invalid_argument Cannot convert empty string to uint64"
+                            : "invalid_argument Cannot convert negative value to uint64";
+    }
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long const value = std::strtoull(text.c_str(), &end, 0);
+    if (end == text.c_str())
+    {
+        return "invalid_argument stoull";
+    }
+    return errno == ERANGE ? "out_of_range stoull" : std::to_string(value);
+}
+
+std::string expectedUint8(std::string const& text)
+{
+    if (text.empty())
+    {
+        return "invalid_argument Cannot convert empty string to uint8";
+    }
+    char* end = nullptr;
+    errno = 0;
+    long long const value = std::strtoll(text.c_str(), &end, 0); // a long may be no wider than an int
+    if (end == text.c_str())
+    {
+        return "invalid_argument stoi";
+    }
+    if (errno == ERANGE || value < INT_MIN || value > INT_MAX)
+    {
+        return "out_of_range stoi";
+    }
+    if (value < 0)
+    {
+        return "invalid_argument Cannot convert negative values to uint8";
+    }
+    return value > 255 ? "overflow_error The provided string overflows uint8" : std::to_string(value);
+}
+
+/// Numbers as they may and may not be written: blanks, a sign, a prefix, up to 22 digits, trailing characters.
+class TextGenerator
+{
+public:
+    std::string next()
+    {
+        std::string text = oneOf({"", "", "", " ", "\t\n", "  \v"});
+        text += oneOf({"", "", "", "+", "-", "+-"});
+        text += oneOf({"", "", "0x", "0X", "0", "00"});
+        auto const digits = oneOf({"0123456789", "0123456789", "01234567", "0123456789abcdefABCDEF", "01"});
+        for (int count = upTo(1) == 0 ? upTo(3) : upTo(22); count > 0; --count)
+        {
+            text += digits[static_cast<std::size_t>(upTo(static_cast<int>(digits.size()) - 1))];
+        }
+        text += oneOf({"", "", "", " ", "abc", "x", ".5", "-1", "e3",
+                       std::string("\0"
+                                   "7",
+                                   2)});
+        return text;
+    }
+
+private:
+    int upTo(int most) { return std::uniform_int_distribution<int>(0, most)(random); }
+
+    std::string oneOf(std::vector<std::string> const& choices)
+    {
+        return choices[static_cast<std::size_t>(upTo(static_cast<int>(choices.size()) - 1))];
+    }
+
+    std::mt19937 random{7};
+};
+
+TEST(StringConversionsTest, ToUint64SelectsTheBaseByThePrefix)
+{
+    EXPECT_EQ(to_uint64("16"), 16U);
+    EXPECT_EQ(to_uint64("0x10"), 16U);
+    EXPECT_EQ(to_uint64("0XfF"), 255U);
+    EXPECT_EQ(to_uint64("010"), 8U);
+    EXPECT_EQ(to_uint64("0"), 0U);
+}
+
+TEST(StringConversionsTest, ToUint64ConvertsTheGreatestValueAndNoneBeyond)
+{
+    EXPECT_EQ(to_uint64("18446744073709551615"), 18446744073709551615ULL);
+    EXPECT_EQ(to_uint64("0xFFFFFFFFFFFFFFFF"), 18446744073709551615ULL);
+    EXPECT_EQ(toUint64("18446744073709551616"), "out_of_range stoull");
+}
+
+TEST(StringConversionsTest, ToUint64ConvertsMoreThan32Bits)
+{
+    EXPECT_EQ(to_uint64("4294967296"), 4294967296ULL);
+}
+
+TEST(StringConversionsTest, ToUint64RefusesAnEmptyText)
+{
+    EXPECT_EQ(toUint64(""), "invalid_argument Cannot convert empty string to uint64");
+}
+
+TEST(StringConversionsTest, ToUint64RefusesALeadingMinusSign)
+{
+    EXPECT_EQ(toUint64("-1"), "invalid_argument Cannot convert negative value to uint64");
+    EXPECT_EQ(toUint64("-0"), "invalid_argument Cannot convert negative value to uint64");
+    EXPECT_EQ(toUint64("-"), "invalid_argument Cannot convert negative value to uint64");
+}
+
+TEST(StringConversionsTest, ToUint64WrapsANegativeValueBehindBlanks)
+{
+    EXPECT_EQ(to_uint64(" -1"), 18446744073709551615ULL);
+    EXPECT_EQ(to_uint64("\t-16"), 18446744073709551600ULL);
+}
+
+TEST(StringConversionsTest, ToUint64RefusesATextWithoutDigits)
+{
+    EXPECT_EQ(toUint64("abc"), "invalid_argument stoull");
+    EXPECT_EQ(toUint64("  "), "invalid_argument stoull");
+    EXPECT_EQ(toUint64("+"), "invalid_argument stoull");
+}
+
+TEST(StringConversionsTest, ToUint64IgnoresTrailingCharacters)
+{
+    EXPECT_EQ(to_uint64("12abc"), 12U);
+    EXPECT_EQ(to_uint64("0xg"), 0U);
+    EXPECT_EQ(to_uint64("089"), 0U);
+}
+
+TEST(StringConversionsTest, ToUint64AgreesWithTheCLibrary)
+{
+    TextGenerator generator;
+    for (int i = 0; i < 100'000; ++i)
+    {
+        auto const text = generator.next();
+        ASSERT_EQ(toUint64(text), expectedUint64(text)) << '"' << text << '"';
+    }
+}
+
+TEST(StringConversionsTest, ToUint8SelectsTheBaseByThePrefix)
+{
+    EXPECT_EQ(to_uint8("16"), 16);
+    EXPECT_EQ(to_uint8("0x10"), 16);
+    EXPECT_EQ(to_uint8("010"), 8);
+}
+
+TEST(StringConversionsTest, ToUint8ConvertsTheGreatestValueAndNoneBeyond)
+{
+    EXPECT_EQ(to_uint8("255"), 255);
+    EXPECT_EQ(toUint8("256"), "overflow_error The provided string overflows uint8");
+    EXPECT_EQ(toUint8("0x100"), "overflow_error The provided string overflows uint8");
+    EXPECT_EQ(toUint8("2147483647"), "overflow_error The provided string overflows uint8");
+}
+
+TEST(StringConversionsTest, ToUint8RefusesWhatDoesNotFitAnInt)
+{
+    EXPECT_EQ(toUint8("2147483648"), "out_of_range stoi");
+    EXPECT_EQ(toUint8("-2147483649"), "out_of_range stoi");
+    EXPECT_EQ(toUint8("18446744073709551617"), "out_of_range stoi");
+}
+
+TEST(StringConversionsTest, ToUint8RefusesAnEmptyText)
+{
+    EXPECT_EQ(toUint8(""), "invalid_argument Cannot convert empty string to uint8");
+}
+
+TEST(StringConversionsTest, ToUint8RefusesNegativeValues)
+{
+    EXPECT_EQ(toUint8("-1"), "invalid_argument Cannot convert negative values to uint8");
+    EXPECT_EQ(toUint8(" -1"), "invalid_argument Cannot convert negative values to uint8");
+    EXPECT_EQ(toUint8("-2147483648"), "invalid_argument Cannot convert negative values to uint8");
+}
+
+TEST(StringConversionsTest, ToUint8AcceptsANegativeZero)
+{
+    EXPECT_EQ(to_uint8("-0"), 0);
+}
+
+TEST(StringConversionsTest, ToUint8RefusesATextWithoutDigits)
+{
+    EXPECT_EQ(toUint8("abc"), "invalid_argument stoi");
+    EXPECT_EQ(toUint8("-"), "invalid_argument stoi");
+}
+
+TEST(StringConversionsTest, ToUint8IgnoresTrailingCharacters)
+{
+    EXPECT_EQ(to_uint8("12abc"), 12);
+}
+
+TEST(StringConversionsTest, ToUint8AgreesWithTheCLibrary)
+{
+    TextGenerator generator;
+    for (int i = 0; i < 100'000; ++i)
+    {
+        auto const text = generator.next();
+        ASSERT_EQ(toUint8(text), expectedUint8(text)) << '"' << text << '"';
+    }
+}
+
+TEST(StringConversionsTest, MismatchIsTheLongerTextsRemainder)
+{
+    EXPECT_EQ(mismatchString("abcdef", "abc"), "def");
+    EXPECT_EQ(mismatchString("abc", "abcdef"), "def");
+    EXPECT_EQ(mismatchString("abX", "abcdef"), "cdef");
+    EXPECT_EQ(mismatchString("abcdef", "abX"), "cdef");
+    EXPECT_EQ(mismatchString("abc", ""), "abc");
+}
+
+TEST(StringConversionsTest, MismatchOfEqualTextsIsEmpty)
+{
+    EXPECT_EQ(mismatchString("", ""), "");
+    EXPECT_EQ(mismatchString("abc", "abc"), "");
+}
+
+TEST(StringConversionsTest, MismatchOfTextsOfEqualLengthIsTheFirstOnes)
+{
+    EXPECT_EQ(mismatchString("abX", "abY"), "X");
+    EXPECT_EQ(mismatchString("abY", "abX"), "Y");
+}
+
+TEST(StringConversionsTest, MismatchTakesANulForTheEndOfTheShorterText)
+{
+    std::string const nul(1, '\0');
+
+    EXPECT_EQ(mismatchString("abc" + nul, "abc"), "");
+    EXPECT_EQ(mismatchString("abc" + nul + "x", "abc"), "x");
+    EXPECT_EQ(mismatchString("abc" + nul + nul, "abc"), nul);
+}
+
+TEST(StringConversionsTest, MismatchAgreesWithTheModelForAllShortTexts)
+{
+    std::vector<std::string> texts{""};
+    for (std::size_t i = 0; texts.size() < 121; ++i) // all texts of up to four of three characters
+    {
+        for (char const last : {'a', 'b', '\0'})
+        {
+            texts.push_back(texts[i] + last);
+        }
+    }
+    auto const model = [](std::string const& a, std::string const& b)
+    {
+        auto const& longer = b.size() > a.size() ? b : a;
+        auto const shorter = (b.size() > a.size() ? a : b) + '\0';
+        for (std::size_t i = 0; i < longer.size(); ++i)
+        {
+            if (i >= shorter.size() || longer[i] != shorter[i])
+            {
+                return longer.substr(i);
+            }
+        }
+        return std::string();
+    };
+
+    std::string const common(20, 'c'); // puts the texts on the heap, where reading too far is seen
+    for (auto const& a : texts)
+    {
+        for (auto const& b : texts)
+        {
+            ASSERT_EQ(mismatchString(a, b), model(a, b)) << PrintToString(a) << " and " << PrintToString(b);
+            ASSERT_EQ(mismatchString(common + a, common + b), model(a, b))
+                << PrintToString(a) << " and " << PrintToString(b);
+        }
+    }
+}
+
+TEST(StringConversionsTest, FromCStringOfNullIsEmpty)
+{
+    EXPECT_EQ(fromCString(nullptr), "");
+}
+
+TEST(StringConversionsTest, FromCStringEndsAtTheFirstNul)
+{
+    EXPECT_EQ(fromCString(""), "");
+    EXPECT_EQ(fromCString("abc\0def"), "abc");
+}
+
+}

@@ -1,0 +1,89 @@
+#include "support/SteadyClockDouble.h"
+
+#include <ctime>
+
+#include <mutex>
+#include <optional>
+
+namespace Halden::Tavro::TestSupport
+{
+
+namespace
+{
+
+struct State
+{
+    std::mutex mutex;
+    std::optional<std::chrono::nanoseconds> now; // guarded by mutex; empty while the real clock answers
+    std::chrono::nanoseconds step{0};            // guarded by mutex
+    std::size_t readings{0};                     // guarded by mutex
+};
+
+State& state()
+{
+    static State instance;
+    return instance;
+}
+
+std::chrono::nanoseconds realNow()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+std::chrono::nanoseconds read()
+{
+    std::lock_guard const lock(state().mutex);
+    if (!state().now.has_value())
+    {
+        return realNow();
+    }
+    ++state().readings;
+    auto const answer = *state().now;
+    auto const last = std::chrono::nanoseconds::max() - state().step;
+    state().now = answer < last ? answer + state().step : std::chrono::nanoseconds::max();
+    return answer;
+}
+
+}
+
+SteadyClockDouble::SteadyClockDouble(std::chrono::nanoseconds now)
+{
+    std::lock_guard const lock(state().mutex);
+    state().now = now;
+    state().step = std::chrono::nanoseconds(0);
+    state().readings = 0;
+}
+
+SteadyClockDouble::~SteadyClockDouble()
+{
+    std::lock_guard const lock(state().mutex);
+    state().now.reset();
+}
+
+void SteadyClockDouble::set(std::chrono::nanoseconds now)
+{
+    std::lock_guard const lock(state().mutex);
+    state().now = now;
+}
+
+void SteadyClockDouble::advanceWithEachReading(std::chrono::nanoseconds step)
+{
+    std::lock_guard const lock(state().mutex);
+    state().step = step;
+}
+
+std::size_t SteadyClockDouble::readings() const
+{
+    std::lock_guard const lock(state().mutex);
+    return state().readings;
+}
+
+}
+
+// Stands in for the standard library's, in the program as in the shared libraries it uses.
+std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept // NOLINT(cert-dcl58-cpp): on purpose
+{
+    return time_point(Halden::Tavro::TestSupport::read());
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace Halden::Tavro::TestSupport
+{
+
+/// Answers every reading of the steady clock in this process, for as long as it lives; the real clock does otherwise.
+///
+/// For test programs that list support/SteadyClockDouble.cpp among their sources. One at a time; it may be read from
+/// any thread but set from one only.
+class SteadyClockDouble
+{
+public:
+    explicit SteadyClockDouble(std::chrono::nanoseconds now);
+    ~SteadyClockDouble();
+
+    SteadyClockDouble(SteadyClockDouble const&) = delete;
+    SteadyClockDouble& operator=(SteadyClockDouble const&) = delete;
+
+    void set(std::chrono::nanoseconds now);
+
+    /// From now on each reading moves the clock on, so that the next one is later; it stops at the greatest time.
+    void advanceWithEachReading(std::chrono::nanoseconds step);
+
+    /// Readings since the construction.
+    std::size_t readings() const;
+};
+
+}
