@@ -1,0 +1,98 @@
+#pragma once
+
+#include <log/Logger.h>
+#include <utils/Export.h>
+#include <utils/PeriodicCallerManager.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+namespace Halden::Tavro::Utils
+{
+
+/// Whether a real-time clock agrees with the system clock: the device exists, can be read, and is less than 30 s off.
+///
+/// The clock's reading counts as local time, in whole seconds, with the daylight-saving flag that the device gives.
+///
+/// Every reading that fails after the device was opened costs a descriptor, which is never closed. With a device whose
+/// clock never answers, that is one for each call: a SystemTimeHandler that polls it once a minute uses up the usual
+/// 1024 descriptors of a process in some 17 hours. On such a device, see to it that the time is synchronised or set
+/// soon, or take the device node away.
+///
+/// @throws std::filesystem::filesystem_error when the device's status cannot be told, unless it is just not there
+HALDEN_CPPUTILS_EXPORT bool devRtcValid(std::string const& device);
+
+/// Whether the system clock can be believed as absolute time, for devices that boot with a wrong one.
+class HALDEN_CPPUTILS_EXPORT SystemTimeHandlerIfc
+{
+public:
+    virtual ~SystemTimeHandlerIfc();
+
+    virtual bool hasAbsoluteTime() const = 0;
+
+    /// Finds out for the first time, and starts what is needed to find out later. To be called once.
+    virtual void initialize() = 0;
+};
+
+/// Believes the system clock as soon as a service has synchronised it, a real-time clock agrees with it within 30 s, or
+/// somebody sets it.
+///
+///     SystemTimeHandler systemTime(manager);
+///     systemTime.initialize();
+///     ...
+///     if (systemTime.hasAbsoluteTime())
+///
+/// While nothing of that has happened, a function of the manager looks once a minute. Once the clock is believed this
+/// ends for good, and so does the looking when the kernel's timer, which tells of the setting, cannot be made or read:
+/// then the answer stays false. All failures are logged and none is thrown, but for those of devRtcValid(), of the
+/// manager, and of allocations; they reach the caller of initialize() or, from a poll, the manager's log.
+///
+/// The timer's descriptor is closed when the clock has been set or the timer cannot be read. When the clock was
+/// believed for another reason, and when the handler is destroyed before, it stays open. See devRtcValid() for the
+/// descriptors that a real-time clock costs which does not answer.
+///
+/// Threads: hasAbsoluteTime() may be called from any thread. initialize() and the destructor belong to the owner's
+/// thread, while the first poll may run on a thread of the manager before initialize() has returned. The destructor
+/// waits for a poll in progress. Somebody else must hold the manager for longer than the handler: polling may end at
+/// that very moment on a thread of the manager, which cannot destroy the manager there.
+class HALDEN_CPPUTILS_EXPORT SystemTimeHandler : public SystemTimeHandlerIfc, protected virtual Log::Logger
+{
+public:
+    /// @param manager not null unless the clock is believed at once
+    explicit SystemTimeHandler(std::shared_ptr<PeriodicCallerManagerIfc> manager);
+
+    SystemTimeHandler(SystemTimeHandler const&) = delete;
+    SystemTimeHandler& operator=(SystemTimeHandler const&) = delete;
+
+    /// Ends the polling. Leaves an open timer descriptor open.
+    ~SystemTimeHandler() override;
+
+    bool hasAbsoluteTime() const override;
+    void initialize() override;
+
+protected:
+    /// Whether the kernel's clock counts as synchronised; false when that cannot be told.
+    bool syncedByService() const;
+
+    /// Whether one of the usual real-time clock devices agrees, see devRtcValid(). Tries no more after the first.
+    bool rtcValid();
+
+    /// Arms a timer that never expires but is cancelled when the clock is set.
+    ///
+    /// @return 0, or anything else with the reason in errno
+    int startSetClockDetection();
+
+    /// One look; the manager's function.
+    void pollTimeStatus();
+
+private:
+    void stopPolling();
+
+    std::unique_ptr<PeriodicCallerManagerTokenIfc> pollToken; // null unless polling; guarded by a mutex of the source
+    std::shared_ptr<PeriodicCallerManagerIfc> manager;
+    std::atomic<bool> absoluteTime{false};
+    int clockSetTimerFd{0}; // -1 once polling has ended; written under the same mutex while there may be polls
+};
+
+}
