@@ -61,6 +61,13 @@ def main():
     for field in ("median", "p99"):
         table.ratio(f"lateness at 1 ms, {field} / clock_nanosleep loop", value("lateness/function", field),
                     value("lateness/clock_nanosleep", field))
+    table.ratio("open code barrier / relaxed atomic read", value("crossOpenBarrier"), value("bareAtomicLoad"), 1.3)
+    table.ratio("overshoot of a 10 us spin / one clock reading", value("waitSpinLock/10", "overshoot_ns"),
+                value("readSteadyClock"))
+    for name in ("bitmask", "twoComplement", "signed24", "signed48"):
+        table.ratio(f"{name} / shifts by hand", value(f"{name}OfLibrary"), value(f"{name}ByHand"))
+    for zone in ("TzSet", "TzUnset"):
+        table.ratio(f"toUtcString / strftime, {zone}", value(f"timeText/{zone}"), value(f"timeTextStrftime/{zone}"))
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))

@@ -117,7 +117,7 @@ std::string upload(unsigned& uploads)
 
 }
 
-std::vector<Job> makeJobs()
+std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime)
 {
     auto const sensor = std::make_shared<PressureSensor>();
     return {
@@ -125,6 +125,7 @@ std::vector<Job> makeJobs()
         {"load", 250ms, readLoad},
         {"memory", 500ms, readMemory},
         makeTemperatureJob(),
+        {"clock", 1s, [&systemTime] { return systemTime.hasAbsoluteTime() ? "absolute" : "not trusted yet"; }},
         {"link", 400ms, [checks = 0U]() mutable { return checkLink(checks); }},
         {"upload", 900ms, [uploads = 0U]() mutable { return upload(uploads); }},
     };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utils/SystemTimeHandler.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -17,6 +19,8 @@ struct Job
 };
 
 /// The jobs of a small device: it watches itself, samples a sensor, sends data away and now and then fails.
-std::vector<Job> makeJobs();
+///
+/// @param systemTime outlives the jobs
+std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime);
 
 }

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <list>
 #include <memory>
+#include <optional>
 #include <thread>
 
 namespace
@@ -20,6 +21,7 @@ using namespace DeviceService;
 using namespace std::chrono_literals;
 using Halden::Tavro::Utils::PeriodicCallerManager;
 using Halden::Tavro::Utils::PeriodicCallerManagerTokenIfc;
+using Halden::Tavro::Utils::SystemTimeHandler;
 
 /// The signals that end the service. Blocked before any thread starts, so that only wait() sees them.
 class StopSignals
@@ -54,8 +56,10 @@ class Service
 public:
     explicit Service(PeriodicCallerManager::ExecutionStrategy strategy)
         : manager(std::make_shared<PeriodicCallerManager>(strategy, "device"))
+        , systemTime(std::in_place, manager)
     {
-        for (Job& job : makeJobs())
+        systemTime->initialize();
+        for (Job& job : makeJobs(*systemTime))
         {
             shortestPeriod = std::min(shortestPeriod, job.period);
             JobRecord& record = records.emplace_back(std::move(job), Clock::now());
@@ -72,6 +76,7 @@ public:
             return;
         }
         tokens.clear(); // from here on no job runs
+        systemTime.reset();
         // The manager notices no request that comes in the instant before its scheduler falls asleep, and without
         // jobs that sleep has no end. So it is given the time to fall asleep: it wakes once more, for the job that
         // would have been due next, then for nothing but the manager's destructor.
@@ -85,6 +90,7 @@ private:
     std::chrono::milliseconds shortestPeriod{std::chrono::hours(1)};
     std::list<JobRecord> records; // a list, for the jobs refer to its elements
     std::shared_ptr<PeriodicCallerManager> manager;
+    std::optional<SystemTimeHandler> systemTime;
     std::vector<std::unique_ptr<PeriodicCallerManagerTokenIfc>> tokens;
 };
 

@@ -63,7 +63,7 @@ std::map<std::string, int> runsIn(std::string const& output)
 auto hasEachFunctionWithRuns()
 {
     auto const ran = [](char const* name) { return Pair(name, Gt(0)); };
-    return UnorderedElementsAre(ran("pressure"), ran("load"), ran("memory"), ran("link"), ran("upload"),
+    return UnorderedElementsAre(ran("pressure"), ran("load"), ran("memory"), ran("clock"), ran("link"), ran("upload"),
                                 AnyOf(ran("temperature"), ran("uptime")));
 }
 

@@ -1,0 +1,99 @@
+// Holds a worker at a point of its work and reads the values that it has published there.
+//
+//     stop_and_look --jobs 3
+
+#include <utils/CodeMonitor.h>
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <string>
+
+using Halden::Tavro::Utils::CodeMonitor;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+struct Progress
+{
+    std::string phase;
+};
+
+/// The code under test: adds up 1 to n. The monitor shows its inner state at the end of the first phase.
+unsigned long long addUp(unsigned n, CodeMonitor& monitor)
+{
+    Progress progress{"adding"};
+    unsigned long long sum = 0;
+    for (unsigned i = 1; i <= n; ++i)
+    {
+        sum += i;
+    }
+
+    monitor.setArgument("sum", sum);
+    monitor.setArgument("progress", &progress);
+    monitor.crossBarrier(); // one atomic read, unless somebody wants to look
+
+    progress.phase = "done";
+    return sum;
+}
+
+/// @return false when the worker did not come to the barrier
+bool lookAtJob(unsigned n, CodeMonitor& monitor)
+{
+    monitor.closeBarrier(); // before the worker gets there
+    auto worker = std::async(std::launch::async, addUp, n, std::ref(monitor));
+
+    bool const held = monitor.waitTrapped(10s);
+    if (held)
+    {
+        auto const sum = monitor.getArgument("sum").value.uint64;
+        auto const* progress = static_cast<Progress const*>(monitor.getArgument("progress").value.pointer);
+        std::cout << "job " << n << ": held while " << progress->phase << ", the sum is " << sum << '\n';
+    }
+    monitor.openBarrier();
+    std::cout << "job " << n << ": released, the result is " << worker.get() << '\n';
+    return held;
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    unsigned jobs = 3;
+    CLI::App app("Holds a worker at a point of its work and looks at its values.");
+    app.add_option("--jobs", jobs, "How many jobs to look at")->capture_default_str();
+    try
+    {
+        app.parse(argc, argv);
+        CodeMonitor monitor("addUp");
+        for (unsigned job = 1; job <= jobs; ++job)
+        {
+            if (!lookAtJob(job, monitor))
+            {
+                std::cerr << "The worker did not come to the barrier.\n";
+                return 1;
+            }
+        }
+        std::cout << "open barrier: the result is " << addUp(jobs, monitor) << '\n';
+        return 0;
+    }
+    catch (CLI::CallForHelp const& help)
+    {
+        return app.exit(help);
+    }
+    catch (CLI::ParseError const& error)
+    {
+        std::cerr << "stop_and_look: " << error.what() << '\n';
+        return 2;
+    }
+    catch (std::exception const& exception)
+    {
+        std::cerr << exception.what() << '\n';
+        return 1;
+    }
+}

@@ -1,0 +1,169 @@
+// Runs the example on this machine, whatever its clock is like, and compares its answers with the system's own.
+
+#include "support/ChildProcess.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <sys/timex.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Halden::Tavro
+{
+
+namespace
+{
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+TestSupport::ChildResult clockTrust(std::vector<std::string> arguments)
+{
+    return TestSupport::runInChild(
+        [&arguments]
+        {
+            arguments.insert(arguments.begin(), CLOCK_TRUST);
+            std::vector<char*> pointers;
+            for (auto& argument : arguments)
+            {
+                pointers.push_back(argument.data());
+            }
+            pointers.push_back(nullptr);
+            execv(CLOCK_TRUST, pointers.data());
+            return 127;
+        });
+}
+
+bool isSynchronised()
+{
+    timex query{};
+    return adjtimex(&query) >= 0 && (query.status & STA_UNSYNC) == 0;
+}
+
+/// Sets it to its own reading again and again, as nobody knows when the example has its timer.
+[[noreturn]] void setTheClockForSomeSeconds()
+{
+    for (int i = 0; i < 150; ++i)
+    {
+        timespec present{};
+        clock_gettime(CLOCK_REALTIME, &present);
+        clock_settime(CLOCK_REALTIME, &present);
+        usleep(100'000);
+    }
+    _exit(0);
+}
+
+TEST(ClockTrustTest, StatusAgreesWithTheVerdict)
+{
+    auto const result = clockTrust({});
+
+    ASSERT_TRUE(result.exitCode.has_value());
+    ASSERT_THAT(*result.exitCode, testing::AnyOf(0, 1));
+    EXPECT_THAT(result.output,
+                EndsWith(*result.exitCode == 0 ? "The time is absolute.\n" : "The time cannot be believed.\n"));
+}
+
+TEST(ClockTrustTest, SynchronisationIsTheKernels)
+{
+    auto const result = clockTrust({});
+
+    EXPECT_THAT(result.output,
+                StartsWith(isSynchronised() ? "Synchronised by a service: yes\n    Clock is synced.\n"
+                                            : "Synchronised by a service: no\n    Clock is not synced.\n"));
+}
+
+TEST(ClockTrustTest, EveryDeviceIsNamedUntilOneAgrees)
+{
+    auto const result = clockTrust({});
+
+    bool const agrees = result.output.find("Agrees with a real-time clock: yes\n") != std::string::npos;
+    EXPECT_NE(agrees, result.output.find("Agrees with a real-time clock: no\n") != std::string::npos);
+    for (std::string const device : {"/dev/rtc0", "/dev/rtc", "/dev/misc/rtc", "/dev/efirtc", "/dev/misc/efirtc"})
+    {
+        bool const exists = std::filesystem::exists(device);
+        if (exists && agrees)
+        {
+            break; // this one may have ended the search
+        }
+        EXPECT_THAT(result.output, HasSubstr(exists ? device : "    No RTC available in " + device + ".\n"));
+    }
+}
+
+TEST(ClockTrustTest, SettingTheClockEndsTheWait)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (clock_settime(CLOCK_REALTIME, &now) != 0)
+    {
+        GTEST_SKIP() << "not allowed to set the clock: " << strerror(errno);
+    }
+    if (clockTrust({}).exitCode == 0)
+    {
+        GTEST_SKIP() << "the clock is believed already";
+    }
+
+    pid_t const setter = fork();
+    ASSERT_GE(setter, 0);
+    if (setter == 0)
+    {
+        setTheClockForSomeSeconds();
+    }
+    auto const result = clockTrust({"--wait", "15"});
+    kill(setter, SIGKILL);
+    waitpid(setter, nullptr, 0);
+
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.output, EndsWith("Clock time was set.\nThe time is absolute.\n"));
+}
+
+TEST(ClockTrustTest, WaitEndsInVainAfterItsTime)
+{
+    if (clockTrust({}).exitCode == 0)
+    {
+        GTEST_SKIP() << "the clock is believed already";
+    }
+
+    auto const start = std::chrono::steady_clock::now();
+    auto const result = clockTrust({"--wait", "1"});
+
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.output, EndsWith("The time cannot be believed.\n"));
+}
+
+TEST(ClockTrustTest, BadOptionIsAnsweredWithOneSentence)
+{
+    for (std::vector<std::string> const& arguments :
+         {std::vector<std::string>{"--wiat"}, {"--wait"}, {"--wait", "soon"}, {"--wait", "-1"}, {"now"}})
+    {
+        auto const result = clockTrust(arguments);
+
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_THAT(result.output, AllOf(StartsWith("clock_trust: "), EndsWith("\n")));
+        EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
+    }
+}
+
+TEST(ClockTrustTest, HelpNamesTheOption)
+{
+    auto const result = clockTrust({"--help"});
+
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.output, HasSubstr("--wait SECONDS"));
+}
+
+}
+
+}
