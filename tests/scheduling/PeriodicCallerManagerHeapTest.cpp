@@ -1,0 +1,141 @@
+#include "scheduling/HeldCall.h"
+#include "scheduling/SchedulerSleep.h"
+#include "support/LogCapture.h"
+#include "support/Resources.h"
+#include "support/WaitFor.h"
+
+#include <utils/PeriodicCallerManager.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <future>
+#include <memory>
+#include <vector>
+
+using namespace Halden::Tavro;
+using namespace Halden::Tavro::TestSupport;
+using namespace Halden::Tavro::Utils;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+using Strategy = PeriodicCallerManager::ExecutionStrategy;
+using Token = std::unique_ptr<PeriodicCallerManagerTokenIfc>;
+
+constexpr std::chrono::seconds sixYears{200'000'000};
+constexpr std::chrono::seconds thirtyYears{1'000'000'000};
+
+class PeriodicCallerManagerHeapTest : public testing::Test
+{
+protected:
+    LogCapture log{Log::Severity::Warning}; // trace texts are off
+};
+
+TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
+{
+    constexpr int passesBefore = 50;
+    constexpr int passes = 1000;
+    int calls = 0; // on the scheduler thread alone
+    std::size_t allocationsBefore = 0;
+    std::size_t allocations = 0;
+    std::vector<Token> tokens(100);
+    std::promise<void> registered;
+    std::promise<void> measured;
+    auto const sut = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
+    SchedulerSleep::await();
+
+    // A negative period makes an item part of every pass.
+    tokens[0] = sut->add(
+        [&]
+        {
+            ++calls;
+            if (calls == 1)
+            {
+                registered.get_future().wait();
+            }
+            if (calls == passesBefore)
+            {
+                allocationsBefore = heapAllocations();
+            }
+            if (calls == passesBefore + passes)
+            {
+                allocations = heapAllocations() - allocationsBefore;
+                tokens.clear(); // here, where the scheduler does not read its list
+                measured.set_value();
+            }
+        },
+        -1s);
+    for (std::size_t i = 1; i < tokens.size(); ++i)
+    {
+        tokens[i] = sut->add([] {}, -1s);
+    }
+    log.expect(isLine(Log::Severity::Warning, "Halden::Tavro::Utils::PcmItem",
+                      std::string("Execution of PCM item is forbidden"))); // the rest of the last batch
+    registered.set_value();
+    measured.get_future().wait();
+    SchedulerSleep::await();
+
+    EXPECT_GT(allocations, 0); // else nothing is counted
+    EXPECT_LE(allocations, passes);
+}
+
+TEST_F(PeriodicCallerManagerHeapTest, ChangeOfTheNextDueTimeComposesNoTextWhileTraceIsOff)
+{
+    auto const sut = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
+    SchedulerSleep::await();
+    Token const later = sut->add([] {}, thirtyYears);
+    SchedulerSleep::await();
+    Token earlier = sut->add([] {}, sixYears);
+    SchedulerSleep::await();
+
+    std::size_t const allocationsBefore = heapAllocations();
+    earlier.reset();
+
+    EXPECT_EQ(heapAllocations(), allocationsBefore);
+}
+
+class PeriodicCallerManagerLeakTest : public PeriodicCallerManagerHeapTest, public testing::WithParamInterface<Strategy>
+{
+protected:
+    static void liveOnce()
+    {
+        std::atomic<int> calls{0};
+        auto manager = std::make_shared<PeriodicCallerManager>(GetParam(), "sensors");
+        SchedulerSleep::await(); // a request just before the sleep would get lost
+        Token const rare = manager->add([] {}, sixYears);
+        SchedulerSleep::await();
+        Token token = manager->add([&calls] { ++calls; }, 20ms);
+        EXPECT_TRUE(waitFor([&] { return calls > 0; }));
+        SchedulerSleep::await(5ms);
+        token.reset();
+        SchedulerSleep::await();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerLeakTest,
+                         testing::Values(Strategy::ThreadPool, Strategy::Sequential),
+                         [](auto const& strategy)
+                         { return strategy.param == Strategy::ThreadPool ? "ThreadPool" : "Sequential"; });
+
+TEST_P(PeriodicCallerManagerLeakTest, HundredManagersLeaveNothingBehind)
+{
+    liveOnce(); // what the system keeps for good
+    std::size_t const threads = runningThreads();
+    std::size_t const descriptors = openDescriptors();
+    std::size_t const blocks = heapBlocks();
+
+    for (int i = 0; i < 100; ++i)
+    {
+        liveOnce();
+    }
+
+    EXPECT_TRUE(waitFor([&] { return runningThreads() == threads; }));
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_EQ(heapBlocks(), blocks);
+}
+
+}

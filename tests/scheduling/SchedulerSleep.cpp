@@ -1,0 +1,123 @@
+#include "scheduling/SchedulerSleep.h"
+
+#include "support/WaitFor.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <time.h>
+
+#include <atomic>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+namespace
+{
+
+/// One sleep that nobody has disturbed so far.
+struct Sleep
+{
+    pthread_cond_t* condition{nullptr}; // null when there is none
+    pthread_mutex_t* released{nullptr};
+    timespec until{};
+};
+
+std::mutex mutex;
+Sleep current;              // guarded by mutex
+std::function<void()> hook; // guarded by mutex
+std::atomic<std::size_t> sleeps{0};
+std::atomic<std::size_t> broadcasts{0};
+
+template <typename Function>
+Function* systemFunction(char const* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+/// In seconds, for an endless sleep does not fit nanoseconds.
+double timeLeft(timespec const& until)
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(until.tv_sec - now.tv_sec) + static_cast<double>(until.tv_nsec - now.tv_nsec) / 1e9;
+}
+
+pthread_mutex_t* sleeper(std::chrono::duration<double> atLeast)
+{
+    std::lock_guard const lock(mutex);
+    bool const found = current.condition != nullptr && timeLeft(current.until) >= atLeast.count();
+    return found ? current.released : nullptr;
+}
+
+}
+
+extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* released, clockid_t clock,
+                                      timespec const* until)
+{
+    static auto* const system = systemFunction<decltype(pthread_cond_clockwait)>("pthread_cond_clockwait");
+    std::function<void()> called;
+    {
+        std::lock_guard const lock(mutex);
+        called = std::exchange(hook, nullptr);
+    }
+    if (called)
+    {
+        called();
+    }
+    {
+        std::lock_guard const lock(mutex);
+        current = {condition, released, *until};
+    }
+    ++sleeps;
+    int const result = system(condition, released, clock, until);
+    std::lock_guard const lock(mutex);
+    current = {};
+    return result;
+}
+
+extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
+{
+    static auto* const system = systemFunction<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
+    ++broadcasts;
+    {
+        std::lock_guard const lock(mutex);
+        if (current.condition == condition)
+        {
+            current = {};
+        }
+    }
+    return system(condition);
+}
+
+namespace Halden::Tavro::TestSupport::SchedulerSleep
+{
+
+void await(std::chrono::milliseconds atLeast)
+{
+    pthread_mutex_t* found = nullptr;
+    if (!waitFor([&] { return (found = sleeper(atLeast)) != nullptr; }))
+    {
+        throw std::runtime_error("no scheduler sleeps");
+    }
+    // It is free as soon as the thread is among those that a notification wakes.
+    pthread_mutex_lock(found);
+    pthread_mutex_unlock(found);
+}
+
+std::size_t count()
+{
+    return sleeps;
+}
+
+std::size_t requests()
+{
+    return broadcasts;
+}
+
+void beforeNext(std::function<void()> function)
+{
+    std::lock_guard const lock(mutex);
+    hook = std::move(function);
+}
+
+}

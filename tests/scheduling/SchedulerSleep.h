@@ -1,0 +1,28 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+
+/// Sees into the sleep of scheduler threads. For test programs that list SchedulerSleep.cpp among their sources: it
+/// replaces the C functions beneath std::condition_variable, so nothing else there may wait on one with a limit.
+namespace Halden::Tavro::TestSupport::SchedulerSleep
+{
+
+/// Returns when the manager that slept last is in a sleep that goes on for at least that time, all requests served.
+/// Then it is not reading its list, and every request wakes it.
+///
+/// A request that comes between a scheduler's last look and its sleep is lost, and a removal beside its scan is a race,
+/// so a test waits here before it destroys a manager or a token.
+void await(std::chrono::milliseconds atLeast = std::chrono::seconds(5));
+
+/// How many sleeps have begun.
+std::size_t count();
+
+/// How many wake-ups have been asked for.
+std::size_t requests();
+
+/// Calls the function once, on the next scheduler thread that is between its last look and its sleep.
+void beforeNext(std::function<void()> function);
+
+}
