@@ -168,7 +168,7 @@ bool isTrusted(std::chrono::seconds wait)
 
 }
 
-int main(int argc, char** argv)
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     CLI::App app("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.");
     int wait = 0;

@@ -18,7 +18,7 @@ struct Run
     Clock::time_point due;
     Clock::time_point start;
     Clock::time_point end;
-    bool failed;
+    bool failed{false};
 
     Clock::duration lateness() const { return start - due; }
     Clock::duration runTime() const { return end - start; }

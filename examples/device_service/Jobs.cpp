@@ -22,8 +22,8 @@ constexpr char const* thermalZone = "/sys/class/thermal/thermal_zone0/temp";
 template <typename Value>
 std::string toText(char const* format, Value value)
 {
-    char text[64];
-    std::snprintf(text, sizeof text, format, value);
+    char text[64]{};
+    static_cast<void>(std::snprintf(text, sizeof text, format, value));
     return text;
 }
 
@@ -94,7 +94,7 @@ public:
     }
 
 private:
-    std::minstd_rand generator{1};
+    std::minstd_rand generator{1}; // NOLINT(cert-msc51-cpp,cert-msc32-c): noise, no secret
     std::normal_distribution<double> noise{4.0, 0.5};
     double filtered{4.0};
 };

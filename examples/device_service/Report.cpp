@@ -16,6 +16,7 @@ template <typename Measure>
 std::vector<double> sorted(std::vector<Run> const& runs, Measure measure)
 {
     std::vector<double> values;
+    values.reserve(runs.size());
     for (Run const& run : runs)
     {
         values.push_back(std::chrono::duration<double, std::milli>((run.*measure)()).count());

@@ -48,7 +48,8 @@ std::string escaped(std::string const& text)
 /// The least of 1, 2, 5, 10, ... seconds that gives at most twelve steps.
 double gridStep(double seconds)
 {
-    for (double decade = 1;; decade *= 10)
+    double decade = 1;
+    while (true)
     {
         for (double const step : {decade, 2 * decade, 5 * decade})
         {
@@ -57,6 +58,7 @@ double gridStep(double seconds)
                 return step;
             }
         }
+        decade *= 10;
     }
 }
 

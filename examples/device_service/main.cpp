@@ -3,7 +3,7 @@
 #include "Report.h"
 #include "Timeline.h"
 
-#include <signal.h>
+#include <signal.h> // NOLINT(modernize-deprecated-headers): sigtimedwait is POSIX
 #include <unistd.h>
 
 #include <algorithm>

@@ -62,7 +62,7 @@ bool lookAtJob(unsigned n, CodeMonitor& monitor)
 
 }
 
-int main(int argc, char** argv)
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     unsigned jobs = 3;
     CLI::App app("Holds a worker at a point of its work and looks at its values.");
