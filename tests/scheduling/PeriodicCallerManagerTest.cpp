@@ -285,7 +285,6 @@ TEST_P(PeriodicCallerManagerStrategyTest, ConstructorThrowsWhenNoThreadCanBeMade
 
 TEST_P(PeriodicCallerManagerStrategyTest, TokenThatOutlivesAllOwnersKeepsTheManagerAtWork)
 {
-    std::size_t const threadsBefore = runningThreads();
     std::atomic<int> calls{0};
     auto sut = make(GetParam());
     std::size_t const threadsOfOne = runningThreads();
@@ -303,7 +302,7 @@ TEST_P(PeriodicCallerManagerStrategyTest, TokenThatOutlivesAllOwnersKeepsTheMana
     end(fast);
     last.reset();
 
-    EXPECT_TRUE(waitFor([&] { return runningThreads() == threadsBefore; }));
+    EXPECT_TRUE(waitFor([&] { return runningThreads() < threadsOfOne; }));
     EXPECT_EQ(log.count(line(Severity::Info, "-schedulerThread: exiting without error")), 1);
 }
 

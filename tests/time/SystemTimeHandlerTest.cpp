@@ -1067,29 +1067,6 @@ TEST_P(SystemTimeHandlerOnManagerTest, TokenDoesNotSurviveAFirstPollThatWasFaste
     EXPECT_EQ(driven->polls, 1);
 }
 
-TEST_P(SystemTimeHandlerOnManagerTest, PollsRacingWithInitializeAndDestructionLeaveNoToken)
-{
-    for (int round = 0; round < 20; ++round)
-    {
-        std::atomic<bool> clockSet{false};
-        readDouble.replace(
-            [&clockSet](int, void*, size_t)
-            {
-                errno = clockSet ? ECANCELED : EAGAIN;
-                return ssize_t{-1};
-            });
-        clockSet = round % 2 == 0;
-        driven->allowed = true;
-        auto racing = std::make_unique<SystemTimeHandler>(driven);
-        racing->initialize();
-        clockSet = true;
-        driven->allowed = true;
-        racing.reset();
-
-        ASSERT_TRUE(waitFor([this] { return driven->tokens == 0; }));
-    }
-}
-
 TEST_P(SystemTimeHandlerOnManagerTest, DestructorWaitsForAPollThatReachesTrustMeanwhile)
 {
     handler->initialize();
