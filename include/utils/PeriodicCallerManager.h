@@ -93,7 +93,8 @@ private:
 ///   never: the destructor, or the first call of a new function, can then hang. It takes a request within a microsecond
 ///   after a pass; keep a function with a period of seconds registered where that matters.
 /// - The last token, and with it the manager, cannot be destroyed inside its own function, for a thread cannot join
-///   itself: this ends the process (Sequential) or never returns (ThreadPool). Keep a manager's pointer elsewhere.
+///   itself: this ends the process (Sequential) or never returns (ThreadPool, unless the scheduler thread has taken up
+///   the function: then as Sequential). Keep a manager's pointer elsewhere.
 ///
 /// A failure of the scheduler itself is logged at severity Critical and ends the process.
 class HALDEN_CPPUTILS_EXPORT PeriodicCallerManager : public PeriodicCallerManagerIfc,
