@@ -1,0 +1,106 @@
+#pragma once
+
+#include <utils/Export.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <string>
+
+namespace Halden::Tavro::Utils
+{
+
+/// One IPv4 or IPv6 address, as the system hands it out; no other family gets past the constructor.
+///
+/// The port, flow information and scope id of the source are kept, but no comparison and no text shows them: fe80::1 on
+/// two interfaces is the same address. To tell the two apart, compare sockaddr_in6()->sin6_scope_id as well.
+///
+/// Every failure is logged. Threads: nothing is shared between objects, and an object that nobody writes to may be read
+/// from any thread.
+class HALDEN_CPPUTILS_EXPORT IpAddress
+{
+public:
+    /// @param address of which 28 bytes are read when its family is AF_INET6, and 16 whatever else it is; not null
+    /// @throws std::invalid_argument "Invalid IP address family"
+    explicit IpAddress(::sockaddr const* address);
+
+    IpAddress(IpAddress const&) = default;
+    IpAddress& operator=(IpAddress const&) = default;
+    virtual ~IpAddress() = default;
+
+    /// Reads numeric text and never looks up a name, see getaddrinfo(3) with AI_NUMERICHOST. A scope ("fe80::1%eth0")
+    /// is understood. So are the short, octal and hexadecimal IPv4 forms of inet_aton(3), "127.1" and "010.0.0.1"
+    /// (which is 8.0.0.1) among them: where only the dotted form may pass, compare the text with string().
+    ///
+    /// @throws std::invalid_argument "Failed to parse the IP address."
+    static IpAddress fromString(std::string const& text);
+
+    /// The constructor for a pointer that may be null.
+    ///
+    /// @throws std::invalid_argument "nullptr", and what the constructor throws
+    static IpAddress fromSockaddr(::sockaddr const* address);
+
+    /// The address inside this object, valid for as long as the object is. The views of one family do not check that
+    /// the address is of that family.
+    ::sockaddr const* sockaddr() const { return reinterpret_cast<::sockaddr const*>(&addr); }
+    ::sockaddr_in const* sockaddr_in() const { return reinterpret_cast<::sockaddr_in const*>(&addr); }
+    ::sockaddr_in6 const* sockaddr_in6() const { return reinterpret_cast<::sockaddr_in6 const*>(&addr); }
+
+    bool isv4() const { return addr.ss_family == AF_INET; }
+    bool isv6() const { return addr.ss_family == AF_INET6; }
+
+    /// True for 127.x.x.x and ::1, and for 255.x.x.x too, the broadcast address 255.255.255.255 among them; false for
+    /// ::ffff:127.0.0.1. Where 255.x.x.x can turn up, look at the first octet in sockaddr_in()->sin_addr yourself.
+    bool isLoopback() const;
+
+    /// The numeric text, see inet_ntop(3): no port, no brackets, no scope.
+    ///
+    /// @throws std::runtime_error "IP address conversion to string failed.", or, of an object that was written to,
+    ///         "IP address is neither v4 nor v6: don't now how to convert it to string"
+    std::string string() const;
+
+    /// Whether family and address bytes are the same. An IPv4 address never equals an IPv6 address, its mapped form
+    /// included.
+    bool operator==(IpAddress const& other) const;
+
+private:
+    // What only an object can reach that was written to: both log and answer false.
+    bool isLoopbackInOtherFamily() const;
+    bool equalsInOtherFamily() const;
+
+    sockaddr_storage addr{};
+};
+
+inline bool IpAddress::isLoopback() const
+{
+    if (isv4())
+    {
+        auto const firstOctet = *reinterpret_cast<unsigned char const*>(&sockaddr_in()->sin_addr);
+        return (firstOctet & 0x7FU) == 0x7FU; // kept: 255 passes too
+    }
+    if (isv6())
+    {
+        return IN6_IS_ADDR_LOOPBACK(&sockaddr_in6()->sin6_addr);
+    }
+    return isLoopbackInOtherFamily();
+}
+
+inline bool IpAddress::operator==(IpAddress const& other) const
+{
+    if (addr.ss_family != other.addr.ss_family)
+    {
+        return false;
+    }
+    if (isv4())
+    {
+        return std::memcmp(&sockaddr_in()->sin_addr, &other.sockaddr_in()->sin_addr, sizeof(in_addr)) == 0;
+    }
+    if (isv6())
+    {
+        return std::memcmp(&sockaddr_in6()->sin6_addr, &other.sockaddr_in6()->sin6_addr, sizeof(in6_addr)) == 0;
+    }
+    return equalsInOtherFamily();
+}
+
+}
