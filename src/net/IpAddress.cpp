@@ -1,13 +1,12 @@
 #include <utils/IpAddress.h>
 
 #include "log/Log.h"
+#include "net/AddrinfoList.h"
 
 #include <arpa/inet.h>
-#include <netdb.h>
 
 #include <array>
 #include <cerrno>
-#include <memory>
 #include <stdexcept>
 
 namespace Halden::Tavro::Utils
@@ -15,11 +14,6 @@ namespace Halden::Tavro::Utils
 
 namespace
 {
-
-struct FreeAddrinfo
-{
-    void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
 
 bool isSupported(int family)
 {
@@ -51,7 +45,7 @@ IpAddress IpAddress::fromString(std::string const& text)
                   error, gai_strerror(error));
         throw std::invalid_argument("Failed to parse the IP address.");
     }
-    std::unique_ptr<addrinfo, FreeAddrinfo> list(found);
+    AddrinfoList list(found);
     for (addrinfo const* entry = list.get(); entry != nullptr; entry = entry->ai_next)
     {
         if (isSupported(entry->ai_family))

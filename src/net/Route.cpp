@@ -1,0 +1,131 @@
+#include <utils/Route.h>
+
+#include "log/Log.h"
+#include "net/AddrinfoList.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <future>
+#include <stdexcept>
+
+namespace Halden::Tavro::Utils::Ip
+{
+
+namespace
+{
+
+struct FreeIfaddrs
+{
+    void operator()(ifaddrs* list) const { freeifaddrs(list); }
+};
+
+AddrinfoList resolve(std::string const& remote)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* list = nullptr;
+    int const error = getaddrinfo(remote.c_str(), nullptr, &hints, &list);
+    if (error != 0)
+    {
+        throw std::runtime_error(std::string("getaddrinfo failed with ") + gai_strerror(error));
+    }
+    return AddrinfoList(list);
+}
+
+/// @return a negative number when there is no route to the address
+int connectedSocket(addrinfo const& remote)
+{
+    int const descriptor = socket(remote.ai_family, remote.ai_socktype, remote.ai_protocol);
+    if (descriptor >= 0 && connect(descriptor, remote.ai_addr, remote.ai_addrlen) != 0)
+    {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+std::string localAddressOf(int descriptor)
+{
+    sockaddr_in local{};
+    socklen_t length = sizeof(local);
+    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&local), &length) != 0)
+    {
+        int const error = errno;
+        close(descriptor);
+        throw std::runtime_error("failed to get local socket name, errno=" + std::to_string(error));
+    }
+    return inet_ntoa(local.sin_addr); // its buffer is the thread's own
+}
+
+/// @return the last name in the system's list, empty when no interface carries the address
+std::string lastInterfaceWith(IpAddress const& ip)
+{
+    ifaddrs* found = nullptr;
+    if (getifaddrs(&found) == -1)
+    {
+        int const error = errno;
+        TAVRO_LOG(Log::Severity::Error, "networkIfcNameForIp: getifaddrs failed with %d(%s)", error, strerror(error));
+        throw std::runtime_error("Failed to get details about IP address");
+    }
+    std::unique_ptr<ifaddrs, FreeIfaddrs> const list(found);
+    std::string name;
+    for (ifaddrs const* entry = list.get(); entry != nullptr; entry = entry->ifa_next)
+    {
+        sockaddr const* const address = entry->ifa_addr;
+        if (address == nullptr || (address->sa_family != AF_INET && address->sa_family != AF_INET6))
+        {
+            continue;
+        }
+        if (IpAddress::fromSockaddr(address) == ip)
+        {
+            name = entry->ifa_name; // kept: a later one replaces it
+        }
+    }
+    return name;
+}
+
+}
+
+std::string getLocalIpForRemote(std::string const& remote, std::uint32_t timeout)
+{
+    auto result = std::async([&remote] { return internalLocalIpForRemote(remote); });
+    if (timeout != 0)
+    {
+        result.wait_for(std::chrono::seconds(timeout)); // kept: whatever comes of it; does not wait for a deferred call
+    }
+    return result.get();
+}
+
+std::string internalLocalIpForRemote(std::string const& remote)
+{
+    AddrinfoList const list = resolve(remote);
+    for (addrinfo const* entry = list.get(); entry != nullptr; entry = entry->ai_next)
+    {
+        int const descriptor = connectedSocket(*entry);
+        if (descriptor >= 0)
+        {
+            return localAddressOf(descriptor); // kept: the socket stays open
+        }
+    }
+    throw std::runtime_error("could not resolve IP or hostname");
+}
+
+std::string networkIfcNameForIp(IpAddress const& ip)
+{
+    std::string name = lastInterfaceWith(ip);
+    if (name.empty())
+    {
+        TAVRO_LOG(Log::Severity::Error, "Could not find any network interface with IP address %s assigned",
+                  ip.string().c_str());
+        throw std::invalid_argument("No network interface with expected IP address found.");
+    }
+    TAVRO_LOG(Log::Severity::Debug, "Found IP address %s on network interface %s", ip.string().c_str(), name.c_str());
+    return name;
+}
+
+}
