@@ -1,0 +1,281 @@
+#include <utils/TempDir.h>
+
+#include "support/CallDouble.h"
+#include "support/ChildProcess.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace testing;
+using namespace TestSupport;
+using Log::Severity;
+using std::filesystem::exists;
+
+char const* const loggerName = "Halden::Tavro::Utils::TempDir";
+
+CallDouble<char*(char*)> mkdtempDouble{"mkdtemp"};
+CallDouble<int(int, char const*, int)> unlinkatDouble{"unlinkat"};
+
+}
+
+extern "C"
+{
+
+    char* mkdtemp(char* name) noexcept
+    {
+        return mkdtempDouble(name);
+    }
+
+    int unlinkat(int directory, char const* path, int flags) noexcept
+    {
+        return unlinkatDouble(directory, path, flags);
+    }
+}
+
+namespace
+{
+
+static_assert(!std::is_copy_constructible_v<TempDir> && !std::is_copy_assignable_v<TempDir>);
+static_assert(!std::is_move_constructible_v<TempDir> && !std::is_move_assignable_v<TempDir>);
+static_assert(!std::is_convertible_v<TempDir*, Log::Logger*>);
+static_assert(!std::has_virtual_destructor_v<TempDir>);
+
+/// Each test works in a directory of its own, which is the working directory meanwhile.
+class TempDirTest : public Test
+{
+protected:
+    TempDirTest()
+    {
+        mkdtempDouble.reset();
+        unlinkatDouble.reset();
+        std::string name = "/tmp/TempDirTest-XXXXXX";
+        parent = mkdtempDouble.passOn(name.data());
+        std::filesystem::current_path(parent);
+    }
+
+    ~TempDirTest() override
+    {
+        mkdtempDouble.reset();
+        unlinkatDouble.reset();
+        std::filesystem::current_path("/");
+        std::filesystem::remove_all(parent);
+    }
+
+    std::string parent;
+    LogCapture log;
+};
+
+TEST_F(TempDirTest, NameIsParentThenPrefixThenSixCharacters)
+{
+    TempDir const sut("data-", parent);
+
+    EXPECT_THAT(sut.path(), MatchesRegex(parent + "/data-[A-Za-z0-9]{6}"));
+    EXPECT_TRUE(std::filesystem::is_directory(sut.path()));
+    EXPECT_TRUE(std::filesystem::is_empty(sut.path()));
+}
+
+TEST_F(TempDirTest, ParentAndPrefixAreJoinedAsPaths)
+{
+    std::filesystem::create_directory("a b\"c");
+    struct
+    {
+        std::string prefix;
+        std::string parent;
+        std::string name;
+    } const rows[] = {
+        {"bare-", "", "bare-"},
+        {"", "", ""},
+        {"data-", parent + "/", parent + "/data-"},
+        {"data-", ".", "./data-"},
+        {parent + "/absolute-", "/nowhere", parent + "/absolute-"},
+        {"", parent, parent + "/"},
+        {"data-", "a b\"c", "a b\"c/data-"},
+    };
+    for (auto const& row : rows)
+    {
+        TempDir const sut(row.prefix, row.parent);
+
+        std::string const path = sut.path();
+        EXPECT_EQ(path.substr(0, path.size() - 6), row.name);
+        EXPECT_TRUE(std::filesystem::is_directory(path)) << path;
+    }
+}
+
+TEST_F(TempDirTest, DirectoryIsForItsOwnerOnly)
+{
+    mode_t const before = umask(0);
+
+    TempDir const sut("data-", parent);
+
+    umask(before);
+    EXPECT_EQ(std::filesystem::status(sut.path()).permissions(), std::filesystem::perms::owner_all);
+}
+
+TEST_F(TempDirTest, CreationIsTraced)
+{
+    TempDir const sut("data-", parent);
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Trace, loggerName, "Created directory " + sut.path()}));
+}
+
+TEST_F(TempDirTest, MissingParentIsLoggedWithItsErrnoAndThrown)
+{
+    std::string const nowhere = parent + "/nowhere";
+    log.expect(Field(&LogLine::logger, loggerName));
+
+    EXPECT_THAT([&] { TempDir("data-", nowhere); },
+                ThrowsMessage<std::runtime_error>("Cannot create temporary directory."));
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Error, loggerName,
+                                                 "Cannot create temporary directory in '" + nowhere +
+                                                     "', errno is 2: No such file or directory"}));
+}
+
+TEST_F(TempDirTest, FailureOfTheSystemIsLoggedWithItsErrnoAndThrown)
+{
+    mkdtempDouble.failCall(1, nullptr, ENOSPC);
+    log.expect(Field(&LogLine::logger, loggerName));
+    log.onLine([](auto const&) { errno = EIO; });
+
+    EXPECT_THAT([] { TempDir("data-", "/tmp"); },
+                ThrowsMessage<std::runtime_error>("Cannot create temporary directory."));
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{
+                                 Severity::Error, loggerName,
+                                 "Cannot create temporary directory in '/tmp', errno is 28: No space left on device"}));
+    EXPECT_EQ(unlinkatDouble.count(), 0U);
+}
+
+TEST_F(TempDirTest, WholeTreeIsRemovedAndNothingElse)
+{
+    std::ofstream("stays") << "content";
+    {
+        TempDir const sut("data-", parent);
+        std::filesystem::path deep = sut.path();
+        for (int level = 0; level < 100; ++level)
+        {
+            deep /= "level";
+            std::filesystem::create_directory(deep);
+            std::ofstream(deep / "file") << "content";
+        }
+        std::filesystem::create_symlink(parent + "/stays", deep / "link");
+        std::filesystem::create_directory_symlink(parent, deep / "link to a directory");
+        std::filesystem::create_symlink("nowhere", deep / "dangling");
+    }
+
+    std::set<std::string> left;
+    for (auto const& entry : std::filesystem::directory_iterator(parent))
+    {
+        left.insert(entry.path().filename());
+    }
+    EXPECT_THAT(left, ElementsAre("stays"));
+    EXPECT_EQ(std::filesystem::file_size("stays"), 7U);
+}
+
+TEST_F(TempDirTest, DirectoryThatIsGoneAlreadyIsFine)
+{
+    TempDir const sut("data-", parent);
+
+    std::filesystem::remove(sut.path());
+}
+
+TEST_F(TempDirTest, WhatCannotBeRemovedEndsTheProcess)
+{
+    auto const result = runInChild(
+        [this]
+        {
+            TempDir const sut("data-", parent);
+            std::ofstream(sut.path() + "/file") << "content";
+            unlinkatDouble.failCall(1, -1, EPERM);
+            return 0;
+        });
+
+    EXPECT_EQ(result.signal, std::optional(SIGABRT));
+    EXPECT_THAT(result.output, HasSubstr("filesystem error"));
+    EXPECT_THAT(result.output, HasSubstr("Operation not permitted"));
+}
+
+TEST_F(TempDirTest, DirectoriesMadeAtOnceDoNotClash)
+{
+    std::promise<void> start;
+    auto const started = start.get_future().share();
+    std::array<std::vector<std::unique_ptr<TempDir>>, 8> made;
+    std::vector<std::thread> threads;
+    for (auto& ofThread : made)
+    {
+        threads.emplace_back(
+            [&, started]
+            {
+                started.wait();
+                for (int i = 0; i < 125; ++i)
+                {
+                    ofThread.push_back(std::make_unique<TempDir>("data-", parent));
+                }
+            });
+    }
+    start.set_value();
+    for (auto& thread : threads)
+    {
+        thread.join();
+    }
+
+    std::set<std::string> paths;
+    for (auto& ofThread : made)
+    {
+        for (auto const& directory : ofThread)
+        {
+            EXPECT_TRUE(exists(directory->path()));
+            paths.insert(directory->path());
+        }
+        ofThread.clear();
+    }
+    EXPECT_EQ(paths.size(), 1000U);
+    EXPECT_TRUE(std::filesystem::is_empty(parent));
+}
+
+/// The most derived class names the logger: the base is virtual.
+class NamedDirectory : public TempDir
+{
+public:
+    explicit NamedDirectory(std::string const& parent)
+        : Log::Logger("named", "", std::make_shared<Log::LoggerImpl>())
+        , TempDir("data-", parent)
+    {
+    }
+};
+
+TEST_F(TempDirTest, DerivedClassGivesTheLogger)
+{
+    NamedDirectory const sut(parent);
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Trace, "named", "Created directory " + sut.path()}));
+}
+
+}
+
+}

@@ -1,0 +1,356 @@
+#include <utils/TempFile.h>
+
+#include "support/CallDouble.h"
+#include "support/ChildProcess.h"
+#include "support/LogCapture.h"
+#include "support/Resources.h"
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace testing;
+using namespace TestSupport;
+using Log::Severity;
+using std::filesystem::exists;
+
+char const* const loggerName = "Halden::Tavro::Utils::TempFile";
+
+/// The test runtime closes as well: but for this one, calls go straight to the system.
+std::atomic<int> descriptorUnderTest{-1};
+
+CallDouble<int(char*, int)> mkstempsDouble{"mkstemps"};
+CallDouble<int(int)> closeDouble{"close"};
+
+}
+
+extern "C"
+{
+
+    int mkstemps(char* name, int suffixLength) noexcept
+    {
+        return mkstempsDouble(name, suffixLength);
+    }
+
+    int close(int descriptor)
+    {
+        return descriptor == descriptorUnderTest ? closeDouble(descriptor) : closeDouble.passOn(descriptor);
+    }
+}
+
+namespace
+{
+
+static_assert(!std::is_copy_constructible_v<TempFile> && !std::is_copy_assignable_v<TempFile>);
+static_assert(!std::is_move_constructible_v<TempFile> && !std::is_move_assignable_v<TempFile>);
+static_assert(!std::is_convertible_v<TempFile*, Log::Logger*>);
+static_assert(!std::is_polymorphic_v<TempFile>);
+
+/// Logger, path and descriptor one after the other: no pointer to a virtual table or base before them.
+struct Layout : private Log::Logger
+{
+    std::filesystem::path path;
+    int fileDescriptor;
+};
+static_assert(sizeof(TempFile) == sizeof(Layout));
+
+/// Each test works in a directory of its own, which is the working directory meanwhile.
+class TempFileTest : public Test
+{
+protected:
+    TempFileTest()
+    {
+        reset();
+        std::string name = "/tmp/TempFileTest-XXXXXX";
+        directory = mkdtemp(name.data());
+        std::filesystem::current_path(directory);
+    }
+
+    ~TempFileTest() override
+    {
+        reset();
+        std::filesystem::current_path("/");
+        std::filesystem::remove_all(directory);
+    }
+
+    static void reset()
+    {
+        descriptorUnderTest = -1;
+        mkstempsDouble.reset();
+        closeDouble.reset();
+    }
+
+    std::string directory;
+    LogCapture log;
+};
+
+TEST_F(TempFileTest, NameIsDirectoryThenPrefixThenSixCharactersThenSuffix)
+{
+    TempFile const sut("data-", ".h5", directory);
+
+    EXPECT_THAT(sut.path(), MatchesRegex(directory + "/data-[A-Za-z0-9]{6}\\.h5"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(sut.path()));
+    EXPECT_THAT(mkstempsDouble.calls(), ElementsAre(FieldsAre(_, 3)));
+}
+
+TEST_F(TempFileTest, DirectoryAndPrefixAreJoinedAsPathsAndTheSuffixIsText)
+{
+    std::filesystem::create_directory("a b\"c");
+    struct
+    {
+        std::string prefix;
+        std::string suffix;
+        std::string directory;
+        std::string name;
+    } const rows[] = {
+        {"bare-", ".h5", "", "bare-"},
+        {"", "", "", ""},
+        {"data-", "", directory + "/", directory + "/data-"},
+        {"data-", "XXXXXX", ".", "./data-"},
+        {directory + "/absolute-", ".h5", "/nowhere", directory + "/absolute-"},
+        {"", "%s", directory, directory + "/"},
+        {"data-", "\" ", "a b\"c", "a b\"c/data-"},
+    };
+    for (auto const& row : rows)
+    {
+        TempFile const sut(row.prefix, row.suffix, row.directory);
+
+        std::string const path = sut.path();
+        std::size_t const unique = row.name.size() + 6;
+        EXPECT_EQ(path.substr(0, row.name.size()), row.name);
+        EXPECT_EQ(path.substr(unique), row.suffix);
+        EXPECT_TRUE(std::filesystem::is_regular_file(path)) << path;
+    }
+}
+
+TEST_F(TempFileTest, FileIsForItsOwnerOnly)
+{
+    mode_t const before = umask(0);
+
+    TempFile const sut("data-", "", directory);
+
+    umask(before);
+    EXPECT_EQ(std::filesystem::status(sut.path()).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(TempFileTest, DescriptorIsOpenForReadingAndWritingTheFile)
+{
+    TempFile const sut("data-", "", directory);
+
+    ASSERT_GE(sut.fileDescriptor(), 0);
+    EXPECT_EQ(fcntl(sut.fileDescriptor(), F_GETFL) & (O_ACCMODE | O_APPEND), O_RDWR);
+    EXPECT_EQ(fcntl(sut.fileDescriptor(), F_GETFD), 0) << "inherited by programs, as the header says";
+    ASSERT_EQ(write(sut.fileDescriptor(), "abc", 3), 3);
+    EXPECT_EQ(std::filesystem::file_size(sut.path()), 3U);
+}
+
+TEST_F(TempFileTest, CreationIsTraced)
+{
+    TempFile const sut("data-", ".h5", directory);
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Trace, loggerName,
+                                                 "Created file " + sut.path() +
+                                                     " (fd = " + std::to_string(sut.fileDescriptor()) + ")"}));
+}
+
+TEST_F(TempFileTest, MissingDirectoryIsLoggedWithItsErrnoAndThrown)
+{
+    std::string const nowhere = directory + "/nowhere";
+    log.expect(Field(&LogLine::logger, loggerName));
+
+    EXPECT_THAT([&] { TempFile("data-", ".h5", nowhere); },
+                ThrowsMessage<std::runtime_error>("Cannot create temporary file"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Error, loggerName,
+                                                 "Cannot create temporary file in " + nowhere +
+                                                     ", errno is 2: No such file or directory"}));
+}
+
+TEST_F(TempFileTest, FailureOfTheSystemIsLoggedWithItsErrnoAndThrown)
+{
+    mkstempsDouble.failCall(1, -1, EMFILE);
+    log.expect(Field(&LogLine::logger, loggerName));
+    log.onLine([](auto const&) { errno = EIO; });
+    descriptorUnderTest = 0; // the field's first value: nothing must close it
+
+    EXPECT_THAT([] { TempFile("data-", ".h5", "/tmp"); },
+                ThrowsMessage<std::runtime_error>("Cannot create temporary file"));
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre(LogLine{Severity::Error, loggerName,
+                                    "Cannot create temporary file in /tmp, errno is 24: Too many open files"}));
+    EXPECT_EQ(closeDouble.count(), 0U);
+}
+
+TEST_F(TempFileTest, DescriptorZeroIsAsGoodAsAnyOther)
+{
+    std::string const path = directory + "/data-000000";
+    mkstempsDouble.replace(
+        [](char* name, int)
+        {
+            std::memcpy(name + std::strlen(name) - 6, "000000", 6);
+            std::ofstream{name};
+            return 0;
+        });
+    descriptorUnderTest = 0;
+    closeDouble.replace([](int) { return 0; });
+    {
+        TempFile const sut("data-", "", directory);
+
+        EXPECT_EQ(sut.fileDescriptor(), 0);
+        EXPECT_EQ(sut.path(), path);
+        EXPECT_TRUE(exists(path));
+        EXPECT_THAT(log.lines(),
+                    ElementsAre(LogLine{Severity::Trace, loggerName, "Created file " + path + " (fd = 0)"}));
+    }
+    EXPECT_EQ(closeDouble.count(), 1U);
+    EXPECT_FALSE(exists(path));
+}
+
+TEST_F(TempFileTest, DescriptorIsClosedBeforeTheFileIsRemoved)
+{
+    bool closedFirst = false;
+    auto sut = std::make_unique<TempFile>("data-", "", directory);
+    std::string const path = sut->path();
+    descriptorUnderTest = sut->fileDescriptor();
+    closeDouble.replace(
+        [&](int descriptor)
+        {
+            closedFirst = exists(path);
+            return closeDouble.passOn(descriptor);
+        });
+
+    sut.reset();
+
+    EXPECT_EQ(closeDouble.count(), 1U);
+    EXPECT_TRUE(closedFirst);
+    EXPECT_FALSE(exists(path));
+}
+
+TEST_F(TempFileTest, FailingCloseGoesUnnoticed)
+{
+    auto sut = std::make_unique<TempFile>("data-", "", directory);
+    std::string const path = sut->path();
+    log.clear();
+    descriptorUnderTest = sut->fileDescriptor();
+    closeDouble.replace(
+        [](int descriptor)
+        {
+            closeDouble.passOn(descriptor);
+            errno = EIO;
+            return -1;
+        });
+
+    sut.reset();
+
+    EXPECT_EQ(closeDouble.count(), 1U);
+    EXPECT_FALSE(exists(path));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(TempFileTest, FileThatIsRemovedAlreadyIsFine)
+{
+    auto const before = openDescriptors();
+    {
+        TempFile const sut("data-", "", directory);
+
+        std::filesystem::remove(sut.path());
+    }
+
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(TempFileTest, WhatCannotBeRemovedEndsTheProcess)
+{
+    auto const result = runInChild(
+        [this]
+        {
+            TempFile const sut("data-", "", directory);
+            std::filesystem::remove(sut.path());
+            std::filesystem::create_directories(sut.path() + "/in the way");
+            return 0;
+        });
+
+    EXPECT_EQ(result.signal, std::optional(SIGABRT));
+    EXPECT_THAT(result.output, HasSubstr("filesystem error"));
+    EXPECT_THAT(result.output, HasSubstr("Directory not empty"));
+}
+
+TEST_F(TempFileTest, FilesMadeAtOnceDoNotClash)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = limit.rlim_max; // the usual 1024 leaves too few beside the runtime's own
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    auto const before = openDescriptors();
+    std::promise<void> start;
+    auto const started = start.get_future().share();
+    std::array<std::vector<std::unique_ptr<TempFile>>, 8> made;
+    std::vector<std::thread> threads;
+    for (auto& ofThread : made)
+    {
+        threads.emplace_back(
+            [&, started]
+            {
+                started.wait();
+                for (int i = 0; i < 125; ++i)
+                {
+                    ofThread.push_back(std::make_unique<TempFile>("data-", ".h5", directory));
+                }
+            });
+    }
+    start.set_value();
+    for (auto& thread : threads)
+    {
+        thread.join();
+    }
+
+    std::set<std::string> paths;
+    std::set<int> descriptors;
+    for (auto& ofThread : made)
+    {
+        for (auto const& file : ofThread)
+        {
+            EXPECT_TRUE(exists(file->path()));
+            paths.insert(file->path());
+            descriptors.insert(file->fileDescriptor());
+        }
+        ofThread.clear();
+    }
+    EXPECT_EQ(paths.size(), 1000U);
+    EXPECT_EQ(descriptors.size(), 1000U);
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+}
+
+}
