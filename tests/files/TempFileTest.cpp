@@ -54,7 +54,7 @@ CallDouble<int(int)> closeDouble{"close"};
 extern "C"
 {
 
-    int mkstemps(char* name, int suffixLength) noexcept
+    int mkstemps(char* name, int suffixLength)
     {
         return mkstempsDouble(name, suffixLength);
     }
