@@ -2,6 +2,8 @@
 
 #include <log/Logger.h>
 
+#include <array>
+#include <cstddef>
 #include <string_view>
 #include <type_traits>
 
@@ -10,23 +12,47 @@
 /// TAVRO_LOG_TO(*this, Log::Severity::Debug, "%s has %d", name.c_str(), 5); // a class with a Logger base
 /// TAVRO_LOG(Log::Severity::Debug, "~step");                                // everything else
 ///
-/// The format is a literal: the compiler compares it with the values, and a mismatch is an error. A format composed at
-/// run time holds no conversion specifiers and goes to write() as it is.
+/// The format is a literal: the compiler compares it with the values, and a mismatch is an error. A "%s" also takes a
+/// std::array of char by value, whose text ends at its NUL. A format composed at run time holds no conversion
+/// specifiers and goes to write() as it is.
 namespace Halden::Tavro::Utils::LogFacade
 {
 
-/// What the variadic log call carries unchanged on every target. Everything else is cast by the caller, who knows the
-/// specifier: a bool or a std::string have none, and 64 bits do not fit the "%lu" of a 32-bit target.
+template <typename Value>
+inline constexpr bool isTextBuffer = false;
+
+template <std::size_t size>
+inline constexpr bool isTextBuffer<std::array<char, size>> = size > 0;
+
+/// What the log call carries on every target. Everything else is cast by the caller, who knows the specifier: a bool or
+/// a std::string have none, and 64 bits do not fit the "%lu" of a 32-bit target.
 template <typename Value>
 inline constexpr bool isCarried =
-    std::is_same_v<Value, int> || std::is_same_v<Value, unsigned> || std::is_same_v<Value, unsigned long> ||
-    std::is_same_v<Value, double> || std::is_same_v<Value, char const*> || std::is_same_v<Value, char*>;
+    isTextBuffer<Value> || std::is_same_v<Value, int> || std::is_same_v<Value, unsigned> ||
+    std::is_same_v<Value, unsigned long> || std::is_same_v<Value, double> || std::is_same_v<Value, char const*> ||
+    std::is_same_v<Value, char*>;
 
 template <typename... Values>
 constexpr void requireCarried()
 {
     static_assert((isCarried<Values> && ...),
                   "a log call carries int, unsigned, unsigned long, double and char const*: cast what is none of them");
+}
+
+template <typename Value>
+Value carried(Value& value)
+{
+    return value;
+}
+
+/// A buffer goes by value as far as here: where the variadic call itself would put such an object depends on the
+/// target, and whoever reads the "%s" looks for a pointer. This one is to the copy, which lives until the call has
+/// returned.
+template <std::size_t size>
+char const* carried(std::array<char, size>& buffer)
+{
+    buffer.back() = '\0'; // whatever it holds, the text ends within it
+    return buffer.data();
 }
 
 /// Never called; lets the compiler check the values against the format.
@@ -36,25 +62,35 @@ template <typename... Values>
 void write(Log::Logger const& logger, Log::Severity severity, std::string_view format, Values... values)
 {
     requireCarried<Values...>();
-    logger.tavroDoLog(severity, format, {}, values...);
+    logger.tavroDoLog(severity, format, {}, carried(values)...);
 }
 
 template <typename... Values>
 void write(Log::Severity severity, std::string_view format, Values... values)
 {
     requireCarried<Values...>();
-    Log::tavroDoLog(severity, format, {}, values...);
+    Log::tavroDoLog(severity, format, {}, carried(values)...);
 }
 
 }
 
 // Macros, for only at the call itself is the format still a literal.
+#define TAVRO_LOG_FIRST(first, ...) first
+
+// The lambda knows the values by their types alone, as carried() leaves them.
+#define TAVRO_LOG_CHECK(...)                                                                                           \
+    [](auto const&, auto... tavroLogValues)                                                                            \
+    {                                                                                                                  \
+        ::Halden::Tavro::Utils::LogFacade::checkFormat(TAVRO_LOG_FIRST(__VA_ARGS__, 0),                                \
+                                                       ::Halden::Tavro::Utils::LogFacade::carried(tavroLogValues)...); \
+    }(__VA_ARGS__)
+
 #define TAVRO_LOG_TO(logger, severity, ...)                                                                            \
     do                                                                                                                 \
     {                                                                                                                  \
         if (false)                                                                                                     \
         {                                                                                                              \
-            ::Halden::Tavro::Utils::LogFacade::checkFormat(__VA_ARGS__);                                               \
+            TAVRO_LOG_CHECK(__VA_ARGS__);                                                                              \
         }                                                                                                              \
         ::Halden::Tavro::Utils::LogFacade::write(logger, severity, __VA_ARGS__);                                       \
     } while (false)
@@ -64,7 +100,7 @@ void write(Log::Severity severity, std::string_view format, Values... values)
     {                                                                                                                  \
         if (false)                                                                                                     \
         {                                                                                                              \
-            ::Halden::Tavro::Utils::LogFacade::checkFormat(__VA_ARGS__);                                               \
+            TAVRO_LOG_CHECK(__VA_ARGS__);                                                                              \
         }                                                                                                              \
         ::Halden::Tavro::Utils::LogFacade::write(severity, __VA_ARGS__);                                               \
     } while (false)

@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 
+#include <array>
 #include <cstdint>
 #include <string>
 

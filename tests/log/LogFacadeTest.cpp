@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -22,7 +23,8 @@ namespace
 // What a 64-bit build lets through must fit the 32-bit target too, where std::uint64_t is unsigned long long and "%lu"
 // takes 32 bits. LogFacade.Rejects* in ctest show that a call with anything else does not compile.
 static_assert(LogFacade::isCarried<int> && LogFacade::isCarried<unsigned> && LogFacade::isCarried<unsigned long> &&
-              LogFacade::isCarried<double> && LogFacade::isCarried<char const*> && LogFacade::isCarried<char*>);
+              LogFacade::isCarried<double> && LogFacade::isCarried<char const*> && LogFacade::isCarried<char*> &&
+              LogFacade::isCarried<std::array<char, 2048>>);
 static_assert(!LogFacade::isCarried<long long> && !LogFacade::isCarried<unsigned long long> &&
               !LogFacade::isCarried<long> && !LogFacade::isCarried<bool> && !LogFacade::isCarried<float> &&
               !LogFacade::isCarried<std::string> && !LogFacade::isCarried<std::string_view> &&
@@ -78,6 +80,23 @@ TEST(LogFacadeTest, FreeCallsArriveWithSeverityAndTextAndWithoutAName)
     EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Error, "", "Failed to read file /etc/hostname"},
                                          LogLine{Severity::Debug, "", "-1 2 3 4.500000 text"},
                                          LogLine{Severity::Trace, "", "executeApp()"}));
+}
+
+TEST(LogFacadeTest, BufferArrivesAsItsText)
+{
+    LogCapture const log;
+    std::array<char, 2048> large{};
+    large.fill('x');
+    large.at(2000) = '\0';
+    std::array<char, 4> const small{'a', 'b'};
+    std::array<char, 4> const full{'a', 'b', 'c', 'd'};
+
+    TAVRO_LOG(Severity::Debug, "%d: %s, %s", 1, large, small);
+    TAVRO_LOG(Severity::Debug, "%s %s %d", full, "text", 2);
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Debug, "", "1: " + std::string(2000, 'x') + ", ab"},
+                                         LogLine{Severity::Debug, "", "abc text 2"}));
+    EXPECT_EQ(full.back(), 'd');
 }
 
 TEST(LogFacadeTest, FormatComposedAtRunTimeArrives)

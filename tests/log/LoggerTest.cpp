@@ -350,6 +350,27 @@ TEST_F(LoggerTest, ValuesOfALongTextAreReadFromTheFirstOn)
     EXPECT_THAT(processWide->lines(), ElementsAre(LogLine{Severity::Info, "", "1 " + filler + " 2.500000 3"}));
 }
 
+TEST_F(LoggerTest, BufferPassedByValuePrintsItsTextWhateverIsEnabled)
+{
+    Log::Logger const sut("name", "", processWide);
+    std::array<char, 2048> large{};
+    large.fill('x');
+    large.at(1000) = '\0';
+    std::array<char, 4> const small{'a', 'b'};
+    std::array<char, 4> const full{'a', 'b', 'c', 'd'};
+
+    for (Severity const threshold : severities)
+    {
+        proxy.setThreshold(threshold);
+        sut.tavroDoLog(Severity::Debug, "%d %s %s", {}, 1, large, small);
+        Log::tavroDoLog(Severity::Debug, "%s, %s %f", {}, full, "text", 2.5);
+    }
+
+    LogLine const ofMember{Severity::Debug, "name", "1 " + std::string(1000, 'x') + " ab"};
+    LogLine const ofFree{Severity::Debug, "", "abc, text 2.500000"};
+    EXPECT_THAT(processWide->lines(), ElementsAre(ofMember, ofFree, ofMember, ofFree)); // Debug and Trace
+}
+
 TEST_F(LoggerTest, FormatEndsWhereItsViewEnds)
 {
     std::string_view const format("+start() and more %s", 8);

@@ -2,11 +2,14 @@
 
 #include <log/Export.h>
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace Halden::Tavro::Log
 {
@@ -72,6 +75,30 @@ public:
     std::shared_ptr<LoggerImplIfc> setSink(std::shared_ptr<LoggerImplIfc> sink);
 };
 
+namespace Detail
+{
+
+template <typename Value>
+inline constexpr bool isTextBuffer = false;
+
+template <std::size_t size>
+inline constexpr bool isTextBuffer<std::array<char, size>> = size > 0;
+
+template <typename Value>
+Value carried(Value& value)
+{
+    return value;
+}
+
+template <std::size_t size>
+char const* carried(std::array<char, size>& buffer)
+{
+    buffer.back() = '\0';
+    return buffer.data();
+}
+
+}
+
 /// A named source of messages, made to be a base of the class that logs.
 class HALDEN_CPPLOGGER_EXPORT Logger
 {
@@ -86,6 +113,16 @@ public:
     void tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused,
                     ...) const;
 
+    /// Chosen when a value is a std::array of char, by value, for "%s": its text ends at its NUL, or with its last but
+    /// one character. No variadic call could find such an object among its values, on any target.
+    template <typename... Values>
+    std::enable_if_t<(Detail::isTextBuffer<Values> || ...)>
+    tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused,
+               Values... values) const
+    {
+        tavroDoLog(severity, format, unused, Detail::carried(values)...);
+    }
+
 private:
     std::string name;
     std::shared_ptr<LoggerImplIfc> impl;
@@ -94,5 +131,14 @@ private:
 /// The log call of code without a Logger: as Logger::tavroDoLog, without a name, to the process-wide sink.
 HALDEN_CPPLOGGER_EXPORT void tavroDoLog(Severity severity, std::string_view const& format,
                                         std::function<std::string()> const& unused, ...);
+
+/// As Logger::tavroDoLog for a std::array of char.
+template <typename... Values>
+std::enable_if_t<(Detail::isTextBuffer<Values> || ...)> tavroDoLog(Severity severity, std::string_view const& format,
+                                                                   std::function<std::string()> const& unused,
+                                                                   Values... values)
+{
+    tavroDoLog(severity, format, unused, Detail::carried(values)...);
+}
 
 }
