@@ -42,9 +42,10 @@ function(halden_library target)
 endfunction()
 
 # Installs the library with a CMake package and a pkg-config module of the target's name. STATIC_REQUIRES are the
-# pkg-config modules that users of a static library must link too; a shared library has them in its own list.
+# pkg-config modules that users of a static library must link too, STATIC_LIBS the libraries that have no module; a shared
+# library has them in its own list.
 function(halden_install_package target config_in pc_in)
-    cmake_parse_arguments(PARSE_ARGV 3 ARG "" "" "STATIC_REQUIRES")
+    cmake_parse_arguments(PARSE_ARGV 3 ARG "" "" "STATIC_REQUIRES;STATIC_LIBS")
     set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
     install(TARGETS ${target} EXPORT ${target}-targets)
     install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory})
@@ -59,8 +60,11 @@ function(halden_install_package target config_in pc_in)
     file(RELATIVE_PATH HALDEN_PC_INCLUDEDIR
         ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_INCLUDEDIR})
     set(HALDEN_PC_STATIC_REQUIRES "")
+    set(HALDEN_PC_STATIC_LIBS "")
     if(NOT BUILD_SHARED_LIBS)
         list(JOIN ARG_STATIC_REQUIRES " " HALDEN_PC_STATIC_REQUIRES)
+        list(TRANSFORM ARG_STATIC_LIBS PREPEND "-l")
+        list(JOIN ARG_STATIC_LIBS " " HALDEN_PC_STATIC_LIBS)
     endif()
     configure_file(${pc_in} ${target}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

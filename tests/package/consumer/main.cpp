@@ -1,6 +1,7 @@
 // A service as others write it: a function called periodically, and a sink of its own for all messages.
 
 #include <log/Logger.h>
+#include <utils/Hdf5Library.h>
 #include <utils/PcmExecutor.h>
 #include <utils/PeriodicCallerManager.h>
 
@@ -60,6 +61,7 @@ int main()
     auto const manager = std::make_shared<Utils::PeriodicCallerManager>(
         Utils::PeriodicCallerManager::ExecutionStrategy::ThreadPool, "service");
     Service service(*manager);
+    auto const lock = Utils::Hdf5Library::instance().lock(); // works only where HDF5 comes with the library
 
     return service.waitForThreeCalls() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
