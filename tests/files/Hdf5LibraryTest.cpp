@@ -1,0 +1,495 @@
+#include <utils/Hdf5Library.h>
+
+#include "support/CallDouble.h"
+#include "support/ChildProcess.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <H5Cpp.h>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <numeric>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+using namespace Halden::Tavro;
+using namespace Halden::Tavro::TestSupport;
+using namespace Halden::Tavro::Utils;
+using namespace std::chrono_literals;
+using namespace testing;
+
+namespace
+{
+
+// Made on first use and never destroyed: HDF5's C++ library opens the C library before any object of the program
+// exists, and closes it after all are gone.
+
+CallDouble<herr_t()>& h5Open()
+{
+    static auto& instance = *new CallDouble<herr_t()>("H5open");
+    return instance;
+}
+
+CallDouble<herr_t()>& h5Close()
+{
+    static auto& instance = *new CallDouble<herr_t()>("H5close");
+    return instance;
+}
+
+CallDouble<herr_t(hid_t, H5E_auto2_t, void*)>& setErrorPrinting()
+{
+    static auto& instance = *new CallDouble<herr_t(hid_t, H5E_auto2_t, void*)>("H5Eset_auto2");
+    return instance;
+}
+
+}
+
+extern "C" herr_t H5open()
+{
+    return h5Open()();
+}
+
+extern "C" herr_t H5close()
+{
+    return h5Close()();
+}
+
+extern "C" herr_t H5Eset_auto2(hid_t stack, H5E_auto2_t function, void* data)
+{
+    return setErrorPrinting()(stack, function, data);
+}
+
+namespace
+{
+
+constexpr char const* loggerName = "Halden::Tavro::Utils::Hdf5Library";
+
+/// Prints at once, so that nothing is lost at exit.
+class PrintingSink : public Log::LoggerImplIfc
+{
+public:
+    void write(Log::Record const& record) override
+    {
+        std::cout << static_cast<int>(record.severity) << " [" << record.logger << "] " << record.text << std::endl;
+    }
+};
+
+/// Each test needs the first instance() of a process, so it runs in a child.
+class Hdf5LibraryTest : public Test
+{
+protected:
+    Hdf5LibraryTest()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "hdf5-library-XXXXXX").string();
+        directory = mkdtemp(pattern.data());
+        h5Open().reset();
+        h5Close().reset();
+        setErrorPrinting().reset();
+    }
+
+    ~Hdf5LibraryTest() override { std::filesystem::remove_all(directory); }
+
+    /// @return what the child has printed; its expectations are part of the test
+    static std::string inChild(std::function<void()> const& piece)
+    {
+        auto const result = runInChild(
+            [&]
+            {
+                piece();
+                return HasFailure() ? 1 : 0;
+            });
+        EXPECT_EQ(result.exitCode, 0) << result.output;
+        return result.output;
+    }
+
+    /// As inChild, but the child ends as programs do: destructors run, and its log lines are printed. What comes after
+    /// "end" is the doing of HDF5's C++ library, which closes the C library itself, but last of all.
+    static std::string untilExit(std::function<void()> const& piece)
+    {
+        std::fflush(stdout); // else the child would print what the test program has not yet
+        return inChild(
+            [&]
+            {
+                Log::LoggerProxy::instance().setSink(std::make_shared<PrintingSink>());
+                Log::LoggerProxy::instance().setThreshold(Log::Severity::Trace);
+                std::atexit([] { std::cout << "end" << std::endl; });
+                piece();
+                std::cout << "exit" << std::endl;
+                std::exit(HasFailure() ? 1 : 0);
+            });
+    }
+
+    std::filesystem::path directory;
+};
+
+void openMissingFile()
+{
+    EXPECT_THROW(H5::H5File("/nowhere/none.h5", H5F_ACC_RDONLY), H5::FileIException);
+}
+
+static_assert(std::is_same_v<decltype(&Hdf5Library::instance), Hdf5Library& (*)()>);
+static_assert(std::is_same_v<decltype(&Hdf5Library::lock), std::unique_ptr<Hdf5LibraryLock> (Hdf5Library::*)()>);
+static_assert(std::is_base_of_v<Log::Logger, Hdf5Library> && !std::is_convertible_v<Hdf5Library*, Log::Logger*>);
+static_assert(!std::is_polymorphic_v<Hdf5Library> && !std::is_polymorphic_v<Hdf5LibraryLock>);
+static_assert(!std::is_copy_constructible_v<Hdf5Library> && !std::is_copy_assignable_v<Hdf5Library>);
+static_assert(!std::is_copy_constructible_v<Hdf5LibraryLock> && !std::is_copy_assignable_v<Hdf5LibraryLock>);
+static_assert(sizeof(Hdf5LibraryLock) == sizeof(std::mutex*));
+
+TEST_F(Hdf5LibraryTest, OpensHdf5OnceForAllThreads)
+{
+    inChild(
+        []
+        {
+            LogCapture const log;
+            std::promise<void> start;
+            auto const started = start.get_future().share();
+            std::vector<std::future<Hdf5Library*>> threads;
+            threads.reserve(8);
+            for (int i = 0; i < 8; ++i)
+            {
+                threads.push_back(std::async(std::launch::async,
+                                             [&started]
+                                             {
+                                                 started.wait();
+                                                 return &Hdf5Library::instance();
+                                             }));
+            }
+
+            start.set_value();
+
+            std::set<Hdf5Library*> instances{&Hdf5Library::instance()};
+            for (auto& thread : threads)
+            {
+                instances.insert(thread.get());
+            }
+            EXPECT_THAT(instances, SizeIs(1));
+            EXPECT_EQ(h5Open().count(), 1U);
+            EXPECT_EQ(h5Close().count(), 0U);
+            EXPECT_THAT(log.lines(), IsEmpty());
+        });
+}
+
+TEST_F(Hdf5LibraryTest, LogsAFailedOpenThrowsAndTriesAgainInTheNextCall)
+{
+    inChild(
+        []
+        {
+            LogCapture log;
+            log.expect(isLine(Log::Severity::Error, loggerName, StartsWith("H5open failed with ")));
+            h5Open().failCall(1, -1, 0);
+            h5Open().failCall(2, -7, 0);
+
+            EXPECT_THAT([] { Hdf5Library::instance(); },
+                        ThrowsMessage<std::runtime_error>(StrEq("Failed to open HDF5 library")));
+            EXPECT_THAT([] { Hdf5Library::instance(); },
+                        ThrowsMessage<std::runtime_error>(StrEq("Failed to open HDF5 library")));
+            EXPECT_EQ(setErrorPrinting().count(), 0U);
+            EXPECT_NO_THROW(Hdf5Library::instance());
+
+            EXPECT_EQ(h5Open().count(), 3U);
+            EXPECT_THAT(log.lines(), ElementsAre(isLine(Log::Severity::Error, loggerName, "H5open failed with -1"),
+                                                 isLine(Log::Severity::Error, loggerName, "H5open failed with -7")));
+        });
+}
+
+TEST_F(Hdf5LibraryTest, TakesAnyResultFromZeroOnForSuccess)
+{
+    std::string const output = untilExit(
+        []
+        {
+            h5Open().failCall(1, 1, 0);
+            h5Close().failCall(1, 1, 0);
+            EXPECT_NO_THROW(Hdf5Library::instance());
+        });
+
+    EXPECT_EQ(output, "exit\nend\n");
+}
+
+TEST_F(Hdf5LibraryTest, SwitchesErrorPrintingOffOnceHdf5IsOpen)
+{
+    inChild(
+        []
+        {
+            h5Open().replace(
+                []
+                {
+                    EXPECT_EQ(setErrorPrinting().count(), 0U);
+                    return h5Open().passOn();
+                });
+
+            Hdf5Library::instance();
+
+            EXPECT_THAT(setErrorPrinting().calls(), ElementsAre(FieldsAre(H5E_DEFAULT, nullptr, nullptr)));
+        });
+}
+
+TEST_F(Hdf5LibraryTest, KeepsErrorsOfTheFirstThreadOffTheTerminal)
+{
+    std::string const output = inChild(
+        []
+        {
+            Hdf5Library::instance();
+
+            openMissingFile();
+        });
+
+    EXPECT_EQ(output, "");
+}
+
+TEST_F(Hdf5LibraryTest, LeavesItToEachOtherThreadToKeepItsErrorsOffTheTerminal)
+{
+    bool threadSafe = false;
+    ASSERT_GE(H5is_library_threadsafe(&threadSafe), 0);
+    auto const openInThread = [](bool quiet)
+    {
+        return inChild(
+            [quiet]
+            {
+                Hdf5Library::instance();
+                std::thread(
+                    [quiet]
+                    {
+                        if (quiet)
+                        {
+                            H5::Exception::dontPrint();
+                        }
+                        openMissingFile();
+                    })
+                    .join();
+            });
+    };
+
+    EXPECT_EQ(openInThread(true), "");
+    if (threadSafe) // else the setting is that of the whole process
+    {
+        EXPECT_THAT(openInThread(false), StartsWith("HDF5-DIAG: Error detected in HDF5"));
+    }
+}
+
+void printCloses()
+{
+    h5Close().replace(
+        []
+        {
+            std::cout << "close" << std::endl;
+            return h5Close().passOn();
+        });
+}
+
+TEST_F(Hdf5LibraryTest, ClosesHdf5OnceAtExitWithoutAWord)
+{
+    std::string const output = untilExit(
+        []
+        {
+            printCloses();
+            Hdf5Library::instance();
+            Hdf5Library::instance().lock();
+        });
+
+    EXPECT_THAT(output, StartsWith("exit\nclose\nend\n"));
+}
+
+TEST_F(Hdf5LibraryTest, LogsAFailedCloseAndLetsTheExitGoOn)
+{
+    std::string const output = untilExit(
+        []
+        {
+            h5Close().failCall(1, -3, 0);
+            Hdf5Library::instance();
+        });
+
+    EXPECT_EQ(output, "exit\n1 [Halden::Tavro::Utils::Hdf5Library] H5close failed with -3\nend\n");
+}
+
+TEST_F(Hdf5LibraryTest, ClosesNothingWhereItHasOpenedNothing)
+{
+    std::string const output = untilExit(
+        []
+        {
+            printCloses();
+            h5Open().failCall(1, -1, 0);
+            EXPECT_THROW(Hdf5Library::instance(), std::runtime_error);
+        });
+
+    EXPECT_THAT(output, StartsWith("1 [Halden::Tavro::Utils::Hdf5Library] H5open failed with -1\nexit\nend\n"));
+}
+
+TEST_F(Hdf5LibraryTest, FilesThatAreStillOpenAreWholeAfterTheExit)
+{
+    auto const path = directory / "open.h5";
+    std::string const output = untilExit(
+        [&]
+        {
+            static H5::H5File const olderThanTheGuard(directory / "older.h5", H5F_ACC_TRUNC);
+            Hdf5Library::instance();
+            static H5::H5File const file(path, H5F_ACC_TRUNC);
+            file.createGroup("runs").close();
+            EXPECT_GE(H5Fcreate((directory / "forgotten.h5").c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), 0);
+        });
+
+    EXPECT_EQ(output, "exit\nend\n");
+    inChild(
+        [&]
+        {
+            EXPECT_TRUE(H5::H5File(path, H5F_ACC_RDONLY).nameExists("runs"));
+            EXPECT_NO_THROW(H5::H5File(directory / "older.h5", H5F_ACC_RDONLY));
+            EXPECT_NO_THROW(H5::H5File(directory / "forgotten.h5", H5F_ACC_RDONLY));
+        });
+}
+
+TEST_F(Hdf5LibraryTest, LockWaitsUntilTheOneBeforeIsDropped)
+{
+    inChild(
+        []
+        {
+            auto first = Hdf5Library::instance().lock();
+            std::atomic<bool> dropped{false};
+            auto second = std::async(std::launch::async,
+                                     [&dropped]
+                                     {
+                                         auto const lock = Hdf5Library::instance().lock();
+                                         return dropped.load();
+                                     });
+            EXPECT_EQ(second.wait_for(100ms), std::future_status::timeout);
+
+            dropped = true;
+            first.reset();
+
+            ASSERT_EQ(second.wait_for(10s), std::future_status::ready);
+            EXPECT_TRUE(second.get());
+        });
+}
+
+/// Appends the number to the file's only data set, in several steps.
+void append(std::filesystem::path const& path, int number)
+{
+    H5::H5File const file(path, H5F_ACC_RDWR);
+    H5::DataSet const numbers = file.openDataSet("numbers");
+    hsize_t const one = 1;
+    hsize_t count = 0;
+    numbers.getSpace().getSimpleExtentDims(&count);
+    hsize_t const extended = count + 1;
+    numbers.extend(&extended);
+    H5::DataSpace const target = numbers.getSpace();
+    target.selectHyperslab(H5S_SELECT_SET, &one, &count);
+    numbers.write(&number, H5::PredType::NATIVE_INT, H5::DataSpace(1, &one), target);
+}
+
+std::vector<int> numbersIn(std::filesystem::path const& path)
+{
+    H5::H5File const file(path, H5F_ACC_RDONLY);
+    H5::DataSet const numbers = file.openDataSet("numbers");
+    std::vector<int> result(static_cast<std::size_t>(numbers.getSpace().getSimpleExtentNpoints()));
+    numbers.read(result.data(), H5::PredType::NATIVE_INT);
+    return result;
+}
+
+void createNumbers(std::filesystem::path const& path)
+{
+    hsize_t const none = 0;
+    hsize_t const unlimited = H5S_UNLIMITED;
+    hsize_t const chunk = 64;
+    H5::DSetCreatPropList layout;
+    layout.setChunk(1, &chunk);
+    H5::H5File(path, H5F_ACC_TRUNC)
+        .createDataSet("numbers", H5::PredType::NATIVE_INT, H5::DataSpace(1, &none, &unlimited), layout);
+}
+
+TEST_F(Hdf5LibraryTest, TwoThreadsThatLockLoseNothingInOneFile)
+{
+    constexpr int perThread = 100;
+    auto const path = directory / "shared.h5";
+
+    inChild(
+        [&]
+        {
+            {
+                auto const lock = Hdf5Library::instance().lock();
+                createNumbers(path);
+            }
+            std::atomic<int> inside{0};
+            auto const work = [&](int first)
+            {
+                for (int number = first; number < first + perThread; ++number)
+                {
+                    auto const lock = Hdf5Library::instance().lock();
+                    EXPECT_EQ(++inside, 1);
+                    append(path, number);
+                    --inside;
+                }
+            };
+
+            std::thread other(work, perThread);
+            work(0);
+            other.join();
+
+            std::vector<int> expected(2 * perThread);
+            std::iota(expected.begin(), expected.end(), 0);
+            auto const lock = Hdf5Library::instance().lock();
+            EXPECT_THAT(numbersIn(path), UnorderedElementsAreArray(expected));
+        });
+}
+
+TEST(Hdf5LibraryLockTest, HoldsTheMutexForAsLongAsItLives)
+{
+    std::mutex mutex;
+    auto const isFree = [&mutex]
+    {
+        return std::async(std::launch::async,
+                          [&mutex] { return std::unique_lock(mutex, std::try_to_lock).owns_lock(); })
+            .get();
+    };
+    {
+        Hdf5LibraryLock const sut(mutex);
+
+        EXPECT_FALSE(isFree());
+    }
+    EXPECT_TRUE(isFree());
+}
+
+TEST(Hdf5LibraryLockTest, ThrowsASystemErrorWhenTheMutexCannotBeLocked)
+{
+    std::mutex mutex;
+    pthread_mutexattr_t errorChecking{};
+    ASSERT_EQ(pthread_mutexattr_init(&errorChecking), 0);
+    ASSERT_EQ(pthread_mutexattr_settype(&errorChecking, PTHREAD_MUTEX_ERRORCHECK), 0);
+    ASSERT_EQ(pthread_mutex_init(mutex.native_handle(), &errorChecking), 0);
+    Hdf5LibraryLock const held(mutex);
+
+    EXPECT_THROW(
+        {
+            try
+            {
+                Hdf5LibraryLock const sut(mutex);
+            }
+            catch (std::system_error const& error)
+            {
+                EXPECT_EQ(error.code(), std::errc::resource_deadlock_would_occur);
+                throw;
+            }
+        },
+        std::system_error);
+
+    EXPECT_EQ(pthread_mutex_lock(mutex.native_handle()), EDEADLK); // still held
+}
+
+}
