@@ -1,0 +1,234 @@
+// Records the load of the machine into an HDF5 file, while a second thread reads what is there so far.
+//
+//     record_hdf5 load.h5 --samples 20 --period 100
+
+#include "../support/Hdf5Work.h"
+
+#include <log/Logger.h>
+#include <utils/PeriodicCallerManager.h>
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace Halden::Tavro;
+using Utils::PeriodicCallerManager;
+using Clock = std::chrono::steady_clock;
+
+namespace
+{
+
+struct Sample
+{
+    double seconds; ///< since the start of the recording
+    double load;
+};
+
+double currentLoad()
+{
+    double load = 0;
+    if (getloadavg(&load, 1) != 1)
+    {
+        throw std::runtime_error("the load is not known");
+    }
+    return load;
+}
+
+/// A file with one growing data set. It is opened for each access: what has been appended is safe whatever happens.
+class LoadFile
+{
+public:
+    explicit LoadFile(std::string path)
+        : path(std::move(path))
+    {
+        try
+        {
+            doHdf5Work([this] { create(); });
+        }
+        catch (std::runtime_error const& error)
+        {
+            throw std::runtime_error("cannot write " + this->path + ": " + error.what());
+        }
+    }
+
+    void append(Sample const& sample) const
+    {
+        doHdf5Work(
+            [this, &sample]
+            {
+                H5::H5File const file(path, H5F_ACC_RDWR);
+                H5::DataSet const samples = file.openDataSet(name);
+                hsize_t const one = 1;
+                hsize_t const position = count(samples);
+                hsize_t const size = position + one;
+                samples.extend(&size);
+                H5::DataSpace const target = samples.getSpace();
+                target.selectHyperslab(H5S_SELECT_SET, &one, &position);
+                samples.write(&sample, type(), H5::DataSpace(1, &one), target);
+            });
+    }
+
+    std::vector<Sample> read() const
+    {
+        return doHdf5Work(
+            [this]
+            {
+                H5::H5File const file(path, H5F_ACC_RDONLY);
+                H5::DataSet const samples = file.openDataSet(name);
+                std::vector<Sample> result(static_cast<std::size_t>(count(samples)));
+                samples.read(result.data(), type());
+                return result;
+            });
+    }
+
+private:
+    static constexpr char const* name = "samples";
+
+    static H5::CompType type()
+    {
+        H5::CompType sample(sizeof(Sample));
+        sample.insertMember("seconds", HOFFSET(Sample, seconds), H5::PredType::NATIVE_DOUBLE);
+        sample.insertMember("load", HOFFSET(Sample, load), H5::PredType::NATIVE_DOUBLE);
+        return sample;
+    }
+
+    static hsize_t count(H5::DataSet const& samples)
+    {
+        return static_cast<hsize_t>(samples.getSpace().getSimpleExtentNpoints());
+    }
+
+    void create() const
+    {
+        hsize_t const none = 0;
+        hsize_t const unlimited = H5S_UNLIMITED;
+        hsize_t const chunk = 256;
+        H5::DSetCreatPropList layout;
+        layout.setChunk(1, &chunk);
+        H5::H5File(path, H5F_ACC_TRUNC).createDataSet(name, type(), H5::DataSpace(1, &none, &unlimited), layout);
+    }
+
+    std::string const path;
+};
+
+void print(std::vector<Sample> const& samples)
+{
+    double const sum = std::accumulate(samples.begin(), samples.end(), 0.0,
+                                       [](double partial, Sample const& sample) { return partial + sample.load; });
+    std::cout << samples.size() << " samples, the load is "
+              << (samples.empty() ? 0.0 : sum / static_cast<double>(samples.size())) << " on average" << std::endl;
+}
+
+/// The periodic function: appends samples until there are enough.
+class Recorder
+{
+public:
+    Recorder(LoadFile const& file, unsigned wanted)
+        : file(file)
+        , wanted(wanted)
+    {
+    }
+
+    void sample()
+    {
+        if (finished)
+        {
+            return;
+        }
+        try
+        {
+            file.append({std::chrono::duration<double>(Clock::now() - start).count(), currentLoad()});
+            if (++recorded == wanted)
+            {
+                finished = true;
+                end.set_value();
+            }
+        }
+        catch (...)
+        {
+            finished = true;
+            end.set_exception(std::current_exception()); // the library would only log it
+        }
+    }
+
+    /// Ready at the end of the recording; holds what has gone wrong.
+    std::future<void> finish() { return end.get_future(); }
+
+private:
+    LoadFile const& file;
+    unsigned const wanted;
+    Clock::time_point const start{Clock::now()};
+    unsigned recorded{0};
+    bool finished{false};
+    std::promise<void> end;
+};
+
+void record(std::string const& path, unsigned wanted, std::chrono::milliseconds period)
+{
+    LoadFile const file(path);
+    Recorder recorder(file, wanted);
+    auto end = recorder.finish();
+    auto const manager =
+        std::make_shared<PeriodicCallerManager>(PeriodicCallerManager::ExecutionStrategy::Sequential, "recorder");
+    auto const token = manager->add([&recorder] { recorder.sample(); }, period);
+
+    auto reader = std::async(std::launch::async,
+                             [&]
+                             {
+                                 while (end.wait_for(5 * period) != std::future_status::ready)
+                                 {
+                                     print(file.read());
+                                 }
+                             });
+    reader.get();
+    end.get();
+    print(file.read());
+}
+
+}
+
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
+{
+    std::string path;
+    unsigned samples = 20;
+    unsigned period = 100;
+    CLI::App app("Records the load of the machine into an HDF5 file, which is read at the same time.");
+    app.add_option("FILE", path, "The file to write; an old one is replaced")->required();
+    app.add_option("--samples", samples, "How many samples to record")
+        ->check(CLI::Range(1, 1'000'000))
+        ->capture_default_str();
+    app.add_option("--period", period, "The milliseconds between two samples")
+        ->check(CLI::Range(1, 3'600'000))
+        ->capture_default_str();
+    try
+    {
+        app.parse(argc, argv);
+        Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning);
+        record(path, samples, std::chrono::milliseconds(period));
+        return 0;
+    }
+    catch (CLI::CallForHelp const& help)
+    {
+        return app.exit(help);
+    }
+    catch (CLI::ParseError const& error)
+    {
+        std::cerr << "record_hdf5: " << error.what() << '\n';
+        return 2;
+    }
+    catch (std::exception const& error)
+    {
+        std::cerr << "record_hdf5: " << error.what() << '\n';
+        return 1;
+    }
+}
