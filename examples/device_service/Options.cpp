@@ -40,6 +40,7 @@ std::variant<Options, ExitStatus> parseOptions(int argc, char const* const* argv
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
     app.add_option("--timeline", options.timeline, "Draws all executions into this SVG file");
+    app.add_option("--record", options.record, "Records all executions into this HDF5 file");
     app.add_option("--log", log, "The least severe messages that go to standard error")
         ->check(CLI::IsMember(&severities))
         ->capture_default_str();

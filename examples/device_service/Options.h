@@ -17,6 +17,7 @@ struct Options
         Halden::Tavro::Utils::PeriodicCallerManager::ExecutionStrategy::ThreadPool};
     std::chrono::seconds duration{10};
     std::optional<std::string> timeline; ///< the file to write
+    std::optional<std::string> record;   ///< the HDF5 file to write
     Halden::Tavro::Log::Severity log{Halden::Tavro::Log::Severity::Error};
 };
 

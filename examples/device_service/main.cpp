@@ -1,5 +1,6 @@
 #include "JobRecord.h"
 #include "Options.h"
+#include "Recording.h"
 #include "Report.h"
 #include "Timeline.h"
 
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <list>
@@ -119,6 +121,18 @@ int run(Options const& options)
             return 2;
         }
     }
+    if (options.record)
+    {
+        try
+        {
+            createRecording(*options.record);
+        }
+        catch (std::exception const& error)
+        {
+            std::cerr << "device_service: " << error.what() << '\n';
+            return 2;
+        }
+    }
 
     StopSignals const signals;
     Halden::Tavro::Log::LoggerProxy::instance().setThreshold(options.log);
@@ -133,6 +147,10 @@ int run(Options const& options)
     {
         writeTimeline(timeline, service.jobs(), begin, end);
         timeline.close();
+    }
+    if (options.record)
+    {
+        writeRecording(*options.record, service.jobs(), begin);
     }
     if (!timeline || !std::cout.flush())
     {
@@ -151,5 +169,13 @@ int main(int argc, char** argv)
     {
         return status->value;
     }
-    return run(std::get<Options>(parsed));
+    try
+    {
+        return run(std::get<Options>(parsed));
+    }
+    catch (std::exception const& error)
+    {
+        std::cerr << "device_service: " << error.what() << '\n';
+        return 1;
+    }
 }

@@ -52,44 +52,37 @@ public:
     explicit LoadFile(std::string path)
         : path(std::move(path))
     {
-        try
-        {
-            doHdf5Work([this] { create(); });
-        }
-        catch (std::runtime_error const& error)
-        {
-            throw std::runtime_error("cannot write " + this->path + ": " + error.what());
-        }
+        doHdf5Work(this->path, [this] { create(); });
     }
 
     void append(Sample const& sample) const
     {
-        doHdf5Work(
-            [this, &sample]
-            {
-                H5::H5File const file(path, H5F_ACC_RDWR);
-                H5::DataSet const samples = file.openDataSet(name);
-                hsize_t const one = 1;
-                hsize_t const position = count(samples);
-                hsize_t const size = position + one;
-                samples.extend(&size);
-                H5::DataSpace const target = samples.getSpace();
-                target.selectHyperslab(H5S_SELECT_SET, &one, &position);
-                samples.write(&sample, type(), H5::DataSpace(1, &one), target);
-            });
+        doHdf5Work(path,
+                   [this, &sample]
+                   {
+                       H5::H5File const file(path, H5F_ACC_RDWR);
+                       H5::DataSet const samples = file.openDataSet(name);
+                       hsize_t const one = 1;
+                       hsize_t const position = count(samples);
+                       hsize_t const size = position + one;
+                       samples.extend(&size);
+                       H5::DataSpace const target = samples.getSpace();
+                       target.selectHyperslab(H5S_SELECT_SET, &one, &position);
+                       samples.write(&sample, type(), H5::DataSpace(1, &one), target);
+                   });
     }
 
     std::vector<Sample> read() const
     {
-        return doHdf5Work(
-            [this]
-            {
-                H5::H5File const file(path, H5F_ACC_RDONLY);
-                H5::DataSet const samples = file.openDataSet(name);
-                std::vector<Sample> result(static_cast<std::size_t>(count(samples)));
-                samples.read(result.data(), type());
-                return result;
-            });
+        return doHdf5Work(path,
+                          [this]
+                          {
+                              H5::H5File const file(path, H5F_ACC_RDONLY);
+                              H5::DataSet const samples = file.openDataSet(name);
+                              std::vector<Sample> result(static_cast<std::size_t>(count(samples)));
+                              samples.read(result.data(), type());
+                              return result;
+                          });
     }
 
 private:

@@ -39,6 +39,9 @@ private:
 /// declare these after the lock. A lock is needed even with an HDF5 that is built thread-safe, as Debian's is: that
 /// makes single calls of the C library safe, but neither its C++ classes nor a sequence of calls.
 ///
+/// H5::Exception is no std::exception: catch it before the end of a thread, or of a periodic function, whose log line
+/// would lack its text.
+///
 /// HDF5's own printing of errors is switched off on the thread of the first instance() only, because a thread-safe HDF5
 /// keeps that setting for each thread. Every other thread calls H5::Exception::dontPrint() once, before its HDF5 work.
 ///

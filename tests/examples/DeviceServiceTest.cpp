@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <H5Cpp.h>
+
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -159,6 +161,29 @@ INSTANTIATE_TEST_SUITE_P(, DeviceServiceStrategyTest, Values("sequential", "thre
                          [](auto const& strategy)
                          { return strategy.param == std::string("sequential") ? "Sequential" : "ThreadPool"; });
 
+/// How many rows each data set of an HDF5 file has.
+std::map<std::string, int> rowsIn(std::filesystem::path const& path)
+{
+    H5::H5File const file(path, H5F_ACC_RDONLY);
+    std::map<std::string, int> rows;
+    for (hsize_t i = 0; i < file.getNumObjs(); ++i)
+    {
+        auto const name = file.getObjnameByIdx(i);
+        rows[name] = static_cast<int>(file.openDataSet(name).getSpace().getSimpleExtentNpoints());
+    }
+    return rows;
+}
+
+TEST_F(DeviceServiceTest, RecordsEachExecution)
+{
+    auto const recording = directory / "runs.h5";
+
+    auto const result = runService({"--seconds", "1", "--record", recording});
+
+    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    EXPECT_EQ(rowsIn(recording), runsIn(result.output)) << result.output;
+}
+
 TEST_F(DeviceServiceTest, ShowsAtMostOnePlainStatusLineASecondWhereThereIsNoTerminal)
 {
     auto const result = runService({"--seconds", "3"});
@@ -201,9 +226,13 @@ TEST_F(DeviceServiceTest, StopsCleanlyAtEitherSignal)
 
 TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
 {
-    std::vector<std::vector<std::string>> const bad{{"--strategy", "both"}, {"--seconds", "0"},
-                                                    {"--seconds", "soon"},  {"--log", "loud"},
-                                                    {"--no-such-option"},   {"--timeline", "/nowhere/timeline.svg"}};
+    std::vector<std::vector<std::string>> const bad{{"--strategy", "both"},
+                                                    {"--seconds", "0"},
+                                                    {"--seconds", "soon"},
+                                                    {"--log", "loud"},
+                                                    {"--no-such-option"},
+                                                    {"--timeline", "/nowhere/timeline.svg"},
+                                                    {"--record", "/nowhere/runs.h5"}};
     for (auto const& arguments : bad)
     {
         auto const result = runService(arguments);
@@ -219,7 +248,7 @@ TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
     auto const result = runService({"--help"});
 
     EXPECT_EQ(result.exitCode, std::optional(0));
-    for (char const* const option : {"--strategy", "--seconds", "--timeline", "--log"})
+    for (char const* const option : {"--strategy", "--seconds", "--timeline", "--record", "--log"})
     {
         EXPECT_THAT(result.output, HasSubstr(option));
     }

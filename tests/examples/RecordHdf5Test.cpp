@@ -87,7 +87,7 @@ TEST_F(RecordHdf5Test, FileThatCannotBeWrittenEndsItWithASentenceAndStatusOne)
     auto const result = runExample({"/nowhere/load.h5"});
 
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.output, "record_hdf5: cannot write /nowhere/load.h5: H5File constructor: H5Fcreate failed\n");
+    EXPECT_EQ(result.output, "record_hdf5: /nowhere/load.h5: H5File constructor: H5Fcreate failed\n");
 }
 
 TEST_F(RecordHdf5Test, BadOptionsEndItWithASentenceAndStatusTwo)
