@@ -36,7 +36,6 @@ struct State
     std::vector<Object> objects; // not freed, in the order of their making
     LibXmlWatch::Callback error{nullptr};
     LibXmlWatch::Callback warning{nullptr};
-    std::size_t blocks{0};
     std::size_t bytes{0};
 };
 
@@ -117,13 +116,22 @@ void freed(char const* function, void const* address)
     }
 }
 
+void count(void* block)
+{
+    state().bytes += malloc_usable_size(block);
+}
+
+void countOff(void* block)
+{
+    state().bytes -= malloc_usable_size(block);
+}
+
 void* allocate(std::size_t size)
 {
     void* const block = std::malloc(size);
     if (block != nullptr)
     {
-        ++state().blocks;
-        state().bytes += malloc_usable_size(block);
+        count(block);
     }
     return block;
 }
@@ -138,19 +146,19 @@ void release(void* block)
     {
         freed("xmlFree", block);
     }
-    --state().blocks;
-    state().bytes -= malloc_usable_size(block);
+    countOff(block);
     std::free(block);
 }
 
 void* reallocate(void* block, std::size_t size)
 {
-    void* const other = allocate(size);
-    if (other != nullptr && block != nullptr)
+    if (block == nullptr)
     {
-        std::memcpy(other, block, std::min(size, malloc_usable_size(block)));
-        release(block);
+        return allocate(size);
     }
+    countOff(block);
+    void* const other = std::realloc(block, size);
+    count(other == nullptr ? block : other);
     return other;
 }
 
@@ -218,12 +226,6 @@ LibXmlWatch::Callback LibXmlWatch::errorCallback() const
 LibXmlWatch::Callback LibXmlWatch::warningCallback() const
 {
     return state().warning;
-}
-
-std::size_t LibXmlWatch::blocks()
-{
-    xmlResetLastError();
-    return state().blocks;
 }
 
 std::size_t LibXmlWatch::bytes()

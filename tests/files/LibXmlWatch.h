@@ -40,8 +40,7 @@ public:
     Callback errorCallback() const;
     Callback warningCallback() const;
 
-    /// What libxml2 has allocated in this process and not freed. The last error that it remembers is none of it.
-    static std::size_t blocks();
+    /// What libxml2 has allocated in this process and not freed, but for the last error that it remembers.
     static std::size_t bytes();
 };
 
