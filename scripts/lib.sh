@@ -1,5 +1,8 @@
 # Shared by the scripts of this folder; sourced, not run. Expects bash with "set -euo pipefail".
 
+# What every build of the library needs.
+readonly build_packages=(cmake g++ libboost-dev libhdf5-dev libspdlog-dev libxml2-dev ninja-build)
+
 # step TEXT: one line of progress.
 step() {
     printf -- '-- %s\n' "$*"
