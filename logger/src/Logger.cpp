@@ -1,9 +1,7 @@
 #include <log/Logger.h>
 
-#include <log/SpdlogSink.h>
-
-#include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include "HoldWhileForking.h"
+#include "StartUpSink.h"
 
 #include <array>
 #include <atomic>
@@ -26,47 +24,42 @@ bool isEnabled(Severity severity)
     return static_cast<int>(severity) <= threshold.load(std::memory_order_relaxed);
 }
 
-std::shared_ptr<LoggerImplIfc> makeStartUpSink()
+template <typename Object>
+union NeverDestroyed
 {
-    auto const target =
-        std::make_shared<spdlog::logger>("haldencpplogger", std::make_shared<spdlog::sinks::stderr_sink_mt>());
-    target->set_pattern("%Y-%m-%d %H:%M:%S.%e %l %t %v");
-    target->set_level(spdlog::level::trace);
-    return std::make_shared<SpdlogSink>(target);
+    constexpr NeverDestroyed()
+        : object()
+    {
+    }
+
+    ~NeverDestroyed() {} // NOLINT(modernize-use-equals-default): a union's default one is deleted
+
+    Object object;
+};
+
+NeverDestroyed<StartUpSink> startUpSink;
+std::mutex sinkMutex;
+NeverDestroyed<std::shared_ptr<LoggerImplIfc>> sinkSlot; // guarded by sinkMutex; null stands for the start-up sink
+
+[[gnu::constructor]] void keepSinkUsableInChildren()
+{
+    holdWhileForking<sinkMutex>();
 }
 
-/// The process-wide sink.
-class SinkSlot
+std::shared_ptr<LoggerImplIfc> orStartUpSink(std::shared_ptr<LoggerImplIfc> sink)
 {
-public:
-    /// Never destroyed: objects that live until the end of the process may still log.
-    static SinkSlot& instance()
+    if (sink == nullptr)
     {
-        static SinkSlot& slot = *new SinkSlot;
-        return slot;
+        return {std::shared_ptr<void>(), &startUpSink.object}; // points there, owns nothing
     }
+    return sink;
+}
 
-    std::shared_ptr<LoggerImplIfc> get()
-    {
-        std::lock_guard const lock(mutex);
-        return current;
-    }
-
-    std::shared_ptr<LoggerImplIfc> exchange(std::shared_ptr<LoggerImplIfc> next)
-    {
-        if (next == nullptr)
-        {
-            next = startUp;
-        }
-        std::lock_guard const lock(mutex);
-        return std::exchange(current, std::move(next));
-    }
-
-private:
-    std::shared_ptr<LoggerImplIfc> const startUp = makeStartUpSink();
-    std::mutex mutex;
-    std::shared_ptr<LoggerImplIfc> current = startUp; // guarded by mutex
-};
+std::shared_ptr<LoggerImplIfc> processWideSink()
+{
+    std::lock_guard const lock(sinkMutex);
+    return orStartUpSink(sinkSlot.object);
+}
 
 /// Formats as vprintf(3) does, on the stack where the text is of usual length.
 class Text
@@ -121,7 +114,7 @@ LoggerImplIfc::~LoggerImplIfc() = default;
 
 void LoggerImpl::write(Record const& record)
 {
-    SinkSlot::instance().get()->write(record);
+    processWideSink()->write(record);
 }
 
 LoggerProxy& LoggerProxy::instance()
@@ -142,7 +135,8 @@ void LoggerProxy::setThreshold(Severity mostVerbose)
 
 std::shared_ptr<LoggerImplIfc> LoggerProxy::setSink(std::shared_ptr<LoggerImplIfc> sink)
 {
-    return SinkSlot::instance().exchange(std::move(sink));
+    std::lock_guard const lock(sinkMutex);
+    return orStartUpSink(std::exchange(sinkSlot.object, std::move(sink)));
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given

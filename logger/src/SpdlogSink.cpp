@@ -1,7 +1,10 @@
 #include <log/SpdlogSink.h>
 
+#include "HoldWhileForking.h"
+
 #include <spdlog/logger.h>
 
+#include <mutex>
 #include <utility>
 
 namespace Halden::Tavro::Log
@@ -9,6 +12,14 @@ namespace Halden::Tavro::Log
 
 namespace
 {
+
+/// Held around spdlog, whose own locks a forked child could find held by a thread that it does not have.
+std::mutex spdlogMutex;
+
+[[gnu::constructor]] void keepSpdlogUsableInChildren()
+{
+    holdWhileForking<spdlogMutex>();
+}
 
 spdlog::level::level_enum toSpdlogLevel(Severity severity)
 {
@@ -56,6 +67,7 @@ void SpdlogSink::write(Record const& record)
         line.append("[").append(record.logger).append("] ");
     }
     line.append(record.text);
+    std::lock_guard const lock(spdlogMutex);
     target->log(record.time, spdlog::source_loc{}, level, toSpdlogView(line));
 }
 

@@ -41,8 +41,11 @@ public:
     virtual ~LoggerImplIfc();
 
     /// Called on the thread that logs, from many threads at once, with that thread's locks held: an implementation
-    /// guards its own state, and neither logs nor calls back into the code that logged. What it throws is dropped
-    /// together with the record.
+    /// guards its own state, and neither logs, forks nor calls back into the code that logged. What it throws is
+    /// dropped together with the record.
+    ///
+    /// A forked child may log as well, between fork(2) and execv(3), even when other threads were inside this call at
+    /// the moment of the fork: an implementation with a lock holds it while the process forks, see pthread_atfork(3).
     virtual void write(Record const& record) = 0;
 };
 
@@ -55,8 +58,8 @@ public:
 
 /// The process-wide settings: which severities are written, and where.
 ///
-/// Usable from any thread, before main and until the process has ended. At start Info and worse are written, to
-/// standard error.
+/// Usable from any thread, before main, until the process has ended, and in a forked child. At start Info and worse are
+/// written, with the time in UTC, to standard error.
 class HALDEN_CPPLOGGER_EXPORT LoggerProxy
 {
 public:

@@ -16,6 +16,10 @@ namespace Halden::Tavro::Log
 ///
 /// The message starts with the Logger's name in brackets, as spdlog's own name is that of the spdlog logger. The spdlog
 /// logger's level and error handler stay in force; it must be a thread-safe one ("_mt").
+///
+/// One lock for all sinks of this class is held while one of them writes and while the process forks, so that a forked
+/// child can log. What it does not cover may make such a child wait without end: other uses of the spdlog logger, and
+/// localtime_r(3), which spdlog calls for its time, by other threads at the moment of the fork.
 class HALDEN_CPPLOGGER_EXPORT SpdlogSink : public LoggerImplIfc
 {
 public:

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <utils/Export.h>
+
+#include <ext/stdio_filebuf.h>
+
+namespace Halden::Tavro::Utils
+{
+
+/// Both ends of one anonymous pipe, see pipe(7), with what parent and child do with them around a fork(2).
+///
+/// To run a program, use execute(): it takes care of all that is said here.
+///
+/// A number may be closed twice: close(End) and the stream buffers leave the number in the Pipe, so that close() and
+/// the destructor close it again, when it may belong to a file that another thread has opened since. Use them only
+/// where nothing else opens descriptors until the Pipe is gone: in a process with one thread, or in a forked child.
+///
+/// Every program that any thread starts meanwhile inherits the ends: a reader sees no end of file before that program
+/// has ended as well.
+///
+/// Threads: a Pipe belongs to one thread at a time.
+class HALDEN_CPPUTILS_EXPORT Pipe
+{
+public:
+    enum class End
+    {
+        Write = 0,
+        Read = 1
+    };
+
+    /// @throws std::runtime_error "Failed to create pipe"
+    Pipe();
+
+    Pipe(Pipe const&) = delete;
+    Pipe& operator=(Pipe const&) = delete;
+
+    /// As close().
+    ~Pipe();
+
+    /// Closes both ends and forgets them, so that a second call does nothing. Errors are ignored.
+    void close();
+
+    /// Closes one end without forgetting it: see above. Errors are ignored.
+    void close(End end);
+
+    /// Makes the read end the process's standard input as well, see dup2(2).
+    ///
+    /// @return the new descriptor, 0
+    /// @throws std::runtime_error "Failed to set stdin to the pipe, error was " and the reason
+    int useAsStdin() const;
+
+    /// Makes the write end the process's standard output as well; otherwise as useAsStdin(), with 1 and "stdout".
+    int useAsStdout() const;
+
+    /// Makes the write end the process's standard error as well; otherwise as useAsStdin(), with 2 and "stderr".
+    int useAsStderr() const;
+
+    /// A buffer to read from, which closes the read end when it is destroyed or closed: see above.
+    ///
+    /// @return closed when the end cannot be opened. A stream over a closed buffer looks good until it is used, so ask
+    /// the buffer: is_open().
+    __gnu_cxx::stdio_filebuf<char> bufferRead() const;
+
+    /// A buffer to write into; otherwise as bufferRead(), with the write end.
+    __gnu_cxx::stdio_filebuf<char> bufferWrite() const;
+
+private:
+    friend struct PipeEnds;
+
+    /// @param create as pipe(2)
+    explicit Pipe(int (*create)(int* ends));
+
+    int readFd{-1};  // -1 once close() has closed it
+    int writeFd{-1}; // likewise
+};
+
+}
