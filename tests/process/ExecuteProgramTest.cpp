@@ -1,0 +1,386 @@
+// execute() with the programs of this machine.
+
+#include <utils/Execute.h>
+
+#include "support/ChildProcess.h"
+#include "support/LogCapture.h"
+#include "support/Resources.h"
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <istream>
+#include <sstream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::HasSubstr;
+using testing::Optional;
+using TestSupport::isLine;
+using TestSupport::runInChild;
+using namespace std::chrono_literals;
+
+constexpr auto longEnough = 60s;
+
+ExecutionResult run(std::string const& path, std::vector<std::string> const& arguments = {},
+                    std::string const& input = {}, std::chrono::milliseconds timeout = longEnough)
+{
+    std::istringstream const stream(input);
+    return execute(path, arguments, {}, stream, timeout);
+}
+
+ExecutionResult shell(std::string const& script, Environment const& environment = {},
+                      std::chrono::milliseconds timeout = longEnough)
+{
+    std::istringstream const input;
+    return execute("/bin/sh", {"-c", script}, environment, input, timeout);
+}
+
+bool hasChildren()
+{
+    return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD;
+}
+
+std::size_t pipeCapacity()
+{
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe(ends.data()), 0);
+    int const capacity = fcntl(ends[0], F_GETPIPE_SZ);
+    close(ends[0]);
+    close(ends[1]);
+    return static_cast<std::size_t>(capacity);
+}
+
+class ExecuteProgramTest : public testing::Test
+{
+protected:
+    ~ExecuteProgramTest() override { EXPECT_FALSE(hasChildren()); }
+
+    TestSupport::LogCapture log;
+};
+
+TEST_F(ExecuteProgramTest, ExitStatusAndOutputAreHandedBack)
+{
+    auto const result = shell("echo text; exit 3");
+
+    EXPECT_THAT(result.exitCode, Optional(3));
+    EXPECT_FALSE(result.termSignal.has_value());
+    EXPECT_EQ(result.output, "text\n");
+}
+
+TEST_F(ExecuteProgramTest, ExitStatusFrom128OnIsNegative)
+{
+    EXPECT_THAT(shell("exit 127").exitCode, Optional(127));
+    EXPECT_THAT(shell("exit 128").exitCode, Optional(-128));
+    EXPECT_THAT(shell("exit 255").exitCode, Optional(-1));
+}
+
+TEST_F(ExecuteProgramTest, SignalThatEndsTheProgramIsHandedBack)
+{
+    for (int const signalNumber : {SIGHUP, SIGKILL, SIGPIPE, SIGTERM})
+    {
+        auto const result = shell("echo text; kill -" + std::to_string(signalNumber) + " $$");
+
+        EXPECT_THAT(result.termSignal, Optional(signalNumber));
+        EXPECT_FALSE(result.exitCode.has_value());
+        EXPECT_EQ(result.output, "text\n");
+    }
+}
+
+TEST_F(ExecuteProgramTest, PathIsArgumentZeroAndArgumentsAreNotTakenApart)
+{
+    EXPECT_EQ(run("/bin/sh", {"-c", "printf '[%s]' \"$0\" \"$@\"", "zero", "", "a b", "*", "$HOME"}).output,
+              "[zero][][a b][*][$HOME]");
+    EXPECT_EQ(run("/bin/cat", {"/proc/self/cmdline"}).output, std::string("/bin/cat\0/proc/self/cmdline\0", 28));
+}
+
+TEST_F(ExecuteProgramTest, InputOfSeveralMebibytesArrivesWhole)
+{
+    EXPECT_EQ(run("/usr/bin/wc", {"-c"}, std::string(5 * 1024 * 1024, 'x')).output, "5242880\n");
+}
+
+TEST_F(ExecuteProgramTest, AnyBytesArriveInBothDirections)
+{
+    std::string bytes;
+    for (int i = 0; i < 60'000; ++i)
+    {
+        bytes.push_back(static_cast<char>(i % 256));
+    }
+
+    EXPECT_EQ(run("/bin/cat", {}, bytes).output, bytes);
+}
+
+TEST_F(ExecuteProgramTest, InputBeginsWhereTheStreamStands)
+{
+    std::istringstream input("first rest\n");
+    std::string first;
+    input >> first;
+
+    EXPECT_EQ(execute("/bin/cat", {}, {}, input, longEnough).output, " rest\n");
+}
+
+TEST_F(ExecuteProgramTest, EmptyInputEndsAtOnce)
+{
+    std::istream const withoutBuffer(nullptr);
+
+    EXPECT_EQ(run("/usr/bin/wc", {"-c"}).output, "0\n");
+    EXPECT_EQ(execute("/usr/bin/wc", {"-c"}, {}, withoutBuffer, longEnough).output, "0\n");
+}
+
+TEST_F(ExecuteProgramTest, ProgramThatEndsWithoutReadingItsInputDoesNotBlock)
+{
+    auto const result = run("/bin/true", {}, std::string(5 * 1024 * 1024, 'x'));
+
+    EXPECT_THAT(result.exitCode, Optional(0));
+}
+
+TEST_F(ExecuteProgramTest, ProgramThatClosesItsInputDoesNotBlock)
+{
+    std::istringstream const input(std::string(5 * 1024 * 1024, 'x'));
+
+    auto const result = execute("/bin/sh", {"-c", "exec <&-; echo text; exit 2"}, {}, input, longEnough);
+
+    EXPECT_THAT(result.exitCode, Optional(2));
+    EXPECT_EQ(result.output, "text\n");
+}
+
+TEST_F(ExecuteProgramTest, OutputThatFillsThePipeIsHandedBackWhole)
+{
+    auto const capacity = pipeCapacity();
+
+    auto const result = run("/usr/bin/head", {"-c", std::to_string(capacity), "/dev/zero"});
+
+    EXPECT_THAT(result.exitCode, Optional(0));
+    EXPECT_EQ(result.output, std::string(capacity, '\0'));
+}
+
+TEST_F(ExecuteProgramTest, OneByteMoreThanThePipeHoldsEndsInAKill)
+{
+    auto const capacity = pipeCapacity();
+
+    auto const result = run("/usr/bin/head", {"-c", std::to_string(capacity + 1), "/dev/zero"}, {}, 500ms);
+
+    EXPECT_THAT(result.termSignal, Optional(SIGKILL));
+    EXPECT_FALSE(result.exitCode.has_value());
+    EXPECT_EQ(result.output, std::string(capacity, '\0'));
+}
+
+TEST_F(ExecuteProgramTest, ProgramThatTakesTooLongIsKilled)
+{
+    auto const start = std::chrono::steady_clock::now();
+
+    auto const result = shell("echo $$; exec sleep 60", {}, 200ms);
+
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 210ms);
+    EXPECT_THAT(result.termSignal, Optional(SIGKILL));
+    EXPECT_FALSE(result.exitCode.has_value());
+    std::string const id = result.output.substr(0, result.output.find('\n'));
+    EXPECT_THAT(log.lines(),
+                testing::ElementsAre(isLine(Severity::Trace, "", "execute()"),
+                                     isLine(Severity::Trace, "", "getAppOutput()"),
+                                     isLine(Severity::Debug, "", "Timeout is set to 0.200000s"),
+                                     isLine(Severity::Debug, "", "Send kill signal to child process " + id),
+                                     isLine(Severity::Info, "", "kill(" + id + ", SIGKILL) succeeded with 0"),
+                                     isLine(Severity::Debug, "", "Child finished after kill")));
+}
+
+TEST_F(ExecuteProgramTest, NoTimeLeavesOneSleepBeforeTheKill)
+{
+    auto const start = std::chrono::steady_clock::now();
+
+    auto const result = run("/bin/sleep", {"60"}, {}, 0ms);
+
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 10ms);
+    EXPECT_THAT(result.termSignal, Optional(SIGKILL));
+}
+
+TEST_F(ExecuteProgramTest, EnvironmentIsInheritedAddedToAndOverwritten)
+{
+    ASSERT_EQ(setenv("HALDEN_KEPT", "kept", 1), 0);
+    ASSERT_EQ(setenv("HALDEN_CHANGED", "before", 1), 0);
+
+    auto const result =
+        shell("echo \"$HALDEN_KEPT|$HALDEN_CHANGED|$HALDEN_ADDED|$HALDEN_TWICE\"", {{"HALDEN_CHANGED", "after"},
+                                                                                    {"HALDEN_ADDED", "a = b\nc"},
+                                                                                    {"HALDEN_TWICE", "first"},
+                                                                                    {"HALDEN_TWICE", "second"}});
+
+    EXPECT_EQ(result.output, "kept|after|a = b\nc|second\n");
+    EXPECT_STREQ(std::getenv("HALDEN_CHANGED"), "before");
+    EXPECT_EQ(std::getenv("HALDEN_ADDED"), nullptr);
+}
+
+TEST_F(ExecuteProgramTest, WhatIsNoProgramEndsWith255AndNoOutput)
+{
+    for (std::string const path : {"/no/such/program", "/", "/etc/passwd", ""})
+    {
+        auto const result = run(path);
+
+        EXPECT_THAT(result.exitCode, Optional(-1)) << path;
+        EXPECT_FALSE(result.termSignal.has_value()) << path;
+        EXPECT_EQ(result.output, "") << path;
+    }
+}
+
+TEST_F(ExecuteProgramTest, NameWithoutASlashIsNotLookedUpInPath)
+{
+    EXPECT_THAT(run("true").exitCode, Optional(-1));
+    EXPECT_THAT(shell("true").exitCode, Optional(0)); // which a shell does
+}
+
+TEST_F(ExecuteProgramTest, NameWithoutASlashIsOneInTheCurrentDirectory)
+{
+    auto const child = runInChild(
+        []
+        {
+            std::filesystem::current_path("/bin");
+            return run("true").exitCode == 0 ? 0 : 1;
+        });
+
+    EXPECT_EQ(child.exitCode, 0);
+}
+
+TEST_F(ExecuteProgramTest, StandardErrorIsTheCallers)
+{
+    auto const child = runInChild([] { return shell("echo text >&2").output.empty() ? 0 : 1; });
+
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.output, "text\n");
+}
+
+TEST_F(ExecuteProgramTest, FailedStartIsLoggedByTheChild)
+{
+    auto const child = runInChild(
+        []
+        {
+            Log::LoggerProxy::instance().setSink(nullptr);
+            Log::LoggerProxy::instance().setThreshold(Severity::Error);
+            return run("/no/such/program").exitCode == -1 ? 0 : 1;
+        });
+
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_THAT(child.output, testing::EndsWith(" execve() failed with No such file or directory\n"));
+    EXPECT_THAT(child.output, HasSubstr(" error "));
+}
+
+TEST_F(ExecuteProgramTest, ProcessLeftBehindWithTheOutputIsWaitedFor)
+{
+    auto const result = shell("(sleep 0.3; echo late) & echo early");
+
+    EXPECT_THAT(result.exitCode, Optional(0));
+    EXPECT_EQ(result.output, "early\nlate\n");
+}
+
+/// An input that runs a function before its end.
+class InputThatCalls : public std::streambuf
+{
+public:
+    explicit InputThatCalls(std::function<void()> function)
+        : function(std::move(function))
+    {
+    }
+
+protected:
+    int_type underflow() override
+    {
+        function();
+        return traits_type::eof();
+    }
+
+private:
+    std::function<void()> function;
+};
+
+TEST_F(ExecuteProgramTest, ProgramInheritsNoPipeOfAnotherCall)
+{
+    auto const listing = [] { return run("/bin/ls", {"/proc/self/fd"}).output; };
+    std::string const alone = listing();
+    std::string during;
+    InputThatCalls buffer([&] { during = listing(); });
+    std::istream const input(&buffer);
+
+    execute("/bin/true", {}, {}, input, longEnough);
+
+    EXPECT_NE(alone, "");
+    EXPECT_EQ(during, alone);
+}
+
+TEST_F(ExecuteProgramTest, ProgramHasTheSignalMaskOfTheCaller)
+{
+    auto const blocked = [] { return run("/bin/grep", {"SigBlk", "/proc/self/status"}).output; };
+    std::string const before = blocked();
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+
+    pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+    std::string const after = blocked();
+    pthread_sigmask(SIG_UNBLOCK, &usr1, nullptr);
+
+    EXPECT_EQ(before, "SigBlk:\t0000000000000000\n");
+    EXPECT_EQ(after, "SigBlk:\t0000000000000200\n");
+}
+
+TEST_F(ExecuteProgramTest, IgnoredEndOfChildrenThrows)
+{
+    auto const child = runInChild(
+        []
+        {
+            Log::LoggerProxy::instance().setSink(nullptr);
+            signal(SIGCHLD, SIG_IGN);
+            try
+            {
+                run("/bin/true");
+            }
+            catch (std::runtime_error const& error)
+            {
+                return std::string(error.what()) == "No child processes" ? 0 : 2;
+            }
+            return 1;
+        });
+
+    EXPECT_EQ(child.exitCode, 0) << child.output;
+}
+
+TEST_F(ExecuteProgramTest, RunsInARowLeaveNothingBehind)
+{
+    constexpr std::size_t runs = 300;
+    run("/bin/cat", {}, "text");
+    log.clear();
+    auto const descriptors = TestSupport::openDescriptors();
+    auto const blocks = TestSupport::heapBlocks();
+
+    for (std::size_t i = 0; i < runs; ++i)
+    {
+        ASSERT_EQ(run("/bin/cat", {}, "text").output, "text");
+        log.clear();
+    }
+
+    EXPECT_FALSE(hasChildren());
+    EXPECT_EQ(TestSupport::openDescriptors(), descriptors);
+    EXPECT_EQ(TestSupport::heapBlocks(), blocks);
+}
+
+}
+
+}
