@@ -39,6 +39,7 @@ std::variant<Options, ExitStatus> parseOptions(int argc, char const* const* argv
     app.add_option("--seconds", seconds, "Ends after that many seconds, or earlier with Ctrl-C")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
+    app.add_option("--description", options.description, "Takes its name from this UPnP device description");
     app.add_option("--timeline", options.timeline, "Draws all executions into this SVG file");
     app.add_option("--record", options.record, "Records all executions into this HDF5 file");
     app.add_option("--log", log, "The least severe messages that go to standard error")

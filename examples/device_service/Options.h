@@ -16,8 +16,9 @@ struct Options
     Halden::Tavro::Utils::PeriodicCallerManager::ExecutionStrategy strategy{
         Halden::Tavro::Utils::PeriodicCallerManager::ExecutionStrategy::ThreadPool};
     std::chrono::seconds duration{10};
-    std::optional<std::string> timeline; ///< the file to write
-    std::optional<std::string> record;   ///< the HDF5 file to write
+    std::string description{DEVICE_DESCRIPTION_XML}; ///< the UPnP device description with the service's name
+    std::optional<std::string> timeline;             ///< the file to write
+    std::optional<std::string> record;               ///< the HDF5 file to write
     Halden::Tavro::Log::Severity log{Halden::Tavro::Log::Severity::Error};
 };
 

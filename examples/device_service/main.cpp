@@ -4,6 +4,8 @@
 #include "Report.h"
 #include "Timeline.h"
 
+#include <utils/XmlHelper.h>
+
 #include <signal.h> // NOLINT(modernize-deprecated-headers): sigtimedwait is POSIX
 #include <unistd.h>
 
@@ -56,8 +58,8 @@ private:
 class Service
 {
 public:
-    explicit Service(PeriodicCallerManager::ExecutionStrategy strategy)
-        : manager(std::make_shared<PeriodicCallerManager>(strategy, "device"))
+    Service(PeriodicCallerManager::ExecutionStrategy strategy, std::string const& name)
+        : manager(std::make_shared<PeriodicCallerManager>(strategy, name))
         , systemTime(std::in_place, manager)
     {
         systemTime->initialize();
@@ -109,6 +111,21 @@ void showUntil(Clock::time_point deadline, StopSignals const& signals, Service c
     std::cout << (onTerminal ? "\n" : "");
 }
 
+/// Before any thread starts: XML is the work of one thread at a time.
+std::optional<std::string> nameFrom(std::string const& description)
+{
+    try
+    {
+        return Halden::Tavro::Utils::XmlHelper().singleNodeText(description,
+                                                                "/upnp:root/upnp:device/upnp:friendlyName");
+    }
+    catch (std::exception const& error)
+    {
+        std::cerr << "device_service: no name in " << description << ": " << error.what() << '\n';
+        return std::nullopt;
+    }
+}
+
 int run(Options const& options)
 {
     std::ofstream timeline;
@@ -136,8 +153,14 @@ int run(Options const& options)
 
     StopSignals const signals;
     Halden::Tavro::Log::LoggerProxy::instance().setThreshold(options.log);
+    auto const name = nameFrom(options.description);
+    if (!name)
+    {
+        return 2;
+    }
+    std::cout << *name << '\n' << std::flush;
     auto const begin = Clock::now();
-    Service service(options.strategy);
+    Service service(options.strategy, *name);
     showUntil(begin + options.duration, signals, service);
     service.stop();
     auto const end = Clock::now(); // after the last run

@@ -243,12 +243,43 @@ TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
     }
 }
 
+TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
+{
+    auto const description = directory / "device.xml";
+    std::ofstream(description) << R"(<root xmlns="urn:schemas-upnp-org:device-1-0"><device>
+        <friendlyName>Pump &amp; valve</friendlyName></device></root>)";
+
+    auto const shipped = runService({"--seconds", "1"});
+    auto const given =
+        runService({"--seconds", "1", "--log", "info", "--strategy", "sequential", "--description", description});
+
+    EXPECT_THAT(shipped.output, StartsWith("Pressure sensor, hall 3\n"));
+    EXPECT_EQ(given.exitCode, std::optional(0)) << given.output;
+    EXPECT_THAT(given.output, HasSubstr("PeriodicCallerManager(Pump & valve)"));
+}
+
+TEST_F(DeviceServiceTest, DescriptionWithoutANameEndsItWithStatusTwo)
+{
+    auto const description = directory / "device.xml";
+    std::ofstream(description) << "<root/>";
+    std::map<std::string, std::string> const reasons{
+        {description, "None or more than one node found"},
+        {"/nowhere/device.xml", "Failed to read file: /nowhere/device.xml"}};
+    for (auto const& [file, reason] : reasons)
+    {
+        auto const result = runService({"--description", file});
+
+        EXPECT_EQ(result.exitCode, std::optional(2)) << file;
+        EXPECT_THAT(result.output, EndsWith("device_service: no name in " + file + ": " + reason + "\n"));
+    }
+}
+
 TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
 {
     auto const result = runService({"--help"});
 
     EXPECT_EQ(result.exitCode, std::optional(0));
-    for (char const* const option : {"--strategy", "--seconds", "--timeline", "--record", "--log"})
+    for (char const* const option : {"--strategy", "--seconds", "--description", "--timeline", "--record", "--log"})
     {
         EXPECT_THAT(result.output, HasSubstr(option));
     }

@@ -1,0 +1,129 @@
+// Says what a UPnP device description holds, once it has proved valid.
+
+#include <log/Logger.h>
+#include <utils/FileToString.h>
+#include <utils/XmlHelper.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cstddef>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using namespace Halden::Tavro;
+
+namespace
+{
+
+/// Shows what is wrong with a document as a line of this program. Everything else comes as an exception as well.
+class FaultPrinter : public Log::LoggerImplIfc
+{
+public:
+    explicit FaultPrinter(std::string const& file)
+        : file(file)
+    {
+    }
+
+    void write(Log::Record const& record) override
+    {
+        std::string text(record.text);
+        if (text.rfind("XML Validation ", 0) != 0)
+        {
+            return;
+        }
+        text.erase(text.find_last_not_of('\n') + 1);
+        std::cerr << "device_description: " << file << ": " << text << '\n';
+    }
+
+private:
+    std::string const file;
+};
+
+void printDescription(Utils::XmlHelper& xml, std::stringstream const& document)
+{
+    std::string const device = "/upnp:root/upnp:device";
+    std::cout << "Friendly name: " << xml.singleNodeText(document, device + "/upnp:friendlyName") << '\n';
+    std::cout << "Model:         " << xml.singleNodeText(document, device + "/upnp:modelName");
+    for (std::string const& number : xml.nodesText(document, device + "/upnp:modelNumber"))
+    {
+        std::cout << ' ' << number;
+    }
+    std::cout << "\nServices:\n";
+    auto const ids = xml.nodesText(document, "//upnp:service/upnp:serviceId");
+    auto const types = xml.nodesText(document, "//upnp:service/upnp:serviceType");
+    for (std::size_t i = 0; i < ids.size(); ++i) // a valid service has one of both
+    {
+        std::cout << "    " << ids.at(i) << "\n        " << types.at(i) << '\n';
+    }
+}
+
+/// The expression is the user's: it may select no nodes but be a number.
+void printTexts(Utils::XmlHelper& xml, std::stringstream const& document, std::string const& xpath)
+{
+    try
+    {
+        for (std::string const& text : xml.nodesText(document, xpath))
+        {
+            std::cout << text << '\n';
+        }
+    }
+    catch (std::runtime_error* error) // NOLINT(misc-throw-by-value-catch-by-reference): see XmlHelper::nodesText
+    {
+        std::unique_ptr<std::runtime_error> const owner(error);
+        throw std::runtime_error("'" + xpath + "' selects no nodes: " + owner->what());
+    }
+}
+
+void describe(std::string const& file, std::string const& xpath)
+{
+    std::stringstream const document(Utils::fileToString(file));
+    Utils::XmlHelper xml;
+    xml.validateAgainstXSD(document, DEVICE_DESCRIPTION_XSD);
+    if (xpath.empty())
+    {
+        printDescription(xml, document);
+    }
+    else
+    {
+        printTexts(xml, document, xpath);
+    }
+}
+
+}
+
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
+{
+    CLI::App app("Checks a UPnP device description and prints name, model and services: status 0, or 1 when it is "
+                 "not valid or cannot be read.");
+    std::string file = DEVICE_DESCRIPTION_XML;
+    std::string xpath;
+    app.add_option("FILE", file, "The description; without it, the one of this example");
+    app.add_option("--xpath", xpath, "Print the texts of the nodes that this selects instead; upnp: is the prefix")
+        ->option_text("EXPRESSION");
+    try
+    {
+        app.parse(argc, argv);
+        Log::LoggerProxy::instance().setSink(std::make_shared<FaultPrinter>(file));
+        describe(file, xpath);
+        return std::cout.flush() ? 0 : 1;
+    }
+    catch (CLI::CallForHelp const& help)
+    {
+        return app.exit(help);
+    }
+    catch (CLI::ParseError const& error)
+    {
+        std::cerr << "device_description: " << error.what() << '\n';
+        return 2;
+    }
+    catch (std::exception const& error)
+    {
+        std::cerr << "device_description: " << file << ": " << error.what() << '\n';
+        return 1;
+    }
+}
