@@ -47,6 +47,9 @@ namespace Halden::Tavro::Utils
 /// A class that derives from this one names Log::Logger among its own bases, and constructs it:
 ///
 ///     class Monitor : private virtual Log::Logger, public LocalIps
+///
+/// During the first and the last calls of the callbacks its own members are not there, and the thread sanitizer may
+/// call the change of its virtual table a race; either table leads to the same logger.
 class HALDEN_CPPUTILS_EXPORT LocalIps : private virtual Log::Logger
 {
 public:

@@ -1,0 +1,367 @@
+// What the monitor makes of a received buffer. Each is a block of the heap that ends with it, so that the address
+// sanitizer sees every read past its end.
+
+#include <utils/LocalIps.h>
+
+#include "net/FakeNetlink.h"
+#include "net/Monitor.h"
+#include "net/NetlinkMessages.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StrEq;
+using testing::ThrowsMessage;
+using namespace TestSupport;
+
+/// A copy of the bytes, so far behind an aligned place.
+class Buffer
+{
+public:
+    explicit Buffer(std::string const& bytes, std::size_t misalignment = 0)
+        : memory(new char[misalignment + bytes.size()])
+        , place(memory.get() + misalignment)
+    {
+        std::memcpy(place, bytes.data(), bytes.size());
+    }
+
+    nlmsghdr const* messages() const { return reinterpret_cast<nlmsghdr const*>(place); }
+
+    void overwrite(std::size_t at, std::string const& bytes) { std::memcpy(place + at, bytes.data(), bytes.size()); }
+
+private:
+    std::unique_ptr<char[]> memory;
+    char* place;
+};
+
+LogLine line(Severity severity, std::string const& text)
+{
+    return {severity, "LocalIps", text};
+}
+
+std::string const noAddress = "processAllNetlinkMessages: ignoring exception IFA message contains no IP address";
+
+class LocalIpsMessageTest : public testing::Test
+{
+protected:
+    LocalIpsMessageTest()
+    {
+        EXPECT_TRUE(kernel.waitUntilIdle());
+        capture.clear();
+    }
+
+    void handle(std::string const& bytes, std::size_t misalignment = 0)
+    {
+        Buffer const buffer(bytes, misalignment);
+        sut.processAllNetlinkMessages(buffer.messages(), static_cast<int>(bytes.size()));
+    }
+
+    std::vector<std::string> listAfter(std::string const& bytes)
+    {
+        for (auto const& ip : sut.addresses())
+        {
+            sut.handleLostAddress(ip);
+        }
+        handle(bytes);
+        return addressesOf(sut);
+    }
+
+    /// The address of one message alone.
+    std::string addressIn(std::string const& bytes)
+    {
+        Buffer const buffer(bytes);
+        return sut.nlToIpAddress(buffer.messages()).string();
+    }
+
+    void expect(Severity severity, std::string const& text)
+    {
+        capture.expect(isLine(severity, "LocalIps", StrEq(text)));
+    }
+
+    FakeNetlink kernel;
+    LogCapture capture;
+    std::function<void()> onNewAddress = [] {};
+    Monitor sut{[this](auto const& /*ip*/) { onNewAddress(); }};
+};
+
+std::string v4Message(std::string const& attributes)
+{
+    return addressMessage(RTM_NEWADDR, AF_INET, attributes);
+}
+
+TEST_F(LocalIpsMessageTest, EachFamilyIsTakenFromItsLocalAttribute)
+{
+    EXPECT_EQ(addressIn(added("10.1.2.3")), "10.1.2.3");
+    EXPECT_EQ(addressIn(added("fd00::1:2")), "fd00::1:2");
+
+    EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Trace, "nlToIpAddress: got IPv4"),
+                                             line(Severity::Trace, "nlToIpAddress: got IPv6")));
+}
+
+TEST_F(LocalIpsMessageTest, LastLocalAttributeWins)
+{
+    EXPECT_EQ(addressIn(v4Message(local("10.0.0.1") + attribute(IFA_LABEL, "lo") + local("10.0.0.2"))), "10.0.0.2");
+}
+
+TEST_F(LocalIpsMessageTest, OtherAttributesAreNotRead)
+{
+    auto const peer = attribute(IFA_ADDRESS, addressBytes("10.0.0.9"));
+
+    EXPECT_EQ(addressIn(v4Message(peer + local("10.0.0.1") + peer + attribute(IFA_LABEL, "e") + peer)), "10.0.0.1");
+    EXPECT_EQ(addressIn(v4Message(local("10.0.0.1") + attribute(IFA_LOCAL | NLA_F_NESTED, addressBytes("10.0.0.2")))),
+              "10.0.0.1");
+}
+
+TEST_F(LocalIpsMessageTest, AttributesEndWithTheFirstOfImpossibleLength)
+{
+    auto const bytes = addressBytes("10.0.0.2");
+    for (std::uint16_t const length : std::vector<std::uint16_t>{0, 3, 9, 400, 65535})
+    {
+        EXPECT_EQ(addressIn(v4Message(local("10.0.0.1") + attribute(IFA_LOCAL, bytes, length))), "10.0.0.1") << length;
+    }
+}
+
+TEST_F(LocalIpsMessageTest, MessageWithoutLocalAttributeIsNoAddress)
+{
+    std::string const text = "IFA message contains no RTA of type IFA_ADDRESS";
+    expect(Severity::Error, text);
+    std::vector<std::string> const messages{
+        addedWithoutLocal("fe80::1"),
+        v4Message(""),
+        v4Message(attribute(IFA_LOCAL, addressBytes("10.0.0.1"), 3)),
+        v4Message(attribute(IFA_LOCAL, addressBytes("10.0.0.1"), 9)),
+        addressMessage(RTM_NEWADDR, AF_PACKET, attribute(IFA_ADDRESS, "123456")),
+    };
+    for (auto const& each : messages)
+    {
+        capture.clear();
+        EXPECT_THAT([&] { addressIn(each); },
+                    ThrowsMessage<std::invalid_argument>(StrEq("IFA message contains no IP address")));
+        EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Error, text)));
+    }
+}
+
+TEST_F(LocalIpsMessageTest, NothingIsReadBehindAMessageThatEndsBeforeItsAttributes)
+{
+    expect(Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS");
+    auto const whole = added("10.0.0.1");
+    for (std::uint32_t length = sizeof(nlmsghdr); length < whole.size(); ++length)
+    {
+        auto const cut =
+            (bytesOf(nlmsghdr{length, RTM_NEWADDR, 0, 0, 0}) + whole.substr(sizeof(nlmsghdr))).substr(0, length);
+
+        EXPECT_THROW(addressIn(cut), std::invalid_argument) << length;
+    }
+}
+
+TEST_F(LocalIpsMessageTest, LocalAddressOfAnotherFamilyIsRefused)
+{
+    std::string const text = "ifaToSockaddr, got an invalid ifa_family 17";
+    expect(Severity::Error, text);
+
+    EXPECT_THAT([&] { addressIn(addressMessage(RTM_NEWADDR, AF_PACKET, attribute(IFA_LOCAL, "123456"))); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Unknown address family")));
+
+    EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Error, text)));
+}
+
+TEST_F(LocalIpsMessageTest, PayloadBeyondTheAddressIsNotUsedAndNeverWrittenPastTheStorage)
+{
+    for (std::size_t const size : {5U, 16U, 120U, 121U, 124U, 125U, 128U, 4000U, 65531U})
+    {
+        auto const payload = addressBytes("10.0.0.1") + std::string(size - 4, 'x');
+        EXPECT_EQ(addressIn(v4Message(attribute(IFA_LOCAL, payload))), "10.0.0.1") << size;
+    }
+    for (std::size_t const size : {17U, 120U, 121U, 128U, 4000U, 65531U})
+    {
+        auto const payload = addressBytes("fd00::1") + std::string(size - 16, 'x');
+        EXPECT_EQ(addressIn(addressMessage(RTM_NEWADDR, AF_INET6, attribute(IFA_LOCAL, payload))), "fd00::1") << size;
+    }
+}
+
+TEST_F(LocalIpsMessageTest, ShortPayloadLeavesTheRestOfTheStorageAsItIs)
+{
+    EXPECT_EQ(addressIn(v4Message(attribute(IFA_LOCAL, "\x0a\x01"))), "10.1.0.0");
+    EXPECT_EQ(addressIn(v4Message(attribute(IFA_LOCAL, ""))), "0.0.0.0");
+    EXPECT_EQ(addressIn(v4Message(local("10.0.0.1") + attribute(IFA_LOCAL, "\x0b\x02"))), "11.2.0.1");
+}
+
+TEST_F(LocalIpsMessageTest, EveryTruncationAtEveryAlignmentGivesWhatIsWhole)
+{
+    auto const first = v4Message(local("10.0.0.1") + attribute(IFA_LABEL, "eth0"));
+    auto const second =
+        addressMessage(RTM_NEWADDR, AF_INET6, attribute(IFA_CACHEINFO, "0123456789012345") + local("fd00::1"));
+    auto const both = first + second;
+    for (std::size_t misalignment = 0; misalignment < 8; ++misalignment)
+    {
+        for (std::size_t length = 0; length <= both.size(); ++length)
+        {
+            listAfter("");
+            std::vector<std::string> expected;
+            if (length >= first.size())
+            {
+                expected.emplace_back("10.0.0.1");
+            }
+            if (length == both.size())
+            {
+                expected.emplace_back("fd00::1");
+            }
+
+            handle(both.substr(0, length), misalignment);
+
+            ASSERT_EQ(addressesOf(sut), expected) << "length " << length << ", misalignment " << misalignment;
+        }
+    }
+}
+
+TEST_F(LocalIpsMessageTest, MessagesNeedNoPaddingAtTheEnd)
+{
+    auto const odd = bytesOf(nlmsghdr{35, RTM_NEWADDR, 0, 0, 0}) + bytesOf(ifaddrmsg{AF_INET, 24, 0, 0, 1}) +
+                     local("10.0.0.1") + "\0\0\0";
+    auto const unpadded = odd + std::string(3, '\0');
+
+    EXPECT_THAT(listAfter(unpadded), ElementsAre("10.0.0.1"));
+    EXPECT_THAT(listAfter(unpadded + std::string(1, '\0') + added("10.0.0.2")), ElementsAre("10.0.0.1", "10.0.0.2"));
+}
+
+TEST_F(LocalIpsMessageTest, OtherMessagesAreSkipped)
+{
+    std::string const body(20, '\1');
+    // no-op, error, overrun, links, addresses' neighbours, routes
+    for (std::uint16_t const type : std::vector<std::uint16_t>{0, 1, 2, 4, 16, 19, 22, 24, 65535})
+    {
+        EXPECT_THAT(listAfter(message(type, body) + added("10.0.0.1")), ElementsAre("10.0.0.1")) << type;
+        EXPECT_THAT(listAfter(message(type, "") + added("10.0.0.1")), ElementsAre("10.0.0.1")) << type;
+    }
+}
+
+TEST_F(LocalIpsMessageTest, WalkEndsWithADoneMessage)
+{
+    EXPECT_THAT(listAfter(added("10.0.0.1") + message(NLMSG_DONE, "0123") + added("10.0.0.2")),
+                ElementsAre("10.0.0.1"));
+}
+
+TEST_F(LocalIpsMessageTest, WalkEndsWithAMessageOfImpossibleLength)
+{
+    auto const rest = bytesOf(ifaddrmsg{AF_INET, 24, 0, 0, 1}) + local("10.0.0.2");
+    for (std::uint32_t const length : {0U, 15U, 33U, 4096U, 0x7fffffffU, 0x80000000U, 0xffffffffU})
+    {
+        EXPECT_THAT(listAfter(added("10.0.0.1") + message(RTM_NEWADDR, rest, length)), ElementsAre("10.0.0.1"))
+            << length;
+    }
+}
+
+TEST_F(LocalIpsMessageTest, LengthBelowAHeaderIsIgnored)
+{
+    Buffer const buffer(added("10.0.0.1"));
+    for (int const length : {15, 1, 0, -1, std::numeric_limits<int>::min()})
+    {
+        sut.processAllNetlinkMessages(buffer.messages(), length);
+    }
+
+    EXPECT_THAT(addressesOf(sut), IsEmpty());
+}
+
+TEST_F(LocalIpsMessageTest, FailingMessageIsHandledAgainUntilItNoLongerFails)
+{
+    expect(Severity::Error, noAddress);
+    expect(Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS");
+    auto const first = added("10.0.0.1");
+    Buffer buffer(first + addedWithoutLocal("fd00::1") + added("10.0.0.2"));
+    int failures = 0;
+    std::vector<LogLine> sinceTheFirst;
+    capture.onLine(
+        [&](LogLine const& each)
+        {
+            if (each.text == noAddress && ++failures == 100)
+            {
+                buffer.overwrite(first.size(), added("fd00::1"));
+            }
+        });
+
+    sut.processAllNetlinkMessages(buffer.messages(), static_cast<int>(2 * first.size() + added("fd00::1").size()));
+
+    EXPECT_EQ(failures, 100);
+    EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1", "fd00::1", "10.0.0.2"));
+    auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 2U + 2U * 100U + 4U); // nothing is handled between two tries
+    lines.erase(lines.begin(), lines.begin() + 2);
+    lines.resize(200);
+    for (std::size_t i = 0; i < lines.size(); i += 2)
+    {
+        EXPECT_EQ(lines[i], line(Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS"));
+        EXPECT_EQ(lines[i + 1], line(Severity::Error, noAddress));
+    }
+}
+
+TEST_F(LocalIpsMessageTest, WhatIsNoStandardExceptionPassesThrough)
+{
+    onNewAddress = [] { throw 5; };
+
+    EXPECT_THROW(handle(added("10.0.0.1")), int);
+
+    EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1"));
+}
+
+TEST_F(LocalIpsMessageTest, KnownAddressIsNotAddedAgain)
+{
+    std::string const warning = "handleNewAddress(10.0.0.1): IP is already in our list, doing nothing";
+    expect(Severity::Warning, warning);
+    int reports = 0;
+    onNewAddress = [&reports] { ++reports; };
+
+    sut.handleNewAddress(IpAddress::fromString("10.0.0.1"));
+    sut.handleNewAddress(IpAddress::fromString("10.0.0.1"));
+
+    EXPECT_EQ(reports, 1);
+    EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1"));
+    EXPECT_THAT(capture.lines(),
+                ElementsAre(line(Severity::Info, "new IP address: 10.0.0.1"),
+                            line(Severity::Info, "new IP address: 10.0.0.1"), line(Severity::Warning, warning)));
+}
+
+TEST_F(LocalIpsMessageTest, LosingAnUnknownAddressChangesNothing)
+{
+    std::string const warning = "handleLostAddress(10.0.0.1): IP is NOT in our list, doing nothing";
+    expect(Severity::Warning, warning);
+
+    sut.handleLostAddress(IpAddress::fromString("10.0.0.1"));
+
+    EXPECT_THAT(capture.lines(),
+                ElementsAre(line(Severity::Info, "lost IP address: 10.0.0.1"), line(Severity::Warning, warning)));
+}
+
+TEST_F(LocalIpsMessageTest, LosingAnAddressKeepsTheOrderOfTheOthers)
+{
+    handle(added("10.0.0.1") + added("10.0.0.2") + added("fd00::1") + added("10.0.0.3"));
+
+    handle(deleted("10.0.0.2"));
+
+    EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1", "fd00::1", "10.0.0.3"));
+}
+
+}
+
+}
