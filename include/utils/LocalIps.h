@@ -71,7 +71,8 @@ public:
     LocalIps(LocalIps const&) = delete;
     LocalIps& operator=(LocalIps const&) = delete;
 
-    /// Waits for the receiver thread: up to a second, two after the socket gave an empty answer.
+    /// Waits for the receiver thread: up to a second, two after the socket gave an empty answer. The thread mostly
+    /// finds the socket closed and logs that its recv has failed with EBADF: an error line that means nothing.
     virtual ~LocalIps();
 
     /// A copy of the list, in order of arrival.

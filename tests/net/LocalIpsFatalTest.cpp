@@ -1,0 +1,126 @@
+// What ends the process, each in a child process.
+
+#include <utils/LocalIps.h>
+
+#include "net/FakeNetlink.h"
+#include "net/NetlinkMessages.h"
+#include "support/ChildProcess.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using namespace TestSupport;
+
+void print(std::string const& text)
+{
+    auto const line = text + "\n";
+    if (write(STDOUT_FILENO, line.data(), line.size()) < 0)
+    {
+        _exit(1);
+    }
+}
+
+/// Prints each record at once, as severity, logger and text.
+class PrintingSink : public Log::LoggerImplIfc
+{
+public:
+    void write(Log::Record const& record) override
+    {
+        print(std::to_string(static_cast<int>(record.severity)) + " [" + std::string(record.logger) + "] " +
+              std::string(record.text));
+    }
+};
+
+ChildResult inChild(std::function<void(FakeNetlink&)> const& piece)
+{
+    return runInChild(
+        [&piece]
+        {
+            Log::LoggerProxy::instance().setSink(std::make_shared<PrintingSink>());
+            FakeNetlink kernel;
+            try
+            {
+                piece(kernel);
+            }
+            catch (...)
+            {
+                print("caught");
+            }
+            return 0;
+        });
+}
+
+TEST(LocalIpsFatalTest, UnreadableAddressesAreLoggedAndEndTheProcess)
+{
+    auto const result = inChild(
+        [](FakeNetlink& kernel)
+        {
+            kernel.fail("getifaddrs", ENOMEM);
+            LocalIps const sut({}, {}, {});
+        });
+
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("1 [LocalIps] initialAddrList: getifaddrs failed with 12(Cannot allocate memory)\n"),
+                      Not(HasSubstr("caught")), Not(HasSubstr("destructor"))));
+}
+
+TEST(LocalIpsFatalTest, ExceptionOfACallbackDuringConstructionEndsTheProcess)
+{
+    auto const result = inChild(
+        [](FakeNetlink& kernel)
+        {
+            kernel.setStart({"10.0.0.1"});
+            LocalIps const sut([](IpAddress const& /*ip*/) { throw std::runtime_error("no use"); }, {}, {});
+        });
+
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("3 [LocalIps] new IP address: 10.0.0.1\n"), Not(HasSubstr("caught"))));
+}
+
+TEST(LocalIpsFatalTest, CallbackThatThrowsNoStandardExceptionEndsTheProcess)
+{
+    auto const onEvent = inChild(
+        [](FakeNetlink& kernel)
+        {
+            LocalIps const sut([](IpAddress const& /*ip*/) { throw 5; }, {}, {});
+            kernel.send(added("10.0.0.1"));
+            pause();
+        });
+    auto const onError = inChild(
+        [](FakeNetlink& kernel)
+        {
+            LocalIps const sut({}, {}, [] { throw 5; });
+            FakeNetlink::Pass pass;
+            pass.recvError = ENOBUFS;
+            kernel.add(pass);
+            pause();
+        });
+
+    for (auto const& result : {onEvent, onError})
+    {
+        EXPECT_EQ(result.signal, SIGABRT);
+        EXPECT_THAT(result.output, AllOf(HasSubstr("+receiverThread\n"), Not(HasSubstr("-receiverThread"))));
+    }
+}
+
+}
+
+}
