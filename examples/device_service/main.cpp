@@ -4,6 +4,7 @@
 #include "Report.h"
 #include "Timeline.h"
 
+#include <utils/FirmwareVersionTavro.h>
 #include <utils/XmlHelper.h>
 
 #include <signal.h> // NOLINT(modernize-deprecated-headers): sigtimedwait is POSIX
@@ -16,6 +17,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <string>
 #include <thread>
 
 namespace
@@ -98,6 +100,16 @@ private:
     std::vector<std::unique_ptr<PeriodicCallerManagerTokenIfc>> tokens;
 };
 
+/// A machine that is no device has no commands to ask; the log says so.
+void showFirmware()
+{
+    Halden::Tavro::Utils::FirmwareVersionTavro firmware;
+    firmware.init();
+    auto const orUnknown = [](std::string const& value) { return value.empty() ? "unknown" : value; };
+    std::cout << "firmware " << orUnknown(firmware.version()) << ", compatible id "
+              << orUnknown(firmware.compatibleId()) << std::endl;
+}
+
 /// Shows the state once a second, on a terminal always in the same line.
 void showUntil(Clock::time_point deadline, StopSignals const& signals, Service const& service)
 {
@@ -151,7 +163,6 @@ int run(Options const& options)
         }
     }
 
-    StopSignals const signals;
     Halden::Tavro::Log::LoggerProxy::instance().setThreshold(options.log);
     auto const name = nameFrom(options.description);
     if (!name)
@@ -159,6 +170,8 @@ int run(Options const& options)
         return 2;
     }
     std::cout << *name << '\n' << std::flush;
+    showFirmware();
+    StopSignals const signals;
     auto const begin = Clock::now();
     Service service(options.strategy, *name);
     showUntil(begin + options.duration, signals, service);

@@ -184,6 +184,21 @@ TEST_F(DeviceServiceTest, RecordsEachExecution)
     EXPECT_EQ(rowsIn(recording), runsIn(result.output)) << result.output;
 }
 
+TEST_F(DeviceServiceTest, ShowsTheFirmwareOrThatItIsUnknown)
+{
+    std::string const path = getenv("PATH");
+
+    setenv("PATH", (DEVICE_COMMANDS ":" + path).c_str(), 1);
+    auto const known = runService({"--seconds", "1"});
+    setenv("PATH", "/usr/bin:/bin", 1);
+    auto const unknown = runService({"--seconds", "1"});
+    setenv("PATH", path.c_str(), 1);
+
+    EXPECT_THAT(known.output, HasSubstr("\nfirmware 1.2.3, compatible id tavro-board-x\n"));
+    EXPECT_THAT(unknown.output, HasSubstr("\nfirmware unknown, compatible id unknown\n"));
+    EXPECT_EQ(unknown.exitCode, std::optional(0));
+}
+
 TEST_F(DeviceServiceTest, ShowsAtMostOnePlainStatusLineASecondWhereThereIsNoTerminal)
 {
     auto const result = runService({"--seconds", "3"});

@@ -1,0 +1,79 @@
+// Tells which firmware the device runs, and what its updates must be made for.
+
+#include <log/Logger.h>
+#include <utils/FirmwareVersionTavro.h>
+
+#include <CLI/CLI.hpp>
+
+#include <stdlib.h> // NOLINT(modernize-deprecated-headers): setenv is POSIX
+
+#include <exception>
+#include <iostream>
+#include <string>
+
+using namespace Halden::Tavro;
+
+namespace
+{
+
+/// Lets the shell find the commands of this directory before any other.
+void putFirstInPath(std::string const& directory)
+{
+    char const* const path = getenv("PATH");
+    setenv("PATH", (directory + ":" + (path == nullptr ? "/usr/bin:/bin" : path)).c_str(), 1);
+}
+
+std::string orUnknown(std::string const& value)
+{
+    return value.empty() ? "unknown" : value;
+}
+
+/// @return whether the device has told both
+bool showFirmware()
+{
+    Utils::FirmwareVersionTavro firmware;
+    bool const complete = firmware.init(); // what fails is in the log
+    std::cout << "version: " << orUnknown(firmware.version()) << '\n'
+              << "compatible id: " << orUnknown(firmware.compatibleId()) << '\n';
+    return complete;
+}
+
+}
+
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
+{
+    CLI::App app("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.");
+    std::string commands;
+    bool verbose = false;
+    app.add_option("--device-commands", commands, "Looks for the device's commands in DIR first")
+        ->option_text("DIR")
+        ->check(CLI::ExistingDirectory);
+    app.add_flag("--verbose", verbose, "Shows on standard error what is asked and answered");
+    try
+    {
+        app.parse(argc, argv);
+        if (!commands.empty())
+        {
+            putFirstInPath(commands);
+        }
+        if (verbose)
+        {
+            Log::LoggerProxy::instance().setThreshold(Log::Severity::Debug);
+        }
+        return showFirmware() ? 0 : 1;
+    }
+    catch (CLI::CallForHelp const& help)
+    {
+        return app.exit(help);
+    }
+    catch (CLI::ParseError const& error)
+    {
+        std::cerr << "firmware: " << error.what() << '\n';
+        return 2;
+    }
+    catch (std::exception const& error)
+    {
+        std::cerr << "firmware: " << error.what() << '\n';
+        return 1;
+    }
+}
