@@ -37,22 +37,27 @@ union NeverDestroyed
     Object object;
 };
 
-NeverDestroyed<StartUpSink> startUpSink;
 std::mutex sinkMutex;
-NeverDestroyed<std::shared_ptr<LoggerImplIfc>> sinkSlot; // guarded by sinkMutex; null stands for the start-up sink
+NeverDestroyed<std::shared_ptr<LoggerImplIfc>> startUpSink; // guarded by sinkMutex; made when first needed
+NeverDestroyed<std::shared_ptr<LoggerImplIfc>> sinkSlot;    // guarded by sinkMutex; null stands for the start-up sink
 
 [[gnu::constructor]] void keepSinkUsableInChildren()
 {
     holdWhileForking<sinkMutex>();
 }
 
+/// To be called under sinkMutex.
 std::shared_ptr<LoggerImplIfc> orStartUpSink(std::shared_ptr<LoggerImplIfc> sink)
 {
-    if (sink == nullptr)
+    if (sink != nullptr)
     {
-        return {std::shared_ptr<void>(), &startUpSink.object}; // points there, owns nothing
+        return sink;
     }
-    return sink;
+    if (startUpSink.object == nullptr)
+    {
+        startUpSink.object = makeStartUpSink();
+    }
+    return startUpSink.object;
 }
 
 std::shared_ptr<LoggerImplIfc> processWideSink()
