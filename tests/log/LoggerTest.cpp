@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -499,6 +501,29 @@ TEST_F(LoggerTest, SinkOfTheStartWritesTimeSeverityThreadNameAndTextFromBeforeMa
                                      prefix + "info " + thread + " at exit\n" +                   //
                                      prefix + "error " + thread + " \\[early\\] destroyed\n" +    //
                                      prefix + "error " + thread + " \\[silent\\] destroyed\n"));
+}
+
+TEST_F(LoggerTest, SinkOfTheStartWritesTheTimeInUtc)
+{
+    std::map<std::int64_t, std::string> const texts{{-2'203'845'904'000, "1900-03-01 12:34:56.000"},
+                                                    {-1, "1969-12-31 23:59:59.999"},
+                                                    {0, "1970-01-01 00:00:00.000"},
+                                                    {951'782'400'020, "2000-02-29 00:00:00.020"},
+                                                    {1'709'251'199'999, "2024-02-29 23:59:59.999"},
+                                                    {4'107'542'400'000, "2100-03-01 00:00:00.000"}};
+    auto const sink = Log::LoggerProxy::instance().setSink(nullptr);
+    auto const startUpSink = Log::LoggerProxy::instance().setSink(sink);
+
+    testing::internal::CaptureStderr();
+    std::string expected;
+    for (auto const& [milliseconds, text] : texts)
+    {
+        std::chrono::system_clock::time_point const time{std::chrono::milliseconds(milliseconds)};
+        startUpSink->write({time, Severity::Info, "", "text"});
+        expected += text + " info " + std::to_string(gettid()) + " text\n";
+    }
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
 }
 
 }
