@@ -31,7 +31,8 @@ int use(int end, int standardDescriptor, char const* name)
     int const result = dup2(end, standardDescriptor);
     if (result == -1)
     {
-        throw std::runtime_error(std::string("Failed to set ") + name + " to the pipe, error was " + strerror(errno));
+        int const error = errno;
+        throw std::runtime_error(std::string("Failed to set ") + name + " to the pipe, error was " + strerror(error));
     }
     return result;
 }
