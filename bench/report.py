@@ -40,6 +40,20 @@ class Table:
         print(f"{text:<58} {shown:>9} {'' if limit is None else f'{limit:g}':>6} {verdict:<7} {raw}")
 
 
+def address_ratios(table, family):
+    def ratio(text, ours, reference, limit=None):
+        table.ratio(f"address, {text}, {family}", table.value(ours), table.value(reference), limit)
+
+    ratio("parse / getaddrinfo", f"ipParse/Ours{family}", f"ipGetaddrinfo/{family}", 1.05)
+    ratio("parse / inet_pton", f"ipParse/Ours{family}", f"ipInetPton/{family}")
+    ratio("print / inet_ntop", f"ipPrint/Ours{family}", f"ipInetNtop/{family}")
+    not_slower = 1.05  # what noise may make of equal times
+    for name, limit in (("Parse", None), ("Print", None), ("Compare", not_slower), ("Family", not_slower),
+                        ("Loopback", None), ("Copy", not_slower)):
+        ratio(f"{name.lower()} / Asio's", f"ip{name}/Ours{family}", f"ip{name}/Asio{family}", limit)
+    ratio("copy / copy of its 128 bytes", f"ipCopy/Ours{family}", "ipCopyStorage")
+
+
 def main():
     table = Table(medians(sys.argv[1]))
     value = table.value
@@ -68,6 +82,8 @@ def main():
         table.ratio(f"{name} / shifts by hand", value(f"{name}OfLibrary"), value(f"{name}ByHand"))
     for zone in ("TzSet", "TzUnset"):
         table.ratio(f"toUtcString / strftime, {zone}", value(f"timeText/{zone}"), value(f"timeTextStrftime/{zone}"))
+    for family in ("V4", "V6"):
+        address_ratios(table, family)
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
@@ -76,6 +92,11 @@ def main():
     table.count("instructions of a disabled log call", float(sys.argv[2]), 35)
     table.count("allocations of disabled log calls", float(sys.argv[3]), 0)
     table.count("allocations of a sequential pass of 1000", value("pass/Sequential/1000", "allocations"), 1)
+    for name in ("Print", "Compare", "Family", "Loopback", "Copy"):
+        for family in ("V4", "V6"):
+            limit = 1 if (name, family) == ("Print", "V6") else 0  # longer than what fits into a string object
+            table.count(f"allocations of address, {name.lower()}, {family}",
+                        value(f"ip{name}/Ours{family}", "allocations"), limit)
     table.count("wake-ups of an idle manager in 2 s", value("idleWakeUps", "wakeUps"), 0)
 
 

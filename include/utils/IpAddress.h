@@ -2,9 +2,12 @@
 
 #include <utils/Export.h>
 
+#include <endian.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -66,10 +69,10 @@ public:
 
 private:
     // What only an object can reach that was written to: both log and answer false.
-    bool isLoopbackInOtherFamily() const;
-    bool equalsInOtherFamily() const;
+    [[gnu::cold]] bool isLoopbackInOtherFamily() const;
+    [[gnu::cold]] bool equalsInOtherFamily() const;
 
-    sockaddr_storage addr{};
+    sockaddr_storage addr;
 };
 
 inline bool IpAddress::isLoopback() const
@@ -81,7 +84,9 @@ inline bool IpAddress::isLoopback() const
     }
     if (isv6())
     {
-        return IN6_IS_ADDR_LOOPBACK(&sockaddr_in6()->sin6_addr);
+        std::array<std::uint64_t, 2> words{};
+        std::memcpy(words.data(), &sockaddr_in6()->sin6_addr, sizeof(words));
+        return words[0] == 0 && words[1] == htobe64(1);
     }
     return isLoopbackInOtherFamily();
 }
@@ -92,7 +97,7 @@ inline bool IpAddress::operator==(IpAddress const& other) const
     {
         return false;
     }
-    if (isv4())
+    if (__builtin_expect(static_cast<long>(isv4()), 1L) != 0) // spares what devices have most of a jump
     {
         return std::memcmp(&sockaddr_in()->sin_addr, &other.sockaddr_in()->sin_addr, sizeof(in_addr)) == 0;
     }
