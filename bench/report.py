@@ -28,9 +28,9 @@ class Table:
                 return run[field]
         sys.exit(f"report.py: no result of {name}")
 
-    def ratio(self, text, ours, reference, limit=None):
+    def ratio(self, text, ours, reference, limit=None, unit="ns"):
         ratio = ours / reference
-        self.row(text, f"{ratio:.2f}", limit, ratio, f"{ours:.1f} / {reference:.1f} ns")
+        self.row(text, f"{ratio:.2f}", limit, ratio, f"{ours:.1f} / {reference:.1f} {unit}")
 
     def count(self, text, number, limit):
         self.row(text, f"{number:g}", limit, number, "")
@@ -84,6 +84,10 @@ def main():
         table.ratio(f"toUtcString / strftime, {zone}", value(f"timeText/{zone}"), value(f"timeTextStrftime/{zone}"))
     for family in ("V4", "V6"):
         address_ratios(table, family)
+    table.ratio("fileToString of 100 MiB / read(2) into a string", value("fileToStringOfLibrary"),
+                value("fileToStringByRead"), 1.15, "ms")
+    table.ratio("its peak memory / that of read(2) into a string", value("fileToStringOfLibrary", "peak"),
+                value("fileToStringByRead", "peak"), 1.05, "bytes")
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
