@@ -201,9 +201,9 @@ TEST_F(DeviceServiceTest, ShowsTheFirmwareOrThatItIsUnknown)
 
 TEST_F(DeviceServiceTest, ShowsAtMostOnePlainStatusLineASecondWhereThereIsNoTerminal)
 {
-    auto const result = runService({"--seconds", "3"});
+    auto const result = runService({"--seconds", "2"});
 
-    EXPECT_THAT(countOf(result.output, "pressure [0-9.]+ bar \\| load"), AllOf(Ge(1), Le(3))) << result.output;
+    EXPECT_THAT(countOf(result.output, "pressure [0-9.]+ bar \\| load"), AllOf(Ge(1), Le(2))) << result.output;
     EXPECT_THAT(result.output, Not(HasSubstr("\033")));
     EXPECT_THAT(result.output, Not(HasSubstr("\r")));
 }
