@@ -1,0 +1,85 @@
+#include "process/ExecuteFixture.h"
+
+namespace Halden::Tavro::TestSupport
+{
+
+CallDouble<int(int*)> pipeDouble{"pipe"};
+CallDouble<int(int*, int)> pipe2Double{"pipe2"};
+CallDouble<int(int, int)> dup2Double{"dup2"};
+CallDouble<int(int)> closeDouble{"close"};
+CallDouble<int(std::FILE*)> fcloseDouble{"fclose"};
+CallDouble<std::FILE*(int, char const*)> fdopenDouble{"fdopen"};
+CallDouble<pid_t()> forkDouble{"fork"};
+CallDouble<pid_t(pid_t, int*, int)> waitpidDouble{"waitpid"};
+CallDouble<int(pid_t, int)> killDouble{"kill"};
+CallDouble<int(timespec const*, timespec*)> nanosleepDouble{"nanosleep"};
+CallDouble<int(char const*, char const*, int)> setenvDouble{"setenv"};
+CallDouble<int(char const*, char* const*)> execvDouble{"execv"};
+
+}
+
+using namespace Halden::Tavro::TestSupport;
+
+extern "C"
+{
+
+    int pipe(int* ends) noexcept
+    {
+        return pipeDouble(ends);
+    }
+
+    int pipe2(int* ends, int flags) noexcept
+    {
+        return pipe2Double(ends, flags);
+    }
+
+    int dup2(int from, int to) noexcept
+    {
+        return dup2Double(from, to);
+    }
+
+    int close(int descriptor)
+    {
+        return closeDouble(descriptor);
+    }
+
+    int fclose(std::FILE* file)
+    {
+        return fcloseDouble(file);
+    }
+
+    std::FILE* fdopen(int descriptor, char const* mode) noexcept
+    {
+        return fdopenDouble(descriptor, mode);
+    }
+
+    pid_t fork() noexcept
+    {
+        return forkDouble();
+    }
+
+    pid_t waitpid(pid_t process, int* status, int options)
+    {
+        return waitpidDouble(process, status, options);
+    }
+
+    int kill(pid_t process, int signalNumber) noexcept
+    {
+        return killDouble(process, signalNumber);
+    }
+
+    int nanosleep(timespec const* duration, timespec* left)
+    {
+        return nanosleepDouble(duration, left);
+    }
+
+    int setenv(char const* name, char const* value, int overwrite) noexcept
+    {
+        return setenvDouble(name, value, overwrite);
+    }
+
+    int execv(char const* path, char* const* arguments) noexcept
+    {
+        return execvDouble(path, arguments);
+    }
+}

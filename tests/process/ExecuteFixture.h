@@ -1,0 +1,111 @@
+#pragma once
+
+#include "process/SharedEvents.h"
+#include "support/CallDouble.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <string>
+
+namespace Halden::Tavro::TestSupport
+{
+
+extern CallDouble<int(int*)> pipeDouble;
+extern CallDouble<int(int*, int)> pipe2Double;
+extern CallDouble<int(int, int)> dup2Double;
+extern CallDouble<int(int)> closeDouble;
+extern CallDouble<int(std::FILE*)> fcloseDouble;
+extern CallDouble<std::FILE*(int, char const*)> fdopenDouble;
+extern CallDouble<pid_t()> forkDouble;
+extern CallDouble<pid_t(pid_t, int*, int)> waitpidDouble;
+extern CallDouble<int(pid_t, int)> killDouble;
+extern CallDouble<int(timespec const*, timespec*)> nanosleepDouble;
+extern CallDouble<int(char const*, char const*, int)> setenvDouble;
+extern CallDouble<int(char const*, char* const*)> execvDouble;
+
+/// The system's functions under execute(), with what they close told as events.
+class ExecuteFixture : public testing::Test
+{
+protected:
+    ExecuteFixture()
+    {
+        reset();
+        closeDouble.replace([this](int descriptor) { return closeAndTell(descriptor); });
+        fcloseDouble.replace([this](std::FILE* file) { return fcloseAndTell(file); });
+    }
+
+    ~ExecuteFixture() override { reset(); }
+
+    static void reset()
+    {
+        pipeDouble.reset();
+        pipe2Double.reset();
+        dup2Double.reset();
+        closeDouble.reset();
+        fcloseDouble.reset();
+        fdopenDouble.reset();
+        forkDouble.reset();
+        waitpidDouble.reset();
+        killDouble.reset();
+        nanosleepDouble.reset();
+        setenvDouble.reset();
+        execvDouble.reset();
+    }
+
+    /// Names the ends of a Pipe for the events.
+    void name(std::string const& pipe, int readEnd, int writeEnd)
+    {
+        names[readEnd] = pipe + ".read";
+        names[writeEnd] = pipe + ".write";
+    }
+
+    std::string nameOf(int descriptor) const
+    {
+        auto const found = names.find(descriptor);
+        return found == names.end() ? std::string() : found->second;
+    }
+
+    int closeAndTell(int descriptor)
+    {
+        if (!nameOf(descriptor).empty())
+        {
+            events.add("close " + nameOf(descriptor));
+        }
+        return closeDouble.passOn(descriptor);
+    }
+
+    int fcloseAndTell(std::FILE* file)
+    {
+        if (!nameOf(fileno(file)).empty())
+        {
+            events.add("fclose " + nameOf(fileno(file)));
+        }
+        return fcloseDouble.passOn(file);
+    }
+
+    /// Tells the log lines as events, with the severity as a number, and leaves logging with another errno.
+    void tellLogLines()
+    {
+        log.onLine(
+            [this](LogLine const& line)
+            {
+                events.add("log " + std::to_string(static_cast<int>(line.severity)) + " " + line.text);
+                errno = 0;
+            });
+    }
+
+    static LogLine free(Log::Severity severity, std::string const& text) { return {severity, "", text}; }
+
+    LogCapture log;
+    SharedEvents events;
+    std::map<int, std::string> names;
+};
+
+}
