@@ -22,7 +22,7 @@ class Table:
     def value(self, name, field="real_time"):
         for run_name, run in self.runs.items():
             plain = run_name
-            for suffix in ("/manual_time", "/real_time", "/iterations:1", "/repeats:5", "/repeats:3"):
+            for suffix in ("/manual_time", "/real_time", "/iterations:20", "/iterations:1", "/repeats:5", "/repeats:3"):
                 plain = plain.replace(suffix, "")
             if plain == name:
                 return run[field]
@@ -88,6 +88,11 @@ def main():
                 value("fileToStringByRead"), 1.15, "ms")
     table.ratio("its peak memory / that of read(2) into a string", value("fileToStringOfLibrary", "peak"),
                 value("fileToStringByRead", "peak"), 1.05, "bytes")
+    for memory in (0, 1024):
+        table.ratio(f"processor time of execute / posix_spawn, {memory} MiB more", value(f"runTrueExecute/{memory}"),
+                    value(f"runTrueSpawn/{memory}"), 1.1 if memory == 0 else None)
+        table.ratio(f"processor time of execute / bare fork, {memory} MiB more", value(f"runTrueExecute/{memory}"),
+                    value(f"runTrueFork/{memory}"))
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
