@@ -106,7 +106,7 @@ void writeInput(Pipe& stdinPipe, std::istream const& input)
     std::ostream stream(&buffer);
     stream << input.rdbuf(); // fails when there is no input, which does no harm
     stream.flush();
-    buffer.close();
+    // The buffer closes the end now, so that the child sees the end of its input.
 }
 
 __gnu_cxx::stdio_filebuf<char> openOutput(Pipe& stdoutPipe)
