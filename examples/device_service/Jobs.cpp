@@ -117,7 +117,7 @@ std::string upload(unsigned& uploads)
 
 }
 
-std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime)
+std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime, Addresses const& addresses)
 {
     auto const sensor = std::make_shared<PressureSensor>();
     return {
@@ -126,6 +126,7 @@ std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& syst
         {"memory", 500ms, readMemory},
         makeTemperatureJob(),
         {"clock", 1s, [&systemTime] { return systemTime.hasAbsoluteTime() ? "absolute" : "not trusted yet"; }},
+        {"addresses", 1s, [&addresses] { return addresses.reading(); }},
         {"link", 400ms, [checks = 0U]() mutable { return checkLink(checks); }},
         {"upload", 900ms, [uploads = 0U]() mutable { return upload(uploads); }},
     };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Addresses.h"
+
 #include <utils/SystemTimeHandler.h>
 
 #include <chrono>
@@ -20,7 +22,7 @@ struct Job
 
 /// The jobs of a small device: it watches itself, samples a sensor, sends data away and now and then fails.
 ///
-/// @param systemTime outlives the jobs
-std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime);
+/// The arguments outlive the jobs.
+std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime, Addresses const& addresses);
 
 }

@@ -1,3 +1,4 @@
+#include "Addresses.h"
 #include "JobRecord.h"
 #include "Options.h"
 #include "Recording.h"
@@ -65,7 +66,7 @@ public:
         , systemTime(std::in_place, manager)
     {
         systemTime->initialize();
-        for (Job& job : makeJobs(*systemTime))
+        for (Job& job : makeJobs(*systemTime, addresses))
         {
             shortestPeriod = std::min(shortestPeriod, job.period);
             JobRecord& record = records.emplace_back(std::move(job), Clock::now());
@@ -94,6 +95,7 @@ public:
 
 private:
     std::chrono::milliseconds shortestPeriod{std::chrono::hours(1)};
+    Addresses addresses;
     std::list<JobRecord> records; // a list, for the jobs refer to its elements
     std::shared_ptr<PeriodicCallerManager> manager;
     std::optional<SystemTimeHandler> systemTime;

@@ -1,4 +1,5 @@
 #include "support/ChildProcess.h"
+#include "support/NetworkNamespace.h"
 #include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
@@ -65,8 +66,8 @@ std::map<std::string, int> runsIn(std::string const& output)
 auto hasEachFunctionWithRuns()
 {
     auto const ran = [](char const* name) { return Pair(name, Gt(0)); };
-    return UnorderedElementsAre(ran("pressure"), ran("load"), ran("memory"), ran("clock"), ran("link"), ran("upload"),
-                                AnyOf(ran("temperature"), ran("uptime")));
+    return UnorderedElementsAre(ran("pressure"), ran("load"), ran("memory"), ran("clock"), ran("addresses"),
+                                ran("link"), ran("upload"), AnyOf(ran("temperature"), ran("uptime")));
 }
 
 std::string contentOf(std::filesystem::path const& path)
@@ -237,6 +238,44 @@ TEST_F(DeviceServiceTest, StopsCleanlyAtEitherSignal)
         EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
         EXPECT_THAT(runsIn(result.output), hasEachFunctionWithRuns()) << result.output;
     }
+}
+
+TEST_F(DeviceServiceTest, ShowsTheAddressesAndTheirChangesAndEndsEvenIfTheyCannotBeFollowed)
+{
+    if (auto const refusal = networkNamespaceRefusal())
+    {
+        GTEST_SKIP() << *refusal;
+    }
+    ChildResult result;
+    inNetworkNamespace(
+        [&result]
+        {
+            NetworkControl().addAddress("lo", "10.0.0.1");
+            result = runInChild(
+                []
+                {
+                    // Changes what the service, which takes over this process, shows in its first lines.
+                    if (fork() == 0)
+                    {
+                        close(STDOUT_FILENO);
+                        close(STDERR_FILENO);
+                        std::this_thread::sleep_for(1500ms);
+                        NetworkControl().addAddress("lo", "10.0.0.2");
+                        std::this_thread::sleep_for(2s);
+                        NetworkControl().addAddress("lo", "fd00::1"); // reported without IFA_LOCAL
+                        _exit(0);
+                    }
+                    execl(DEVICE_SERVICE, DEVICE_SERVICE, "--seconds", "6", nullptr);
+                    return 127;
+                },
+                60s);
+        });
+
+    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("| addresses 10.0.0.1 |"));
+    EXPECT_THAT(result.output, HasSubstr("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2 |"));
+    EXPECT_THAT(result.output, HasSubstr("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2, no longer followed |"));
+    EXPECT_EQ(countOf(result.output, "processAllNetlinkMessages: ignoring exception"), 1);
 }
 
 TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
