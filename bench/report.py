@@ -96,6 +96,7 @@ def main():
                     value(f"runTrueSpawn/{memory}"), 1.1 if memory == 0 else None)
         table.ratio(f"processor time of execute / bare fork, {memory} MiB more", value(f"runTrueExecute/{memory}"),
                     value(f"runTrueFork/{memory}"))
+    table.ratio("texts of a 5 KB document / bare libxml2", value("nodesTextOfLibrary"), value("nodesTextBare"), 1.1)
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
