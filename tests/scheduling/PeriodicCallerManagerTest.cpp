@@ -111,6 +111,12 @@ auto trace(std::string const& text)
     return line(Severity::Trace, text);
 }
 
+/// What add() logs. Its "%lu" shows the low bits alone where `unsigned long` has 32.
+std::string addingText(long long periodInMs)
+{
+    return "Adding item with period (" + std::to_string(static_cast<unsigned long>(periodInMs)) + ")ms";
+}
+
 class PeriodicCallerManagerTest : public Test
 {
 protected:
@@ -252,7 +258,7 @@ public:
         pthread_getattr_default_np(&before);
         pthread_attr_t oversized;
         pthread_attr_init(&oversized);
-        pthread_attr_setstacksize(&oversized, std::size_t{1} << (sizeof(std::size_t) * 8 - 2));
+        pthread_attr_setstacksize(&oversized, std::size_t{15} << (sizeof(std::size_t) * 8 - 4));
         pthread_setattr_default_np(&oversized);
         pthread_attr_destroy(&oversized);
     }
@@ -363,7 +369,7 @@ TEST_F(PeriodicCallerManagerTest, LongestPeriodIsThirtyFourYears)
     Token const huge = addAsleep(
         *sut, [] {}, std::chrono::duration<double>(1e300));
 
-    EXPECT_EQ(log.count(trace("Adding item with period (1073741824000)ms")), 2);
+    EXPECT_EQ(log.count(trace(addingText(1073741824000))), 2);
     EXPECT_EQ(nextPcmDueTime(*sut), afterBoot(std::chrono::seconds(1 << 30)));
     SchedulerSleep::await();
 }
@@ -455,7 +461,7 @@ TEST_F(PeriodicCallerManagerTest, AddOfAnEarlierItemLogsEachStep)
     SchedulerSleep::await();
 
     EXPECT_THAT(firstLines(4),
-                ElementsAre(trace("Adding item with period (1000000000000)ms"), trace("Item added. Having (1) now"),
+                ElementsAre(trace(addingText(1000000000000)), trace("Item added. Having (1) now"),
                             trace("Scheduler next due time (9223372036854ms) lowered to (1000000000000ms)"),
                             trace("notify scheduler to update the wait_until time")));
     log.clear();
@@ -464,7 +470,7 @@ TEST_F(PeriodicCallerManagerTest, AddOfAnEarlierItemLogsEachStep)
     SchedulerSleep::await();
 
     EXPECT_THAT(firstLines(4),
-                ElementsAre(trace("Adding item with period (200000000000)ms"), trace("Item added. Having (2) now"),
+                ElementsAre(trace(addingText(200000000000)), trace("Item added. Having (2) now"),
                             trace("Scheduler next due time (1000000000000ms) lowered to (200000000000ms)"),
                             trace("notify scheduler to update the wait_until time")));
 }

@@ -7,12 +7,29 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 namespace Halden::Tavro::TestSupport
 {
+
+/// The system's function that a call of that name reaches.
+inline void* systemSymbol(std::string const& name)
+{
+#ifdef __USE_TIME_BITS64
+    // The headers give the functions that take a time, an offset or a file status other names, in one of these forms.
+    for (std::string const& wide : {"__" + name + "_time64", "___" + name + "64", "__" + name + "64", name + "64"})
+    {
+        if (void* const symbol = dlsym(RTLD_NEXT, wide.c_str()))
+        {
+            return symbol;
+        }
+    }
+#endif
+    return dlsym(RTLD_NEXT, name.c_str());
+}
 
 template <typename Signature>
 class CallDouble;
@@ -86,7 +103,7 @@ public:
     /// Calls the system's function.
     Result passOn(Arguments... arguments) const
     {
-        return reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
+        return reinterpret_cast<Result (*)(Arguments...)>(systemSymbol(name))(arguments...);
     }
 
 private:

@@ -62,7 +62,16 @@ CallDouble<time_t(std::tm*)> mktimeDouble{"mktime"};
 CallDouble<int(int, int)> timerfdCreateDouble{"timerfd_create"};
 CallDouble<int(int, int, itimerspec const*, itimerspec*)> timerfdSettimeDouble{"timerfd_settime"};
 CallDouble<ssize_t(int, void*, size_t)> readDouble{"read"};
-CallDouble<int(char const*, struct stat*)> statDouble{"stat"};
+
+// The C++ library's own call, whatever this program's calls are named. Of its result only the mode is looked at, which
+// all its forms have at the same place.
+#ifdef __LP64__
+#define STAT_OF_LIBRARY "stat"
+#else
+#define STAT_OF_LIBRARY "stat64"
+#endif
+using FileStatus = struct stat64;
+CallDouble<int(char const*, FileStatus*)> statDouble{STAT_OF_LIBRARY};
 
 template <typename Function>
 Function systemFunction(char const* name)
@@ -143,10 +152,11 @@ extern "C"
                    : systemFunction<ssize_t (*)(int, void*, size_t)>("read")(descriptor, buffer, size);
     }
 
-    int stat(char const* path, struct stat* result) noexcept
+    int statOfLibrary(char const* path, FileStatus* result) noexcept asm(STAT_OF_LIBRARY);
+    int statOfLibrary(char const* path, FileStatus* result) noexcept
     {
         return isDevice(path) ? statDouble(path, result)
-                              : systemFunction<int (*)(char const*, struct stat*)>("stat")(path, result);
+                              : systemFunction<int (*)(char const*, FileStatus*)>(STAT_OF_LIBRARY)(path, result);
     }
 }
 
@@ -244,9 +254,8 @@ protected:
                 return TIME_ERROR;
             });
         statDouble.replace(
-            [this](char const* path, struct stat* result)
+            [this](char const* path, FileStatus* result)
             {
-                *result = {};
                 result->st_mode = S_IFCHR;
                 errno = ENOENT;
                 return devices.count(path) > 0 ? 0 : -1;
