@@ -24,7 +24,8 @@ HALDEN_CPPUTILS_EXPORT std::string getLocalIpForRemote(std::string const& remote
 
 /// The IPv4 address from which this device reaches a remote host, as dotted text. Nothing is sent to the host: a
 /// datagram socket is connected to it, and the kernel has chosen the local address, see connect(2) and getsockname(2).
-/// A host name, however, is looked up by the system's resolver, see getaddrinfo(3). IPv6 is never considered.
+/// A host name, however, is looked up by the system's resolver, see getaddrinfo(3). IPv6 is never considered; the C
+/// library takes ::ffff:192.0.2.1 for the IPv4 address in it.
 ///
 /// Every look-up that succeeds costs a descriptor: its socket stays open for good, and child processes inherit it. One
 /// look-up a minute uses up the usual 1024 descriptors of a process in some 17 hours. Who looks up again and again does
