@@ -372,7 +372,10 @@ TEST_F(LoggerTest, BufferPassedByValuePrintsItsTextWhateverIsEnabled)
     std::array<char, 2048> large{};
     large.fill('x');
     large.at(1000) = '\0';
-    std::array<char, 4> const small{'a', 'b'};
+    struct
+    {
+        char text[4]{'a', 'b'};
+    } const small;
     std::array<char, 4> const full{'a', 'b', 'c', 'd'};
 
     for (Severity const threshold : severities)

@@ -2,9 +2,7 @@
 
 #include <log/Export.h>
 
-#include <array>
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -81,23 +79,26 @@ public:
 namespace Detail
 {
 
+/// An object that holds nothing but characters, such as a std::array<char, 64>.
 template <typename Value>
-inline constexpr bool isTextBuffer = false;
-
-template <std::size_t size>
-inline constexpr bool isTextBuffer<std::array<char, size>> = size > 0;
+inline constexpr bool
+    isTextBuffer = std::conjunction_v<std::is_class<Value>, std::is_trivially_copyable<Value>,
+                                      std::is_standard_layout<Value>, std::negation<std::is_empty<Value>>> &&
+                   alignof(Value) == 1;
 
 template <typename Value>
-Value carried(Value& value)
+auto carried(Value& value)
 {
-    return value;
-}
-
-template <std::size_t size>
-char const* carried(std::array<char, size>& buffer)
-{
-    buffer.back() = '\0';
-    return buffer.data();
+    if constexpr (isTextBuffer<Value>)
+    {
+        auto* const text = reinterpret_cast<char*>(&value);
+        text[sizeof(Value) - 1] = '\0'; // whatever it holds, the text ends within it
+        return static_cast<char const*>(text);
+    }
+    else
+    {
+        return value;
+    }
 }
 
 }
@@ -116,8 +117,8 @@ public:
     void tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused,
                     ...) const;
 
-    /// Chosen when a value is a std::array of char, by value, for "%s": its text ends at its NUL, or with its last but
-    /// one character. No variadic call could find such an object among its values, on any target.
+    /// Chosen when a value is a character buffer for "%s", such as a std::array<char, 64>, by value: its text ends at
+    /// its NUL, or with its last but one character. No variadic call could find such an object among its values.
     template <typename... Values>
     std::enable_if_t<(Detail::isTextBuffer<Values> || ...)>
     tavroDoLog(Severity severity, std::string_view const& format, std::function<std::string()> const& unused,
@@ -135,7 +136,7 @@ private:
 HALDEN_CPPLOGGER_EXPORT void tavroDoLog(Severity severity, std::string_view const& format,
                                         std::function<std::string()> const& unused, ...);
 
-/// As Logger::tavroDoLog for a std::array of char.
+/// As Logger::tavroDoLog for a character buffer.
 template <typename... Values>
 std::enable_if_t<(Detail::isTextBuffer<Values> || ...)> tavroDoLog(Severity severity, std::string_view const& format,
                                                                    std::function<std::string()> const& unused,
