@@ -42,7 +42,7 @@ int hungChildren(std::function<void()> const& function)
     }
 
     int hung = 0;
-    for (int i = 0; i < 200 && hung == 0; ++i)
+    for (int i = 0; i < 100 && hung == 0; ++i)
     {
         pid_t const child = fork();
         if (child == 0)

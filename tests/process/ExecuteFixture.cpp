@@ -3,7 +3,7 @@
 namespace Halden::Tavro::TestSupport
 {
 
-CallDouble<int(int*)> pipeDouble{"pipe"};
+std::atomic<bool> underTest{false};
 CallDouble<int(int*, int)> pipe2Double{"pipe2"};
 CallDouble<int(int, int)> dup2Double{"dup2"};
 CallDouble<int(int)> closeDouble{"close"};
@@ -20,66 +20,72 @@ CallDouble<int(char const*, char* const*)> execvDouble{"execv"};
 
 using namespace Halden::Tavro::TestSupport;
 
+namespace
+{
+
+template <typename Result, typename... Arguments>
+Result call(CallDouble<Result(Arguments...)>& callDouble, Arguments... arguments)
+{
+    return underTest ? callDouble(arguments...) : callDouble.passOn(arguments...);
+}
+
+}
+
 extern "C"
 {
 
-    int pipe(int* ends) noexcept
-    {
-        return pipeDouble(ends);
-    }
-
     int pipe2(int* ends, int flags) noexcept
     {
-        return pipe2Double(ends, flags);
+        return call(pipe2Double, ends, flags);
     }
 
     int dup2(int from, int to) noexcept
     {
-        return dup2Double(from, to);
+        return call(dup2Double, from, to);
     }
 
     int close(int descriptor)
     {
-        return closeDouble(descriptor);
+        return call(closeDouble, descriptor);
     }
 
     int fclose(std::FILE* file)
     {
-        return fcloseDouble(file);
+        return call(fcloseDouble, file);
     }
 
     std::FILE* fdopen(int descriptor, char const* mode) noexcept
     {
-        return fdopenDouble(descriptor, mode);
+        return call(fdopenDouble, descriptor, mode);
     }
 
     pid_t fork() noexcept
     {
-        return forkDouble();
+        return call(forkDouble);
     }
 
     pid_t waitpid(pid_t process, int* status, int options)
     {
-        return waitpidDouble(process, status, options);
+        return call(waitpidDouble, process, status, options);
     }
 
     int kill(pid_t process, int signalNumber) noexcept
     {
-        return killDouble(process, signalNumber);
+        return call(killDouble, process, signalNumber);
     }
 
     int nanosleep(timespec const* duration, timespec* left)
     {
-        return nanosleepDouble(duration, left);
+        return call(nanosleepDouble, duration, left);
     }
 
     int setenv(char const* name, char const* value, int overwrite) noexcept
     {
-        return setenvDouble(name, value, overwrite);
+        return call(setenvDouble, name, value, overwrite);
     }
 
     int execv(char const* path, char* const* arguments) noexcept
     {
-        return execvDouble(path, arguments);
+        return call(execvDouble, path, arguments);
     }
 }

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -17,7 +18,6 @@
 namespace Halden::Tavro::TestSupport
 {
 
-extern CallDouble<int(int*)> pipeDouble;
 extern CallDouble<int(int*, int)> pipe2Double;
 extern CallDouble<int(int, int)> dup2Double;
 extern CallDouble<int(int)> closeDouble;
@@ -30,6 +30,9 @@ extern CallDouble<int(timespec const*, timespec*)> nanosleepDouble;
 extern CallDouble<int(char const*, char const*, int)> setenvDouble;
 extern CallDouble<int(char const*, char* const*)> execvDouble;
 
+/// Whether calls go to the doubles: the test runtime makes such calls as well, until the very end of the process.
+extern std::atomic<bool> underTest;
+
 /// The system's functions under execute(), with what they close told as events.
 class ExecuteFixture : public testing::Test
 {
@@ -39,13 +42,17 @@ protected:
         reset();
         closeDouble.replace([this](int descriptor) { return closeAndTell(descriptor); });
         fcloseDouble.replace([this](std::FILE* file) { return fcloseAndTell(file); });
+        underTest = true;
     }
 
-    ~ExecuteFixture() override { reset(); }
+    ~ExecuteFixture() override
+    {
+        underTest = false;
+        reset();
+    }
 
     static void reset()
     {
-        pipeDouble.reset();
         pipe2Double.reset();
         dup2Double.reset();
         closeDouble.reset();

@@ -320,7 +320,6 @@ TEST_F(ExecuteTest, PipesOfExecuteAreCloseOnExecFromTheStart)
 {
     call();
 
-    EXPECT_EQ(pipeDouble.count(), 0U);
     ASSERT_GE(pipe2Double.count(), 2U);
     EXPECT_EQ(std::get<1>(pipe2Double.calls()[0]), O_CLOEXEC);
     EXPECT_EQ(std::get<1>(pipe2Double.calls()[1]), O_CLOEXEC);
