@@ -36,7 +36,7 @@ constexpr int pollTimeoutInMs = 1000;
 template <typename Structure>
 Structure readAt(char const* place)
 {
-    Structure structure;
+    Structure structure{};
     std::memcpy(&structure, place, sizeof(structure));
     return structure;
 }
