@@ -17,8 +17,8 @@ namespace Halden::Tavro::Utils
 ///
 /// A document is the whole text of a stream, wherever its reading stands, or a file, which is read as by fileToString()
 /// with the exceptions of that function. In expressions the prefix "upnp" stands for urn:schemas-upnp-org:device-1-0,
-/// and there is no other; names without a prefix are those without a namespace. Expressions begin with "/": a relative
-/// one has nothing to start from and selects nothing. Texts are UTF-8, whatever the encoding of the document.
+/// and there is no other; names without a prefix are those without a namespace. Paths begin with "/": a relative one
+/// has nothing to start from and selects nothing. Texts are UTF-8, whatever the encoding of the document.
 ///
 /// Only what is wrong with the validity of a document is logged. What libxml2 has to say about the reading of
 /// documents, schemas and expressions goes to its own error output, which is standard error.
