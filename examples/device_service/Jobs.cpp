@@ -104,7 +104,7 @@ std::string checkLink(unsigned& checks)
 {
     if (++checks % 3 == 0)
     {
-        throw std::runtime_error("link down");
+        throw std::runtime_error("link down (as every third time, on purpose)");
     }
     return "up";
 }
