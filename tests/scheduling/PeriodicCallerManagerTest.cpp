@@ -494,6 +494,21 @@ TEST_F(PeriodicCallerManagerTest, AddOfALaterItemLeavesTheNextDueTime)
     SchedulerSleep::await();
 }
 
+TEST_F(PeriodicCallerManagerTest, AddWakesTheSchedulerForItsItemAndOnceMoreForAnEarlierDueTime)
+{
+    auto sut = make();
+    std::size_t const requestsBefore = SchedulerSleep::requests();
+
+    Token const earliest = addAsleep(
+        *sut, [] {}, sixYears);
+    EXPECT_EQ(SchedulerSleep::requests(), requestsBefore + 2);
+    Token const later = addAsleep(
+        *sut, [] {}, thirtyYears);
+    EXPECT_EQ(SchedulerSleep::requests(), requestsBefore + 3);
+
+    SchedulerSleep::await();
+}
+
 // Removal
 
 TEST_F(PeriodicCallerManagerTest, RemoveOfTheEarliestItemLowersTheNextDueTimeToALaterOneWithoutWakingUp)
