@@ -71,9 +71,9 @@ protected:
     int tellExecv(char const* path, char* const* arguments)
     {
         std::string event = std::string("execv ") + path;
-        for (char* const* argument = arguments; *argument != nullptr; ++argument)
+        for (char* const* next = arguments; *next != nullptr; ++next)
         {
-            event.append(" '").append(*argument).append("'");
+            event.append(" '").append(*next).append("'");
         }
         events.add(event);
         errno = ENOENT;
