@@ -44,9 +44,9 @@ function(halden_target target)
         $<$<BOOL:${HALDEN_WERROR}>:-Werror>)
 endfunction()
 
-# A library with its public headers in include/, visible only where it says so.
+# A library with its public headers in include/, visible only where it says so and its version script agrees.
 function(halden_library target)
-    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "EXPORT_NAME" "")
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "EXPORT_NAME;VERSION_SCRIPT" "")
     halden_target(${target})
     set_target_properties(${target} PROPERTIES
         EXPORT_NAME ${ARG_EXPORT_NAME}
@@ -55,6 +55,9 @@ function(halden_library target)
         POSITION_INDEPENDENT_CODE ON
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON)
+    set(script ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_VERSION_SCRIPT})
+    target_link_options(${target} PRIVATE LINKER:--version-script=${script})
+    set_target_properties(${target} PROPERTIES LINK_DEPENDS ${script})
     target_compile_features(${target} INTERFACE cxx_std_17)
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
@@ -67,14 +70,16 @@ endfunction()
 function(halden_install_package target config_in pc_in)
     cmake_parse_arguments(PARSE_ARGV 3 ARG "" "" "STATIC_REQUIRES;STATIC_LIBS")
     set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
-    install(TARGETS ${target} EXPORT ${target}-targets)
-    install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory})
+    install(TARGETS ${target} EXPORT ${target}-targets
+        LIBRARY COMPONENT ${target}-runtime NAMELINK_COMPONENT ${target}-dev
+        ARCHIVE COMPONENT ${target}-dev)
+    install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory} COMPONENT ${target}-dev)
     configure_package_config_file(${config_in} ${target}-config.cmake INSTALL_DESTINATION ${directory})
     write_basic_package_version_file(${target}-config-version.cmake COMPATIBILITY SameMajorVersion)
     install(FILES
         ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
         ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
-        DESTINATION ${directory})
+        DESTINATION ${directory} COMPONENT ${target}-dev)
 
     # Relative to the module's own place, so that the package works wherever it is put.
     file(RELATIVE_PATH HALDEN_PC_INCLUDEDIR
@@ -87,5 +92,6 @@ function(halden_install_package target config_in pc_in)
         list(JOIN ARG_STATIC_LIBS " " HALDEN_PC_STATIC_LIBS)
     endif()
     configure_file(${pc_in} ${target}.pc @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT ${target}-dev)
 endfunction()

@@ -37,6 +37,29 @@ update_armhf_apt() {
     armhf_apt update || step "An index is missing; going on with the others"
 }
 
+# A database for dpkg-shlibdeps, in which the packages' libraries lie where the sysroot has them.
+register_armhf_packages() {
+    local -r database=$PWD/$armhf_sysroot/dpkg
+    local package name file
+    mkdir -p "$database/info" "$database/updates"
+    printf '1\n' >"$database/info/format"
+    for package in "$armhf_sysroot"/apt/cache/archives/*.deb; do
+        name=$(dpkg-deb --field "$package" Package)
+        if [[ $(dpkg-deb --field "$package" Multi-Arch) == same ]]; then
+            name+=:armhf
+        fi
+        dpkg-deb --control "$package" "$database/control"
+        dpkg-deb --fsys-tarfile "$package" | tar --list | sed "s|^\.|$PWD/$armhf_sysroot/root|; s|/$||" \
+            >"$database/info/$name.list"
+        for file in symbols shlibs; do
+            mv "$database/control/$file" "$database/info/$name.$file" 2>/dev/null || true
+        done
+        sed '1a Status: install ok installed' "$database/control/control" >>"$database/status"
+        echo >>"$database/status"
+        rm -r "$database/control"
+    done
+}
+
 # The libraries and headers alone: everything else would only get between the emulated programs and the machine's files.
 unpack_armhf_packages() {
     local package link target
@@ -68,6 +91,7 @@ ensure_armhf_sysroot() {
     configure_armhf_apt
     update_armhf_apt
     armhf_apt install --download-only "${armhf_packages[@]}" >/dev/null || fail "the armhf packages cannot be had"
+    register_armhf_packages
     unpack_armhf_packages
     printf '%s\n' "${armhf_packages[*]}" >"$stamp"
     rm -r "$armhf_sysroot/apt"
