@@ -614,6 +614,34 @@ TEST_F(PeriodicCallerManagerTest, DueUntilHoldsEachItemOfEqualDueTimeOnce)
     EXPECT_EQ(std::adjacent_find(due.begin(), due.end()), due.end());
 }
 
+TEST_F(PeriodicCallerManagerTest, DueUntilWaitsForAChangeOfTheListInProgress)
+{
+    auto sut = make();
+    Token token = addAsleep(
+        *sut, [] {}, sixYears);
+    SchedulerSleep::await();
+    HeldCall removal;
+    log.onLine(
+        [&removal](LogLine const& line)
+        {
+            if (line.text == "+remove") // the list is locked
+            {
+                removal();
+            }
+        });
+    auto removing = std::async(std::launch::async, [&token] { token.reset(); });
+    ASSERT_TRUE(removal.awaitEntered());
+
+    auto due =
+        std::async(std::launch::async, [&sut] { return dueUntil(*sut, steady_clock::time_point::max()).size(); });
+    EXPECT_EQ(due.wait_for(100ms), std::future_status::timeout);
+    removal.release();
+
+    EXPECT_EQ(due.get(), 0U);
+    removing.get();
+    SchedulerSleep::await();
+}
+
 TEST_F(PeriodicCallerManagerTest, UpdateWithoutChangeLogsNothingAndWakesNobody)
 {
     auto sut = make();
