@@ -64,12 +64,10 @@ int hungChildren(std::function<void()> const& function)
     return hung;
 }
 
-class CountingSink : public Log::LoggerImplIfc
+class NullSink : public Log::LoggerImplIfc
 {
 public:
-    void write(Log::Record const& /*record*/) override { ++count; }
-
-    std::atomic<unsigned long> count{0};
+    void write(Log::Record const& /*record*/) override {}
 };
 
 class LoggerForkTest : public testing::Test
@@ -78,23 +76,14 @@ protected:
     ~LoggerForkTest() override { Log::LoggerProxy::instance().setSink(nullptr); }
 };
 
-TEST_F(LoggerForkTest, ChildLogsWhateverTheSinkIsDoing)
+TEST_F(LoggerForkTest, ChildLogsWhileOthersSetTheSink)
 {
-    auto const sink = std::make_shared<CountingSink>();
-    Log::LoggerProxy::instance().setSink(sink);
+    auto const sink = std::make_shared<NullSink>();
 
-    EXPECT_EQ(hungChildren(
-                  [&]
-                  {
-                      Log::LoggerProxy::instance().setSink(sink);
-                      Log::tavroDoLog(Severity::Info, "text", {});
-                  }),
-              0);
-
-    EXPECT_GT(sink->count, 0U);
+    EXPECT_EQ(hungChildren([&sink] { Log::LoggerProxy::instance().setSink(sink); }), 0);
 }
 
-TEST_F(LoggerForkTest, ChildLogsWhateverSpdlogIsDoing)
+TEST_F(LoggerForkTest, ChildLogsWhileOthersLogThroughSpdlog)
 {
     auto const target = std::make_shared<spdlog::logger>("", std::make_shared<spdlog::sinks::null_sink_mt>());
     Log::LoggerProxy::instance().setSink(std::make_shared<Log::SpdlogSink>(target));
