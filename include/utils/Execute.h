@@ -58,8 +58,8 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// Descriptors 0, 1 and 2 must be open in this process. It must not ignore SIGCHLD, nor reap children that it does not
 /// know: a child that is reaped elsewhere is an exception here, "No child processes".
 ///
-/// The fork(2) copies the page tables of this process. On a virtual x86 machine a call costs 0.4 ms of the caller's
-/// processor time, and 30 ms with 1 GiB of resident memory: run programs from a small process.
+/// The fork(2) copies the page tables of this process. On a virtual x86 machine a call costs about 0.4 ms of the
+/// caller's processor time, and 30 ms with 1 GiB of resident memory: run programs from a small process.
 ///
 /// When the child cannot attach its pipes, the exception leaves execute() there, so that the caller's code goes on in
 /// two processes. Whoever catches exceptions of execute() compares getpid(2), and ends the child with _exit(2).
