@@ -10,9 +10,7 @@
 #include <gmock/gmock.h>
 
 #include <libxml/parser.h>
-#include <libxml/xmlIO.h>
 
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
