@@ -30,9 +30,20 @@ build_release() {
     quietly "build-release-$architecture" cmake --build "$build"
 }
 
+# repair_sums PACKAGE: CPack gives the checksums of debug symbols the paths of the folder that it has worked in.
+repair_sums() {
+    local -r content=$1.content
+    dpkg-deb --raw-extract "$1" "$content"
+    sed -i 's|  .*-dbgsym/|  |' "$content/DEBIAN/md5sums"
+    (cd "$content" && md5sum --check --quiet DEBIAN/md5sums)
+    quietly repack dpkg-deb --root-owner-group --build "$content" "$1"
+    rm -r "$content"
+}
+
 # pack_release ARCHITECTURE FOLDER [SOURCE]: puts the packages of a build of the source folder (this one) into FOLDER.
 pack_release() {
     local -r architecture=$1 folder=$2 source=${3:-$PWD}
+    local package
     local -x DEB_HOST_ARCH=$architecture SOURCE_DATE_EPOCH
     SOURCE_DATE_EPOCH=$(dpkg-parsechangelog --file "$source/packaging/changelog" --show-field Timestamp)
     if [[ $architecture != $(dpkg --print-architecture) ]]; then
@@ -41,4 +52,7 @@ pack_release() {
     quietly "pack-$architecture" cpack --config "$source/build/release-$architecture/CPackConfig.cmake" -B "$folder/work-$architecture"
     mv "$folder/work-$architecture"/*.*deb "$folder/"
     rm -r "$folder/work-$architecture"
+    for package in "$folder"/*_"$architecture".ddeb; do
+        repair_sums "$package"
+    done
 }
