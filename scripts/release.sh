@@ -21,7 +21,6 @@ build_release() {
     linker_flags=$(dpkg-buildflags --get LDFLAGS)
     if [[ $architecture == armhf ]]; then
         toolchain=(-DCMAKE_TOOLCHAIN_FILE="$folder/cmake/toolchains/armhf.cmake")
-        flags+=" -ffile-prefix-map=$PWD/$armhf_sysroot/root="
     fi
     quietly "configure-release-$architecture" cmake -S "$folder" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=None \
         -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -f -a "$architecture" -q DEB_HOST_MULTIARCH 2>/dev/null)" \

@@ -39,7 +39,8 @@ public:
 
     /// Registers a function until the token is destroyed. Its first call follows at once.
     ///
-    /// @param period between two starts, truncated to whole milliseconds
+    /// @param period between two starts, truncated to whole milliseconds. Where `unsigned long` has 32 bits the log
+    ///               shows no more of them: a period of 50 days or more looks shorter there.
     /// @return never null
     virtual std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
                                                                std::chrono::duration<double> period) = 0;
