@@ -46,13 +46,17 @@ nanoseconds toNanoseconds(timespec const& time)
     return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
 }
 
-timespec toTimespec(nanoseconds time)
+/// As the C++ library passes it: compiled apart, it does not take part in this program's choice of time_t.
+struct LibraryTime
+{
+    long seconds;
+    long nanoseconds;
+};
+
+LibraryTime toLibraryTime(nanoseconds time)
 {
     auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    timespec result{};
-    result.tv_sec = static_cast<time_t>(seconds.count());
-    result.tv_nsec = static_cast<long>((time - seconds).count());
-    return result;
+    return {static_cast<long>(seconds.count()), static_cast<long>((time - seconds).count())};
 }
 
 }
@@ -69,18 +73,22 @@ extern "C" int pthread_create(pthread_t* thread, pthread_attr_t const* attribute
     return pthreadCreate(thread, attributes, routine, argument);
 }
 
-extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+// The C++ library's own call.
+extern "C" int clockOfLibrary(clockid_t clock, LibraryTime* time) noexcept asm("clock_gettime");
+extern "C" int clockOfLibrary(clockid_t clock, LibraryTime* time) noexcept
 {
     // No CallDouble: run-time libraries read the clocks before its constructor has run.
-    static auto const systemsOwn = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static auto const systemsOwn =
+        reinterpret_cast<int (*)(clockid_t, LibraryTime*)>(dlsym(RTLD_NEXT, "clock_gettime"));
     int const result = systemsOwn(clock, time);
     if (clock == CLOCK_REALTIME && wallClock >= 0)
     {
-        *time = toTimespec(nanoseconds(wallClock));
+        *time = toLibraryTime(nanoseconds(wallClock));
     }
     if (clock == CLOCK_MONOTONIC && monotonicLead != 0ns)
     {
-        *time = toTimespec(toNanoseconds(*time) + monotonicLead);
+        auto const now = std::chrono::seconds(time->seconds) + nanoseconds(time->nanoseconds);
+        *time = toLibraryTime(now + monotonicLead);
     }
     return result;
 }

@@ -1,8 +1,8 @@
 #include "scheduling/SchedulerSleep.h"
 
+#include "support/CallDouble.h"
 #include "support/WaitFor.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <time.h>
 
@@ -31,7 +31,7 @@ std::atomic<std::size_t> broadcasts{0};
 template <typename Function>
 Function* systemFunction(char const* name)
 {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+    return reinterpret_cast<Function*>(Halden::Tavro::TestSupport::systemSymbol(name));
 }
 
 /// In seconds, for an endless sleep does not fit nanoseconds.

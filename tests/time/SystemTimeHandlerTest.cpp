@@ -92,6 +92,11 @@ bool isUnderTest(int descriptor)
 
 }
 
+}
+
+using namespace Halden::Tavro::Utils;
+
+// Outside of the namespace, for only there do the headers' other names for wide times take hold.
 extern "C"
 {
 
@@ -159,6 +164,9 @@ extern "C"
                               : systemFunction<int (*)(char const*, FileStatus*)>(STAT_OF_LIBRARY)(path, result);
     }
 }
+
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
