@@ -4,8 +4,7 @@ readonly architectures=(amd64 armhf)
 
 # ensure_release_packages: what building for both architectures needs.
 ensure_release_packages() {
-    ensure_packages cmake ninja-build g++ dpkg-dev git libboost-dev libspdlog-dev libxml2-dev libhdf5-dev \
-        g++-arm-linux-gnueabihf qemu-user "$@"
+    ensure_packages "${build_packages[@]}" dpkg-dev g++-arm-linux-gnueabihf git qemu-user "$@"
     ensure_armhf_sysroot
 }
 
