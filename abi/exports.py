@@ -22,28 +22,31 @@ def one_variant(symbol):
     return re.sub(r"C[123]E", "C1E", re.sub(r"D[012]Ev", "D1Ev", symbol))
 
 
-def declared(node, inherited_inline=False):
-    """The symbols of all functions below a node of the syntax tree that some source file has to define."""
+def functions(node):
+    """All functions below a node of the syntax tree: their symbols, and whether no source file has to define them."""
     if node.get("isImplicit") or node.get("kind") in {"ClassTemplateDecl", "FunctionTemplateDecl"}:
         return
     if node.get("kind") in FUNCTIONS:
         defined_here = any(child.get("kind") == "CompoundStmt" for child in node.get("inner", []))
         absent = node.get("pure") or node.get("explicitlyDeleted") or node.get("explicitlyDefaulted")
-        if not (defined_here or absent or node.get("inline") or node.get("constexpr")) and "mangledName" in node:
-            yield one_variant(node["mangledName"])
+        if "mangledName" in node:
+            yield one_variant(node["mangledName"]), bool(
+                defined_here or absent or node.get("inline") or node.get("constexpr"))
         return
     for child in node.get("inner", []):
-        yield from declared(child)
+        yield from functions(child)
 
 
 headers = sorted(str(path.relative_to(include)) for path in include.rglob("*.h"))
 source = "".join(f"#include <{header}>\n" for header in headers)
 dump = run("clang++", "-std=c++17", "-fsyntax-only", "-x", "c++", f"-I{include}", *options, "-Xclang", "-ast-dump=json",
            "-Xclang", f"-ast-dump-filter={namespace}", "-", text=source)
-wanted, position, decoder = set(), 0, json.JSONDecoder()
+wanted, inline, position, decoder = set(), set(), 0, json.JSONDecoder()
 while (position := dump.find("{", position)) >= 0:
     node, position = decoder.raw_decode(dump, position)
-    wanted.update(declared(node))
+    for symbol, needs_no_source in functions(node):
+        (inline if needs_no_source else wanted).add(symbol)
+wanted -= inline  # declared in the class, defined below it
 if not wanted:
     sys.exit(f"exports.py: nothing is declared in {namespace}")
 
