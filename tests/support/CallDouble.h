@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <functional>
@@ -42,12 +43,13 @@ class CallDouble;
 ///     CallDouble<int(int, int)> timerfdCreate{"timerfd_create"};
 ///     extern "C" int timerfd_create(int clock, int flags) noexcept { return timerfdCreate(clock, flags); }
 ///
-/// By default every call is counted, recorded and passed on. May be used from several threads.
+/// By default every call is counted, recorded and passed on. May be used from several threads, and by calls that come
+/// before the double's own initialisation or after everything is destroyed: it needs no initialisation and stays.
 template <typename Result, typename... Arguments>
 class CallDouble<Result(Arguments...)>
 {
 public:
-    explicit CallDouble(char const* name)
+    constexpr explicit CallDouble(char const* name)
         : name(name)
     {
     }
@@ -55,30 +57,34 @@ public:
     /// Forgets calls and instructions. Doubles outlive the tests, so each test begins with it.
     void reset()
     {
-        std::lock_guard const lock(mutex);
-        recorded.clear();
-        failures.clear();
-        replacement = nullptr;
+        State& present = state();
+        std::lock_guard const lock(present.mutex);
+        present.recorded.clear();
+        present.failures.clear();
+        present.replacement = nullptr;
     }
 
     /// Lets the n-th call from the last reset(), counted from 1, return the result with that errno.
     void failCall(std::size_t n, Result result, int error)
     {
-        std::lock_guard const lock(mutex);
-        failures[n] = {result, error};
+        State& present = state();
+        std::lock_guard const lock(present.mutex);
+        present.failures[n] = {result, error};
     }
 
     /// Answers every call that is not meant to fail.
     void replace(std::function<Result(Arguments...)> function)
     {
-        std::lock_guard const lock(mutex);
-        replacement = std::move(function);
+        State& present = state();
+        std::lock_guard const lock(present.mutex);
+        present.replacement = std::move(function);
     }
 
     std::vector<std::tuple<Arguments...>> calls() const
     {
-        std::lock_guard const lock(mutex);
-        return recorded;
+        State& present = state();
+        std::lock_guard const lock(present.mutex);
+        return present.recorded;
     }
 
     std::size_t count() const { return calls().size(); }
@@ -87,15 +93,16 @@ public:
     {
         std::function<Result(Arguments...)> answer;
         {
-            std::lock_guard const lock(mutex);
-            recorded.emplace_back(arguments...);
-            auto const failure = failures.find(recorded.size());
-            if (failure != failures.end())
+            State& present = state();
+            std::lock_guard const lock(present.mutex);
+            present.recorded.emplace_back(arguments...);
+            auto const failure = present.failures.find(present.recorded.size());
+            if (failure != present.failures.end())
             {
                 errno = failure->second.second;
                 return failure->second.first;
             }
-            answer = replacement;
+            answer = present.replacement;
         }
         return answer ? answer(arguments...) : passOn(arguments...);
     }
@@ -107,11 +114,31 @@ public:
     }
 
 private:
+    struct State
+    {
+        std::mutex mutex;
+        std::vector<std::tuple<Arguments...>> recorded;         // guarded by mutex
+        std::map<std::size_t, std::pair<Result, int>> failures; // guarded by mutex
+        std::function<Result(Arguments...)> replacement;        // guarded by mutex
+    };
+
+    State& state() const
+    {
+        State* present = made;
+        if (present == nullptr)
+        {
+            auto* const fresh = new State;
+            if (made.compare_exchange_strong(present, fresh))
+            {
+                return *fresh;
+            }
+            delete fresh; // another thread was faster
+        }
+        return *present;
+    }
+
     char const* const name;
-    mutable std::mutex mutex;
-    std::vector<std::tuple<Arguments...>> recorded;         // guarded by mutex
-    std::map<std::size_t, std::pair<Result, int>> failures; // guarded by mutex
-    std::function<Result(Arguments...)> replacement;        // guarded by mutex
+    mutable std::atomic<State*> made{nullptr}; // with the first use
 };
 
 }
