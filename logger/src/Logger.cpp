@@ -24,46 +24,29 @@ bool isEnabled(Severity severity)
     return static_cast<int>(severity) <= threshold.load(std::memory_order_relaxed);
 }
 
-template <typename Object>
-union NeverDestroyed
+struct Sinks
 {
-    constexpr NeverDestroyed()
-        : object()
-    {
-    }
-
-    ~NeverDestroyed() {} // NOLINT(modernize-use-equals-default): a union's default one is deleted
-
-    Object object;
+    std::shared_ptr<LoggerImplIfc> const startUp = makeStartUpSink();
+    std::shared_ptr<LoggerImplIfc> current = startUp;
 };
 
 std::mutex sinkMutex;
-NeverDestroyed<std::shared_ptr<LoggerImplIfc>> startUpSink; // guarded by sinkMutex; made when first needed
-NeverDestroyed<std::shared_ptr<LoggerImplIfc>> sinkSlot;    // guarded by sinkMutex; null stands for the start-up sink
+
+/// To be called under sinkMutex, which guards the result. Never destroyed: objects that live until the end of the
+/// process may still log.
+Sinks& processWideSinks()
+{
+    static Sinks* sinks = nullptr;
+    if (sinks == nullptr)
+    {
+        sinks = new Sinks;
+    }
+    return *sinks;
+}
 
 [[gnu::constructor]] void keepSinkUsableInChildren()
 {
     holdWhileForking<sinkMutex>();
-}
-
-/// To be called under sinkMutex.
-std::shared_ptr<LoggerImplIfc> orStartUpSink(std::shared_ptr<LoggerImplIfc> sink)
-{
-    if (sink != nullptr)
-    {
-        return sink;
-    }
-    if (startUpSink.object == nullptr)
-    {
-        startUpSink.object = makeStartUpSink();
-    }
-    return startUpSink.object;
-}
-
-std::shared_ptr<LoggerImplIfc> processWideSink()
-{
-    std::lock_guard const lock(sinkMutex);
-    return orStartUpSink(sinkSlot.object);
 }
 
 /// Formats as vprintf(3) does, on the stack where the text is of usual length.
@@ -119,7 +102,12 @@ LoggerImplIfc::~LoggerImplIfc() = default;
 
 void LoggerImpl::write(Record const& record)
 {
-    processWideSink()->write(record);
+    std::shared_ptr<LoggerImplIfc> sink;
+    {
+        std::lock_guard const lock(sinkMutex);
+        sink = processWideSinks().current;
+    }
+    sink->write(record);
 }
 
 LoggerProxy& LoggerProxy::instance()
@@ -141,7 +129,8 @@ void LoggerProxy::setThreshold(Severity mostVerbose)
 std::shared_ptr<LoggerImplIfc> LoggerProxy::setSink(std::shared_ptr<LoggerImplIfc> sink)
 {
     std::lock_guard const lock(sinkMutex);
-    return orStartUpSink(std::exchange(sinkSlot.object, std::move(sink)));
+    Sinks& sinks = processWideSinks();
+    return std::exchange(sinks.current, sink != nullptr ? std::move(sink) : sinks.startUp);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
