@@ -1,4 +1,4 @@
-#include "ValidationMessages.h"
+#include "files/ValidationMessages.h"
 
 #include "log/Log.h"
 

@@ -1,6 +1,6 @@
 #include <utils/XmlHelper.h>
 
-#include "ValidationMessages.h"
+#include "files/ValidationMessages.h"
 #include "log/Log.h"
 
 #include <utils/FileToString.h>
