@@ -130,7 +130,11 @@ std::shared_ptr<LoggerImplIfc> LoggerProxy::setSink(std::shared_ptr<LoggerImplIf
 {
     std::lock_guard const lock(sinkMutex);
     Sinks& sinks = processWideSinks();
-    return std::exchange(sinks.current, sink != nullptr ? std::move(sink) : sinks.startUp);
+    if (sink == nullptr)
+    {
+        sink = sinks.startUp;
+    }
+    return std::exchange(sinks.current, std::move(sink));
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
