@@ -150,18 +150,15 @@ bool isTrusted(std::chrono::seconds wait)
     Utils::SystemTimeHandler handler(manager);
     watch(handler, *findings);
     std::cout << std::flush;
-    if (!handler.hasAbsoluteTime() && wait > 0s)
+    waitUntilTrusted(handler, wait);
+    bool const trusted = handler.hasAbsoluteTime();
+    for (auto const& finding : findings->take())
     {
-        waitUntilTrusted(handler, wait);
-        for (auto const& finding : findings->take())
+        if (finding.severity <= Log::Severity::Info)
         {
-            if (finding.severity <= Log::Severity::Info)
-            {
-                std::cout << finding.text << '\n';
-            }
+            std::cout << finding.text << '\n';
         }
     }
-    bool const trusted = handler.hasAbsoluteTime();
     std::cout << (trusted ? "The time is absolute." : "The time cannot be believed.") << '\n';
     return trusted;
 }
