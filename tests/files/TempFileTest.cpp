@@ -51,6 +51,11 @@ CallDouble<int(int)> closeDouble{"close"};
 
 }
 
+}
+
+using namespace Halden::Tavro::Utils;
+
+// Outside of the namespace, for only there do the headers' other names for wide offsets take hold.
 extern "C"
 {
 
@@ -64,6 +69,9 @@ extern "C"
         return descriptor == descriptorUnderTest ? closeDouble(descriptor) : closeDouble.passOn(descriptor);
     }
 }
+
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {

@@ -87,8 +87,16 @@ private:
 };
 
 Events events;
-std::atomic<bool> listsUnderTest{false};           // else lists are the system's
-std::function<void(timespec const&)> onTimedSleep; // set while no other thread runs
+std::atomic<bool> listsUnderTest{false}; // else lists are the system's
+
+/// A point in time as the C++ library hands it to the kernel, whatever time_t this program has.
+struct KernelTime
+{
+    long seconds;
+    long nanoseconds;
+};
+
+std::function<void(KernelTime const&)> onTimedSleep; // set while no other thread runs
 
 template <typename Function>
 Function systemFunction(char const* name)
@@ -171,7 +179,7 @@ extern "C"
         bool const onSteadyClock = (values[1] & ~FUTEX_PRIVATE_FLAG) == FUTEX_WAIT_BITSET;
         if (number == SYS_futex && onSteadyClock && values[3] != 0 && onTimedSleep)
         {
-            onTimedSleep(*reinterpret_cast<timespec const*>(values[3]));
+            onTimedSleep(*reinterpret_cast<KernelTime const*>(values[3]));
         }
         return systemFunction<long (*)(long, ...)>("syscall")(number, values[0], values[1], values[2], values[3],
                                                               values[4], values[5]);
@@ -516,8 +524,8 @@ TEST_F(LocalIpOnAThreadTest, TimeOutEndsOneWaitButNotTheCall)
 {
     SteadyClockDouble const clock(1s); // long ago: the time-out is over at once
     std::promise<void> waited;
-    std::vector<timespec> deadlines;
-    onTimedSleep = [&](timespec const& deadline)
+    std::vector<KernelTime> deadlines;
+    onTimedSleep = [&](KernelTime const& deadline)
     {
         deadlines.push_back(deadline);
         waited.set_value();
@@ -533,8 +541,8 @@ TEST_F(LocalIpOnAThreadTest, TimeOutEndsOneWaitButNotTheCall)
     EXPECT_EQ(Ip::getLocalIpForRemote("host", 7), "192.0.2.1");
 
     ASSERT_THAT(deadlines, SizeIs(1));
-    EXPECT_EQ(deadlines[0].tv_sec, 8);
-    EXPECT_EQ(deadlines[0].tv_nsec, 0);
+    EXPECT_EQ(deadlines[0].seconds, 8);
+    EXPECT_EQ(deadlines[0].nanoseconds, 0);
 }
 
 TEST_F(LocalIpOnAThreadTest, ZeroMeansNoTimedWait)
