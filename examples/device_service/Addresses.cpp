@@ -11,6 +11,13 @@ namespace DeviceService
 
 using namespace Halden::Tavro;
 
+enum class Following
+{
+    Yes,
+    Stuck,   // the monitor tries one event without end, see LocalIps.h
+    Finished // by the destructor
+};
+
 struct Addresses::State
 {
     void change(std::string const& what)
@@ -21,18 +28,19 @@ struct Addresses::State
 
     std::mutex mutex;
     std::string lastChange; // guarded by mutex
-    std::atomic<bool> stuck{false};
+    std::atomic<Following> following{Following::Yes};
 };
 
 namespace
 {
 
-/// Passes on all records but those of an event that the monitor tries without end, see LocalIps.h.
-class WithoutRetries : public Log::LoggerImplIfc
+/// Passes on all records but those that say nothing: of an event that is tried without end, and of the socket that is
+/// closed under the receiver thread in the end.
+class WithoutNoise : public Log::LoggerImplIfc
 {
 public:
-    explicit WithoutRetries(std::shared_ptr<std::atomic<bool>> stuck)
-        : stuck(std::move(stuck))
+    explicit WithoutNoise(std::shared_ptr<std::atomic<Following>> following)
+        : following(std::move(following))
     {
     }
 
@@ -41,18 +49,21 @@ public:
     void write(Log::Record const& record) override
     {
         bool const ofMonitor = record.logger == "LocalIps";
-        if (!ofMonitor || !*stuck)
+        auto const present = following->load();
+        bool const closing = present == Following::Finished && record.severity == Log::Severity::Error;
+        if (!ofMonitor || !(closing || present == Following::Stuck))
         {
             next->write(record);
         }
         if (ofMonitor && record.text.rfind("processAllNetlinkMessages: ignoring exception ", 0) == 0)
         {
-            *stuck = true;
+            auto expected = Following::Yes;
+            following->compare_exchange_strong(expected, Following::Stuck);
         }
     }
 
 private:
-    std::shared_ptr<std::atomic<bool>> stuck;
+    std::shared_ptr<std::atomic<Following>> following;
     std::shared_ptr<Log::LoggerImplIfc> next;
 };
 
@@ -61,7 +72,7 @@ private:
 Addresses::Addresses()
     : state(std::make_shared<State>())
 {
-    auto const sink = std::make_shared<WithoutRetries>(std::shared_ptr<std::atomic<bool>>(state, &state->stuck));
+    auto const sink = std::make_shared<WithoutNoise>(std::shared_ptr<std::atomic<Following>>(state, &state->following));
     sink->passOnTo(Log::LoggerProxy::instance().setSink(sink));
     monitor = std::make_unique<Utils::LocalIps>([state = state](auto const& ip) { state->change("+" + ip.string()); },
                                                 [state = state](auto const& ip) { state->change("-" + ip.string()); },
@@ -71,7 +82,8 @@ Addresses::Addresses()
 
 Addresses::~Addresses()
 {
-    if (state->stuck)
+    auto expected = Following::Yes;
+    if (!state->following.compare_exchange_strong(expected, Following::Finished))
     {
         static_cast<void>(monitor.release());
     }
@@ -90,7 +102,7 @@ std::string Addresses::reading() const
     std::lock_guard const lock(state->mutex);
     text = text.empty() ? "none" : text;
     text += state->lastChange.empty() ? "" : ", last change " + state->lastChange;
-    return text + (state->stuck ? ", no longer followed" : "");
+    return text + (state->following == Following::Stuck ? ", no longer followed" : "");
 }
 
 }

@@ -278,6 +278,14 @@ TEST_F(DeviceServiceTest, ShowsTheAddressesAndTheirChangesAndEndsEvenIfTheyCanno
     EXPECT_EQ(countOf(result.output, "processAllNetlinkMessages: ignoring exception"), 1);
 }
 
+TEST_F(DeviceServiceTest, SaysNothingOfTheSocketThatItClosesInTheEnd)
+{
+    auto const result = runService({"--seconds", "1"});
+
+    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    EXPECT_THAT(result.output, Not(HasSubstr("LocalIps")));
+}
+
 TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
 {
     std::vector<std::vector<std::string>> const bad{{"--strategy", "both"},
