@@ -11,14 +11,16 @@
 namespace Halden::Tavro::Utils
 {
 
-/// Whether a real-time clock agrees with the system clock: the device exists, can be read, and is less than 30 s off.
+/// Whether a real-time clock agrees with the system clock: the device exists, can be read, rtc(4), and is less than
+/// 30 s off.
 ///
 /// The clock's reading counts as local time, in whole seconds, with the daylight-saving flag that the device gives.
 ///
 /// Every reading that fails after the device was opened costs a descriptor, which is never closed. With a device whose
 /// clock never answers, that is one for each call: a SystemTimeHandler that polls it once a minute uses up the usual
-/// 1024 descriptors of a process in some 17 hours. On such a device, see to it that the time is synchronised or set
-/// soon, or take the device node away.
+/// 1024 descriptors of a process in some 17 hours, or in half of that where /dev/rtc is a link to /dev/rtc0, as udev
+/// usually makes it. On such a device, see to it that the time is synchronised or set soon, or take the device node
+/// away.
 ///
 /// @throws std::filesystem::filesystem_error when the device's status cannot be told, unless it is just not there
 HALDEN_CPPUTILS_EXPORT bool devRtcValid(std::string const& device);
@@ -72,13 +74,14 @@ public:
     void initialize() override;
 
 protected:
-    /// Whether the kernel's clock counts as synchronised; false when that cannot be told.
+    /// Whether the kernel's clock counts as synchronised, adjtimex(2); false when that cannot be told.
     bool syncedByService() const;
 
-    /// Whether one of the usual real-time clock devices agrees, see devRtcValid(). Tries no more after the first.
+    /// Whether one of the usual real-time clock devices agrees, see devRtcValid(): /dev/rtc0, /dev/rtc, /dev/misc/rtc,
+    /// /dev/efirtc, /dev/misc/efirtc. Tries no more after the first.
     bool rtcValid();
 
-    /// Arms a timer that never expires but is cancelled when the clock is set.
+    /// Arms a timer that never expires but is cancelled when the clock is set, timerfd_create(2).
     ///
     /// @return 0, or anything else with the reason in errno
     int startSetClockDetection();
@@ -87,12 +90,13 @@ protected:
     void pollTimeStatus();
 
 private:
-    void stopPolling();
+    /// @param openTimer -1 when it is closed, or about to be
+    void stopPolling(int openTimer);
 
     std::unique_ptr<PeriodicCallerManagerTokenIfc> pollToken; // null unless polling; guarded by a mutex of the source
     std::shared_ptr<PeriodicCallerManagerIfc> manager;
     std::atomic<bool> absoluteTime{false};
-    int clockSetTimerFd{0}; // -1 once polling has ended; written under the same mutex while there may be polls
+    int clockSetTimerFd{0}; // -1 once it was closed; written under the same mutex while there may be polls
 };
 
 }

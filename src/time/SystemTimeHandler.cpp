@@ -68,7 +68,7 @@ void SystemTimeHandler::initialize()
     }
     auto token = manager->add([this] { pollTimeStatus(); }, pollPeriod); // what is left in it goes without the lock
     std::lock_guard const lock(tokenMutex);
-    if (clockSetTimerFd >= 0) // else the first poll has ended the polling before add returned
+    if (!absoluteTime && clockSetTimerFd >= 0) // else the first poll has ended the polling before add returned
     {
         pollToken.swap(token);
     }
@@ -134,23 +134,23 @@ void SystemTimeHandler::pollTimeStatus()
     default:
         TAVRO_LOG_TO(*this, Log::Severity::Error, "Error accessing clock set timer: Stop polling. errno %d (%s).",
                      error, strerror(error));
-        stopPolling();
+        stopPolling(-1);
         close(timer);
         return;
     }
     if (absoluteTime)
     {
-        stopPolling();
+        stopPolling(error == ECANCELED ? -1 : timer); // kept: the timer stays open
     }
 }
 
 /// A poll's last access to the handler, whose destructor waits for nothing once the token is gone.
-void SystemTimeHandler::stopPolling()
+void SystemTimeHandler::stopPolling(int openTimer)
 {
     std::unique_ptr<PeriodicCallerManagerTokenIfc> token; // destroyed without the lock: it takes those of the manager
     std::lock_guard const lock(tokenMutex);
     token.swap(pollToken);
-    clockSetTimerFd = -1;
+    clockSetTimerFd = openTimer;
 }
 
 }

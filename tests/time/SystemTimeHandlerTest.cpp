@@ -1,5 +1,6 @@
 #include <utils/SystemTimeHandler.h>
 
+#include "scheduling/SchedulerSleep.h"
 #include "support/CallDouble.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"
@@ -36,7 +37,9 @@ namespace
 {
 
 using Log::Severity;
+using testing::_;
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -45,6 +48,7 @@ using TestSupport::isLine;
 using TestSupport::LogCapture;
 using TestSupport::LogLine;
 using TestSupport::waitFor;
+namespace SchedulerSleep = TestSupport::SchedulerSleep;
 using namespace std::chrono_literals;
 
 constexpr int timer = 4711; // no descriptor of the process
@@ -608,6 +612,7 @@ TEST_F(SystemTimeHandlerTest, FiveDevicesAreTriedInOrder)
 TEST_F(SystemTimeHandlerTest, DevicesAfterTheFirstValidOneAreNotTried)
 {
     devices = {"/dev/rtc", "/dev/misc/rtc"};
+    rtcOffset = 5; // so that no tick of the system clock meanwhile makes it the faster one
 
     EXPECT_TRUE(sut.rtcValid());
 
@@ -889,6 +894,35 @@ TEST_F(SystemTimeHandlerTest, LaterSynchronisationEndsThePollingAndLeavesTheTime
     EXPECT_EQ(readDouble.count(), 1U);
 }
 
+TEST_F(SystemTimeHandlerTest, PollAfterTheTrustStillFindsTheTimerThatWasLeftOpen)
+{
+    sut.initialize();
+    kernelStatus = 0;
+    manager->function();
+
+    manager->function();
+
+    EXPECT_THAT(readDouble.calls(), ElementsAre(FieldsAre(timer, _, 10U), FieldsAre(timer, _, 10U)));
+    EXPECT_EQ(log.linesOf("SystemTime").back(),
+              (LogLine{Severity::Trace, "SystemTime", "Timer still running: Time has not been set yet."}));
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
+TEST_F(SystemTimeHandlerTest, TimerMayHaveTheDescriptorZero)
+{
+    timerUnderTest = 0;
+    timerfdCreateDouble.replace([](int, int) { return 0; });
+    letReadFail(ECANCELED);
+
+    sut.initialize();
+    ASSERT_EQ(manager->registered, 1);
+    EXPECT_EQ(manager->destroyed, 0);
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_THAT(events, ElementsAre("close 0"));
+}
+
 TEST_F(SystemTimeHandlerTest, ClockDeviceThatAgreesLaterEndsThePollingAndLeavesTheTimerOpen)
 {
     sut.initialize();
@@ -988,9 +1022,20 @@ class DrivenManager : public PeriodicCallerManagerIfc
 public:
     DrivenManager(PeriodicCallerManager::ExecutionStrategy strategy)
         : real(std::make_shared<PeriodicCallerManager>(strategy, "driven"))
-        , idle(real->add([this] { ++passes; }, 100ms))
     {
+        SchedulerSleep::await();
+        idle = real->add([this] { ++passes; }, 100ms);
         EXPECT_TRUE(waitForPasses(1));
+    }
+
+    DrivenManager(DrivenManager const&) = delete;
+    DrivenManager& operator=(DrivenManager const&) = delete;
+
+    ~DrivenManager() override
+    {
+        SchedulerSleep::await(5ms);
+        idle.reset();
+        SchedulerSleep::await();
     }
 
     std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
