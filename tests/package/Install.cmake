@@ -4,7 +4,8 @@
 # SOURCE_DIR, ROOT, BUILD_DIR  the project, where to install it, where to build it; the latter two are emptied first
 # LIBDIR                       the folder of the libraries below ROOT
 # SHARED                       ON or OFF
-# INSTALLED_LOGGER             ON to install the logging library first, by itself, and let the project find it there
+# INSTALLED_LOGGER             ON to install the logging library first, from its own folder alone, and let the project
+#                              find it there
 
 include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
 
@@ -22,7 +23,8 @@ endfunction()
 
 file(REMOVE_RECURSE ${ROOT} ${BUILD_DIR})
 if(INSTALLED_LOGGER)
-    install_staged(${SOURCE_DIR}/logger logger)
+    file(COPY ${SOURCE_DIR}/logger DESTINATION ${BUILD_DIR}/alone)
+    install_staged(${BUILD_DIR}/alone/logger logger)
     install_staged(${SOURCE_DIR} project -DHALDEN_USE_INSTALLED_LOGGER=ON -DCMAKE_PREFIX_PATH=${ROOT})
     if(EXISTS ${BUILD_DIR}/project/stage${prefix}/include/log)
         message(FATAL_ERROR "the project has installed a logging library of its own")
