@@ -14,7 +14,8 @@ class Addresses
 public:
     Addresses();
 
-    /// Leaves the monitor behind when it is stuck: its destructor would never return.
+    /// Leaves the monitor behind when it is stuck: its destructor would never return. It uses up a core until the
+    /// process ends: see LocalIps.h, whose advice for services a demonstration on any machine cannot follow.
     ~Addresses();
 
     Addresses(Addresses const&) = delete;

@@ -1,3 +1,4 @@
+#include "../support/Scheduler.h"
 #include "Addresses.h"
 #include "JobRecord.h"
 #include "Options.h"
@@ -19,7 +20,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace
 {
@@ -65,6 +65,7 @@ public:
         : manager(std::make_shared<PeriodicCallerManager>(strategy, name))
         , systemTime(std::in_place, manager)
     {
+        letSchedulerSleep();
         systemTime->initialize();
         for (Job& job : makeJobs(*systemTime, addresses))
         {
@@ -84,10 +85,7 @@ public:
         }
         tokens.clear(); // from here on no job runs
         systemTime.reset();
-        // The manager notices no request that comes in the instant before its scheduler falls asleep, and without
-        // jobs that sleep has no end. So it is given the time to fall asleep: it wakes once more, for the job that
-        // would have been due next, then for nothing but the manager's destructor.
-        std::this_thread::sleep_for(shortestPeriod + 100ms);
+        letSchedulerSleep(shortestPeriod);
         manager.reset();
     }
 
@@ -118,9 +116,9 @@ void showUntil(Clock::time_point deadline, StopSignals const& signals, Service c
     bool const onTerminal = isatty(STDOUT_FILENO) == 1;
     for (auto next = Clock::now() + 1s; !signals.waitUntil(std::min(next, deadline)) && next < deadline; next += 1s)
     {
-        std::cout << (onTerminal ? "\r\033[K" : "");
+        std::cout << (onTerminal ? "\r\033[K\033[?7l" : ""); // cut off where the terminal ends
         writeStatus(std::cout, service.jobs());
-        std::cout << (onTerminal ? "" : "\n") << std::flush;
+        std::cout << (onTerminal ? "\033[?7h" : "\n") << std::flush;
     }
     std::cout << (onTerminal ? "\n" : "");
 }

@@ -3,12 +3,14 @@
 //     record_hdf5 load.h5 --samples 20 --period 100
 
 #include "../support/Hdf5Work.h"
+#include "../support/Scheduler.h"
 
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
@@ -173,7 +175,8 @@ void record(std::string const& path, unsigned wanted, std::chrono::milliseconds 
     auto end = recorder.finish();
     auto const manager =
         std::make_shared<PeriodicCallerManager>(PeriodicCallerManager::ExecutionStrategy::Sequential, "recorder");
-    auto const token = manager->add([&recorder] { recorder.sample(); }, period);
+    letSchedulerSleep();
+    auto token = manager->add([&recorder] { recorder.sample(); }, period);
 
     auto reader = std::async(std::launch::async,
                              [&]
@@ -185,6 +188,8 @@ void record(std::string const& path, unsigned wanted, std::chrono::milliseconds 
                              });
     reader.get();
     end.get();
+    token.reset();
+    letSchedulerSleep(std::min(period, std::chrono::milliseconds(1000)));
     print(file.read());
 }
 
