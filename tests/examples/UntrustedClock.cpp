@@ -1,0 +1,31 @@
+// A machine that nobody has synchronised and whose real-time clocks do not answer, whatever the real one is like.
+
+#include "support/CallDouble.h"
+
+#include <linux/rtc.h>
+#include <sys/ioctl.h>
+#include <sys/timex.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+extern "C" int adjtimex(timex* query) noexcept
+{
+    query->status = STA_UNSYNC;
+    return TIME_ERROR;
+}
+
+extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
+{
+    if (request == RTC_RD_TIME)
+    {
+        errno = EIO;
+        return -1;
+    }
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return reinterpret_cast<int (*)(int, unsigned long, ...)>(Halden::Tavro::TestSupport::systemSymbol("ioctl"))(
+        descriptor, request, argument);
+}
