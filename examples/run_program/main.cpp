@@ -6,6 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <exception>
 #include <iostream>
@@ -82,8 +84,9 @@ std::string verdictOf(ExecutionResult const& result)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     std::ios::sync_with_stdio(false); // the standard input is copied whole
-    CLI::App app("Runs a program with this one's standard input, and tells how it has ended:\n"
+    CLI::App app("Reads its standard input to the end, runs a program with it, and tells how that has ended:\n"
                  "  run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...");
+    pid_t const self = getpid();
     try
     {
         Options const options = parse(app, argc, argv);
@@ -103,6 +106,10 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     }
     catch (std::exception const& error)
     {
+        if (getpid() != self)
+        {
+            _exit(1); // the child, which could not attach its pipes
+        }
         std::cerr << "run_program: " << error.what() << '\n';
         return 1;
     }

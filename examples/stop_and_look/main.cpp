@@ -93,7 +93,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     }
     catch (std::exception const& exception)
     {
-        std::cerr << exception.what() << '\n';
+        std::cerr << "stop_and_look: " << exception.what() << '\n';
         return 1;
     }
 }
