@@ -82,8 +82,9 @@ public:
     /// @return whether a thread has reached the closed barrier
     bool trappedAtBarrier();
 
-    /// Controller: looks 50 times whether a thread is trapped, with a fiftieth of the time-out between the looks. Below
-    /// 50 ms the looks follow one another at once. The last pause is followed by no look.
+    /// Controller: looks 50 times whether a thread is trapped, with a fiftieth of the time-out between the looks, in
+    /// whole milliseconds: 99 ms are over after 50. Below 50 ms the looks follow one another at once. The last pause is
+    /// followed by no look.
     bool waitTrapped(std::chrono::milliseconds const& timeout);
 
     /// Monitored code: publishes a value in place of an earlier one of that name.

@@ -30,7 +30,8 @@ struct ExecutionResult
 /// Names and values. A pair that setenv(3) refuses, such as one with an empty name, is left out.
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
-/// Runs a program with the given input, waits for its end, and kills it when that takes too long.
+/// Runs a program with the given input, waits for its end, and kills it when that takes too long: termSignal is then
+/// SIGKILL, unless the program has ended by itself in that moment.
 ///
 ///     std::istringstream const input("3\n1\n2\n");
 ///     auto const result = execute("/usr/bin/sort", {"-n"}, {{"LC_ALL", "C"}}, input, 2s);
@@ -70,7 +71,7 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// @param path        the program, also its argument 0
 /// @param arguments   those from 1 on
 /// @param environment added to this process's own, in this order; replaces what has the same name
-/// @param input       from where it stands up to its end, any bytes
+/// @param input       from where it stands up to its end, any bytes; a read that fails counts as the end
 /// @throws std::runtime_error "Failed to create pipe", "Failed to fork to execute the other process", or as
 ///         getAppOutput()
 HALDEN_CPPUTILS_EXPORT ExecutionResult execute(std::string const& path, std::vector<std::string> const& arguments,

@@ -20,7 +20,8 @@ public:
     virtual std::string compatibleId() const = 0;
 };
 
-/// Asks the device's own commands, found in PATH: tavro-fw-version, and rauc status for RAUC_SYSTEM_COMPATIBLE.
+/// Asks the device's own commands with popen(3), found in PATH: tavro-fw-version, and rauc status for
+/// RAUC_SYSTEM_COMPATIBLE.
 ///
 ///     FirmwareVersionTavro firmware;
 ///     if (!firmware.init()) ... // the log says why
@@ -29,7 +30,8 @@ public:
 /// A command's exit status counts for nothing: whatever it prints is the answer, and only silence is a failure. Of what
 /// it prints the first 2047 bytes up to the first NUL are taken, without their newlines, so that several lines become
 /// one. A command that goes on printing is ended by SIGPIPE, or sees its write fail with EPIPE where it, or this
-/// process, ignores that signal. Compare the values with what is expected before relying on them.
+/// process, ignores that signal; not before the end of a program that another thread has started meanwhile, which
+/// inherits the reading end. Compare the values with what is expected before relying on them.
 ///
 /// Threads: init() excludes every other use; afterwards version() and compatibleId() may be called from any thread.
 class HALDEN_CPPUTILS_EXPORT FirmwareVersionTavro : public FirmwareVersionIfc, protected virtual Log::Logger

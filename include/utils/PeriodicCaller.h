@@ -45,6 +45,7 @@ public:
 
     /// @throws std::runtime_error "PeriodicCaller is already started. Name = '...'" when started before and not stopped
     ///                            since, also when the worker has ended by itself
+    /// @throws std::system_error  when the thread cannot be made; start() may be tried again
     void start();
 
     /// Waits for a call in progress. Does nothing when not started.

@@ -37,7 +37,8 @@ class HALDEN_CPPUTILS_EXPORT PeriodicCallerManagerIfc
 public:
     virtual ~PeriodicCallerManagerIfc();
 
-    /// Registers a function until the token is destroyed. Its first call follows at once.
+    /// Registers a function until the token is destroyed. Its first call follows at once or, where the machine has been
+    /// up for less than one period, as soon as it has been up for that long.
     ///
     /// @param period between two starts, truncated to whole milliseconds. Where `unsigned long` has 32 bits the log
     ///               shows no more of them: a period of 50 days or more looks shorter there.
@@ -114,6 +115,7 @@ public:
     ///
     /// @param name becomes part of the logger's name
     /// @throws std::runtime_error when the strategy is unknown, see make_executor()
+    /// @throws std::system_error  when the scheduler thread cannot be made; for those of a pool see make_executor()
     PeriodicCallerManager(ExecutionStrategy strategy, std::string const& name);
 
     PeriodicCallerManager(PeriodicCallerManager const&) = delete;

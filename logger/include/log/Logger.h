@@ -71,7 +71,7 @@ public:
 
     /// Records that are being written on other threads may still reach the previous sink.
     ///
-    /// @param sink null restores the sink of the start
+    /// @param sink null restores the sink of the start; never a LoggerImpl, which would hand each record to itself
     /// @return the sink before
     std::shared_ptr<LoggerImplIfc> setSink(std::shared_ptr<LoggerImplIfc> sink);
 };
