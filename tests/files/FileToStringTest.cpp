@@ -143,7 +143,7 @@ TEST_F(FileToStringTest, HundredMebibytesAreReadOnce)
     EXPECT_EQ(result.capacity(), size);
     EXPECT_EQ(result.substr(0, 5), "first");
     EXPECT_EQ(result.substr(size - 4), "last");
-    EXPECT_EQ(static_cast<std::size_t>(std::count(result.begin(), result.end(), '\0')), size - 9);
+    EXPECT_EQ(result.find_first_not_of('\0', 5), size - 4);
     EXPECT_LE(readDouble.count(), size / 65535 + 2);
 }
 

@@ -25,12 +25,14 @@ namespace
 {
 
 std::vector<std::pair<int, std::size_t>> sizeTests; // flag and size of each call
+std::vector<char const*> buffers;                   // of each call
 
 }
 
 extern "C" int __vsprintf_chk(char* buffer, int flag, std::size_t size, char const* format, va_list values)
 {
     sizeTests.emplace_back(flag, size);
+    buffers.push_back(buffer);
     return reinterpret_cast<decltype(&__vsprintf_chk)>(dlsym(RTLD_NEXT, "__vsprintf_chk"))(buffer, flag, size, format,
                                                                                            values);
 }
@@ -165,6 +167,23 @@ TEST_F(ValidationMessagesTest, CLibraryTestsTheSizeOfEveryMessage)
     warning(nullptr, "%s", "short");
 
     EXPECT_THAT(sizeTests, ElementsAre(Pair(1, 5000), Pair(1, 5000)));
+}
+
+TEST_F(ValidationMessagesTest, ErrorsAndWarningsHaveOneBufferEach)
+{
+    auto const error = errorCallback();
+    auto const warning = warningCallback();
+    buffers.clear();
+
+    error(nullptr, "%s", "short");
+    error(nullptr, "%s", "short");
+    warning(nullptr, "%s", "short");
+    warning(nullptr, "%s", "short");
+
+    ASSERT_THAT(buffers, SizeIs(4));
+    EXPECT_EQ(static_cast<void const*>(buffers[0]), buffers[1]);
+    EXPECT_EQ(static_cast<void const*>(buffers[2]), buffers[3]);
+    EXPECT_NE(static_cast<void const*>(buffers[0]), buffers[2]);
 }
 
 TEST_F(ValidationMessagesTest, DocumentWithALongValueEndsTheProcess)

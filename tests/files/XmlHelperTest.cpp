@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -25,6 +26,8 @@ namespace
 
 using namespace testing;
 using namespace TestSupport;
+
+static_assert(std::is_empty_v<XmlHelper> && !std::is_polymorphic_v<XmlHelper>);
 
 std::string const deviceXsd = R"(<?xml version="1.0"?>
 <xs:schema xmlns:xs="http://www.w3.org/2001/XMLSchema" xmlns="urn:schemas-upnp-org:device-1-0"

@@ -95,6 +95,17 @@ protected:
         return waitFor([this] { return sut.trappedAtBarrier(); });
     }
 
+    /// As waitUntilTrapped(), for what stands in for a sleep.
+    bool waitWithoutSleep()
+    {
+        auto const deadline = std::chrono::steady_clock::now() + 10s;
+        while (!sut.trappedAtBarrier() && std::chrono::steady_clock::now() < deadline)
+        {
+            std::this_thread::yield();
+        }
+        return sut.trappedAtBarrier();
+    }
+
     CodeMonitor sut{"sut"};
     std::vector<std::chrono::nanoseconds> sleeps;
 };
@@ -240,10 +251,7 @@ TEST_F(CodeMonitorTest, WaitTrappedNoticesTheCrossingWithTheNextLook)
             if (sleeps.size() == 3)
             {
                 crossing.emplace(sut);
-                while (!sut.trappedAtBarrier())
-                {
-                    std::this_thread::yield();
-                }
+                EXPECT_TRUE(waitWithoutSleep());
             }
             return 0;
         });
@@ -308,10 +316,7 @@ TEST_F(CodeMonitorTest, WaitTrappedDoesNotLookAfterTheLastSlice)
             if (sleeps.size() == 50)
             {
                 crossing.emplace(sut);
-                while (!sut.trappedAtBarrier())
-                {
-                    std::this_thread::yield();
-                }
+                EXPECT_TRUE(waitWithoutSleep());
             }
             return 0;
         });

@@ -18,6 +18,7 @@ namespace
 {
 
 CallDouble<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)> clockWait{"pthread_cond_clockwait"};
+CallDouble<int(pthread_cond_t*)> broadcast{"pthread_cond_broadcast"};
 
 std::chrono::nanoseconds toDuration(timespec const& time)
 {
@@ -30,6 +31,11 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
                                       timespec const* until)
 {
     return clockWait(condition, mutex, clock, until);
+}
+
+extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
+{
+    return broadcast(condition);
 }
 
 namespace
@@ -77,6 +83,40 @@ TEST(CodeMonitorWaitTest, StaysHeldWhenAWaitEndsWithoutAnOpening)
     EXPECT_TRUE(sut.crossBarrier());
 
     EXPECT_EQ(clockWait.count(), 5U);
+}
+
+TEST(CodeMonitorWaitTest, OpeningNotifiesEveryThread)
+{
+    CodeMonitor sut("sut");
+    sut.closeBarrier();
+    broadcast.reset();
+
+    sut.openBarrier();
+
+    EXPECT_EQ(broadcast.count(), 1U);
+}
+
+TEST(CodeMonitorWaitTest, OnlyTheBarrierAndTheQuestionForItTakeTheMutex)
+{
+    CodeMonitor sut("sut");
+    sut.closeBarrier();
+    bool wasTrapped = false;
+    clockWait.reset();
+    clockWait.replace(
+        [&](auto*, auto*, clockid_t, timespec const*)
+        {
+            // This thread holds the mutex here, and would wait for itself.
+            wasTrapped = sut.waitTrapped(0ms);
+            sut.setArgument("value", 5ULL);
+            EXPECT_EQ(sut.getArgument("value").value.uint64, 5U);
+            sut.openBarrier();
+            EXPECT_FALSE(sut.crossBarrier());
+            return 0;
+        });
+
+    EXPECT_TRUE(sut.crossBarrier());
+
+    EXPECT_TRUE(wasTrapped);
 }
 
 TEST(CodeMonitorWaitTest, WaitsByTheMonotonicClock)

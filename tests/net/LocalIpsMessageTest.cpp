@@ -129,6 +129,25 @@ TEST_F(LocalIpsMessageTest, EachFamilyIsTakenFromItsLocalAttribute)
                                              line(Severity::Trace, "nlToIpAddress: got IPv6")));
 }
 
+TEST_F(LocalIpsMessageTest, ChangesAreLoggedWithoutTheLockOfTheList)
+{
+    int asked = 0;
+    capture.onLine(
+        [&](LogLine const& each)
+        {
+            if (each.severity == Severity::Info)
+            {
+                sut.addresses(); // would wait for good
+                ++asked;
+            }
+        });
+
+    handle(added("10.0.0.1") + deleted("10.0.0.1"));
+    capture.onLine(nullptr);
+
+    EXPECT_EQ(asked, 2);
+}
+
 TEST_F(LocalIpsMessageTest, LastLocalAttributeWins)
 {
     EXPECT_EQ(addressIn(v4Message(local("10.0.0.1") + attribute(IFA_LABEL, "lo") + local("10.0.0.2"))), "10.0.0.2");

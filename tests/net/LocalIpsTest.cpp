@@ -457,9 +457,12 @@ TEST_F(LocalIpsTest, CallbacksAreMovedIn)
     Monitor::AddressCallback onLost = callback;
     std::function<void()> onError = callback;
 
+    long owners = 0;
+    kernel.beforeStart([&] { owners = token.use_count(); }); // while the constructor still has its parameters
+
     LocalIps const sut(std::move(onNew), std::move(onLost), std::move(onError));
 
-    EXPECT_EQ(token.use_count(), 5); // its own, the lambda's and one in each callback
+    EXPECT_EQ(owners, 5); // its own, the lambda's and one in each callback
 }
 
 /// Whether that can be said outside of the class and its heirs.

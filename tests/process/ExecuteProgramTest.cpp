@@ -99,6 +99,8 @@ TEST_F(ExecuteProgramTest, SignalThatEndsTheProgramIsHandedBack)
 {
     for (int const signalNumber : {SIGHUP, SIGKILL, SIGPIPE, SIGTERM})
     {
+        signal(signalNumber, SIG_DFL); // else a program started under nohup(1) would ignore it
+
         auto const result = shell("echo text; kill -" + std::to_string(signalNumber) + " $$");
 
         EXPECT_THAT(result.termSignal, Optional(signalNumber));
@@ -178,7 +180,7 @@ TEST_F(ExecuteProgramTest, OneByteMoreThanThePipeHoldsEndsInAKill)
 {
     auto const capacity = pipeCapacity();
 
-    auto const result = run("/usr/bin/head", {"-c", std::to_string(capacity + 1), "/dev/zero"}, {}, 500ms);
+    auto const result = run("/usr/bin/head", {"-c", std::to_string(capacity + 1), "/dev/zero"}, {}, 3s);
 
     EXPECT_THAT(result.termSignal, Optional(SIGKILL));
     EXPECT_FALSE(result.exitCode.has_value());
@@ -189,16 +191,16 @@ TEST_F(ExecuteProgramTest, ProgramThatTakesTooLongIsKilled)
 {
     auto const start = std::chrono::steady_clock::now();
 
-    auto const result = shell("echo $$; exec sleep 60", {}, 200ms);
+    auto const result = shell("echo $$; exec sleep 60", {}, 2s);
 
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 210ms);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 2010ms);
     EXPECT_THAT(result.termSignal, Optional(SIGKILL));
     EXPECT_FALSE(result.exitCode.has_value());
     std::string const id = result.output.substr(0, result.output.find('\n'));
     EXPECT_THAT(log.lines(),
                 testing::ElementsAre(isLine(Severity::Trace, "", "execute()"),
                                      isLine(Severity::Trace, "", "getAppOutput()"),
-                                     isLine(Severity::Debug, "", "Timeout is set to 0.200000s"),
+                                     isLine(Severity::Debug, "", "Timeout is set to 2.000000s"),
                                      isLine(Severity::Debug, "", "Send kill signal to child process " + id),
                                      isLine(Severity::Info, "", "kill(" + id + ", SIGKILL) succeeded with 0"),
                                      isLine(Severity::Debug, "", "Child finished after kill")));
@@ -323,6 +325,14 @@ TEST_F(ExecuteProgramTest, ProgramInheritsNoPipeOfAnotherCall)
 
     EXPECT_NE(alone, "");
     EXPECT_EQ(during, alone);
+}
+
+TEST_F(ExecuteProgramTest, InputThatFailsEndsThere)
+{
+    InputThatCalls buffer([] { throw std::runtime_error("I/O error"); });
+    std::istream const input(&buffer);
+
+    EXPECT_EQ(execute("/usr/bin/wc", {"-c"}, {}, input, longEnough).output, "0\n");
 }
 
 TEST_F(ExecuteProgramTest, ProgramHasTheSignalMaskOfTheCaller)

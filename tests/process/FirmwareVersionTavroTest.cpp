@@ -459,6 +459,7 @@ TEST(FirmwareVersionIfcTest, OperationsHaveTheirSlots)
 {
     static_assert(std::has_virtual_destructor_v<FirmwareVersionIfc>);
     static_assert(sizeof(FirmwareVersionIfc) == sizeof(void*));
+    static_assert(!std::is_convertible_v<FirmwareVersionTavro*, Log::Logger*>);
 
     EXPECT_EQ(virtualSlot(&FirmwareVersionIfc::version), 2);
     EXPECT_EQ(virtualSlot(&FirmwareVersionIfc::compatibleId), 3);

@@ -89,7 +89,7 @@ protected:
         {
             errno = answer.value;
         }
-        else if (answer.result != 0)
+        else
         {
             *status = answer.value;
         }
@@ -607,6 +607,13 @@ TEST_F(GetAppOutputTest, SigpipeThatWasPendingBeforeStaysPending)
 
 TEST_F(GetAppOutputTest, SigpipeIsBlockedWhileTheInputIsWrittenAndNoLonger)
 {
+    bool duringWrite = false;
+    fcloseDouble.replace(
+        [&](std::FILE* file)
+        {
+            duringWrite = duringWrite || BlockedSigpipe::isBlocked();
+            return fcloseDouble.passOn(file);
+        });
     bool duringWait = true;
     waitpidDouble.replace(
         [&](pid_t, int* status, int)
@@ -618,6 +625,7 @@ TEST_F(GetAppOutputTest, SigpipeIsBlockedWhileTheInputIsWrittenAndNoLonger)
 
     call();
 
+    EXPECT_TRUE(duringWrite);
     EXPECT_FALSE(duringWait);
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -45,7 +46,8 @@ public:
 
     std::vector<std::string> list() const
     {
-        std::istringstream lines(std::string(text->characters.data(), text->size));
+        std::size_t const size = std::min<std::size_t>(text->size, text->characters.size());
+        std::istringstream lines(std::string(text->characters.data(), size));
         std::vector<std::string> events;
         for (std::string line; std::getline(lines, line);)
         {

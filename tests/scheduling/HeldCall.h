@@ -22,7 +22,7 @@ public:
         if (calls++ == 0)
         {
             entered.set_value();
-            gate.get_future().wait();
+            gate.get_future().wait_for(std::chrono::seconds(20));
         }
     }
 

@@ -140,7 +140,6 @@ TEST(PeriodicCallerManagerFatalTest, StopBetweenTheLastLookAndTheSleepOfAnEmptyM
                     {
                         std::this_thread::yield();
                     }
-                    std::this_thread::sleep_for(50ms); // the notification is out, with nobody to hear it
                 });
             auto manager = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
             looked.get_future().wait();

@@ -55,7 +55,7 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
             ++calls;
             if (calls == 1)
             {
-                registered.get_future().wait();
+                registered.get_future().wait_for(20s);
             }
             if (calls == passesBefore)
             {
@@ -76,7 +76,7 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
     log.expect(isLine(Log::Severity::Warning, "Halden::Tavro::Utils::PcmItem",
                       std::string("Execution of PCM item is forbidden"))); // the rest of the last batch
     registered.set_value();
-    measured.get_future().wait();
+    ASSERT_EQ(measured.get_future().wait_for(20s), std::future_status::ready);
     SchedulerSleep::await();
 
     EXPECT_GT(allocations, 0); // else nothing is counted

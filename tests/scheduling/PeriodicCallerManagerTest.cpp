@@ -1,3 +1,4 @@
+#include "scheduling/CountsCopies.h"
 #include "scheduling/HeldCall.h"
 #include "scheduling/SchedulerSleep.h"
 #include "support/LogCapture.h"
@@ -221,17 +222,17 @@ TEST_F(PeriodicCallerManagerTest, StopBeforeTheFirstPassLeavesNoWait)
             if (logged.text == "+schedulerThread: starting")
             {
                 starting.set_value();
-                goOn.get_future().wait();
+                goOn.get_future().wait_for(20s);
             }
         });
     auto sut = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
-    starting.get_future().wait();
+    ASSERT_EQ(starting.get_future().wait_for(10s), std::future_status::ready);
     std::size_t const requestsBefore = SchedulerSleep::requests();
 
     auto const destroyed = std::async(std::launch::async, [&sut] { sut.reset(); });
     bool const stopRequested = waitFor([&] { return SchedulerSleep::requests() > requestsBefore; });
     goOn.set_value();
-    destroyed.wait();
+    EXPECT_EQ(destroyed.wait_for(10s), std::future_status::ready);
 
     EXPECT_TRUE(stopRequested);
     EXPECT_THAT(log.linesOf(logger), ElementsAre(line(Severity::Info, "+schedulerThread: starting"),
@@ -394,27 +395,6 @@ TEST_F(PeriodicCallerManagerTest, MostNegativePeriodIsAcceptedToo)
 
     runTimes(3, *sut, std::chrono::duration<double>(-std::numeric_limits<double>::infinity()));
 }
-
-class CountsCopies
-{
-public:
-    explicit CountsCopies(int& copies)
-        : copies(copies)
-    {
-    }
-    CountsCopies(CountsCopies const& other)
-        : copies(other.copies)
-    {
-        ++copies;
-    }
-    CountsCopies& operator=(CountsCopies const&) = delete;
-    ~CountsCopies() = default;
-
-    void operator()() const {}
-
-private:
-    int& copies;
-};
 
 TEST_F(PeriodicCallerManagerTest, AddCopiesTheFunctionOnce)
 {

@@ -78,7 +78,6 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
 extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
 {
     static auto* const system = systemFunction<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
-    ++broadcasts;
     {
         std::lock_guard const lock(mutex);
         if (current.condition == condition)
@@ -86,7 +85,9 @@ extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
             current = {};
         }
     }
-    return system(condition);
+    int const result = system(condition);
+    ++broadcasts;
+    return result;
 }
 
 namespace Halden::Tavro::TestSupport::SchedulerSleep

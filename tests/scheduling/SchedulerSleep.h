@@ -19,7 +19,7 @@ void await(std::chrono::milliseconds atLeast = std::chrono::seconds(5));
 /// How many sleeps have begun.
 std::size_t count();
 
-/// How many wake-ups have been asked for.
+/// How many wake-ups have been asked for and are out: who sleeps from then on does not hear of them.
 std::size_t requests();
 
 /// Calls the function once, on the next scheduler thread that is between its last look and its sleep.
