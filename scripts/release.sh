@@ -4,7 +4,7 @@ readonly architectures=(amd64 armhf)
 
 # ensure_release_packages: what building for both architectures needs.
 ensure_release_packages() {
-    ensure_packages "${build_packages[@]}" dpkg-dev g++-arm-linux-gnueabihf git qemu-user "$@"
+    ensure_packages "${build_packages[@]}" dpkg-dev file g++-arm-linux-gnueabihf git qemu-user "$@"
     ensure_armhf_sysroot
 }
 
@@ -14,7 +14,7 @@ build_release() {
     local -r architecture=$1 folder=${2:-$PWD}
     local -r build=$folder/build/release-$architecture
     local flags linker_flags toolchain=()
-    local -x DEB_BUILD_MAINT_OPTIONS=hardening=+bindnow
+    local -x DEB_HOST_ARCH=$architecture DEB_BUILD_MAINT_OPTIONS=hardening=+bindnow
     flags="$(dpkg-buildflags --get CPPFLAGS) $(cd / && dpkg-buildflags --get CXXFLAGS)"
     flags=${flags//-ffile-prefix-map=\/=./-ffile-prefix-map=$folder=.}
     linker_flags=$(dpkg-buildflags --get LDFLAGS)
