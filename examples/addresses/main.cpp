@@ -2,13 +2,13 @@
 //
 //     addresses --watch
 
+#include "../support/Program.h"
+#include "../support/StopSignals.h"
+
 #include <log/Logger.h>
 #include <utils/LocalIps.h>
 #include <utils/Route.h>
 
-#include <CLI/CLI.hpp>
-
-#include <signal.h> // NOLINT(modernize-deprecated-headers): sigwait is POSIX
 #include <unistd.h>
 
 #include <exception>
@@ -35,28 +35,6 @@ public:
     }
 };
 
-/// Blocked before any thread starts, so that only wait() sees them.
-class StopSignals
-{
-public:
-    StopSignals()
-    {
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    }
-
-    void wait() const
-    {
-        int signalNumber = 0;
-        sigwait(&signals, &signalNumber);
-    }
-
-private:
-    sigset_t signals{};
-};
-
 std::string interfaceOf(Utils::IpAddress const& ip)
 {
     try
@@ -75,51 +53,34 @@ void print(std::string const& line)
     std::cout << line + "\n" << std::flush;
 }
 
-void list()
+int list()
 {
     Utils::LocalIps localIps({}, {}, {});
     for (auto const& ip : localIps.addresses())
     {
         print(ip.string() + " " + interfaceOf(ip));
     }
+    return 0;
 }
 
-void watch()
+int watch()
 {
     StopSignals const signals;
     Utils::LocalIps const localIps([](auto const& ip) { print("+ " + ip.string() + " " + interfaceOf(ip)); },
                                    [](auto const& ip) { print("- " + ip.string()); },
                                    [] { print("! events were lost: what follows may be incomplete; start again"); });
     signals.wait();
+    return 0;
 }
 
 }
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Prints the addresses of this machine with their interfaces.");
+    CLI::App app("Prints the addresses of this machine with their interfaces.", "addresses");
     bool follow = false;
     app.add_flag("--watch", follow, "Then prints what is added (+) and lost (-), until Ctrl-C");
-    try
-    {
-        app.parse(argc, argv);
-        Log::LoggerProxy::instance().setSink(std::make_shared<EndOfRetry>());
-        Log::LoggerProxy::instance().setThreshold(Log::Severity::Error);
-        follow ? watch() : list();
-        return 0;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "addresses: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& error)
-    {
-        std::cerr << "addresses: " << error.what() << '\n';
-        return 1;
-    }
+    Log::LoggerProxy::instance().setSink(std::make_shared<EndOfRetry>());
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Error);
+    return runProgram(app, argc, argv, [&] { return follow ? watch() : list(); });
 }

@@ -1,18 +1,16 @@
 // Tells whether this machine's clock can be believed, and why.
 
+#include "../support/Program.h"
 #include "../support/Scheduler.h"
 
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
 #include <utils/SystemTimeHandler.h>
 
-#include <CLI/CLI.hpp>
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -176,28 +174,10 @@ bool isTrusted(std::chrono::seconds wait)
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.");
+    CLI::App app("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.", "clock_trust");
     int wait = 0;
     app.add_option("--wait", wait, "Wait up to SECONDS until the time is absolute")
         ->option_text("SECONDS")
         ->check(CLI::Range(0, 1'000'000));
-    try
-    {
-        app.parse(argc, argv);
-        return isTrusted(std::chrono::seconds(wait)) ? 0 : 1;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "clock_trust: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& error)
-    {
-        std::cerr << "clock_trust: " << error.what() << '\n';
-        return 1;
-    }
+    return runProgram(app, argc, argv, [&] { return isTrusted(std::chrono::seconds(wait)) ? 0 : 1; });
 }

@@ -1,10 +1,10 @@
 // Says what a UPnP device description holds, once it has proved valid.
 
+#include "../support/Program.h"
+
 #include <log/Logger.h>
 #include <utils/FileToString.h>
 #include <utils/XmlHelper.h>
-
-#include <CLI/CLI.hpp>
 
 #include <cstddef>
 #include <exception>
@@ -81,19 +81,28 @@ void printTexts(Utils::XmlHelper& xml, std::stringstream const& document, std::s
     }
 }
 
-void describe(std::string const& file, std::string const& xpath)
+int describe(std::string const& file, std::string const& xpath)
 {
-    std::stringstream const document(Utils::fileToString(file));
-    Utils::XmlHelper xml;
-    xml.validateAgainstXSD(document, DEVICE_DESCRIPTION_XSD);
-    if (xpath.empty())
+    Log::LoggerProxy::instance().setSink(std::make_shared<FaultPrinter>(file));
+    try
     {
-        printDescription(xml, document);
+        std::stringstream const document(Utils::fileToString(file));
+        Utils::XmlHelper xml;
+        xml.validateAgainstXSD(document, DEVICE_DESCRIPTION_XSD);
+        if (xpath.empty())
+        {
+            printDescription(xml, document);
+        }
+        else
+        {
+            printTexts(xml, document, xpath);
+        }
     }
-    else
+    catch (std::exception const& error)
     {
-        printTexts(xml, document, xpath);
+        throw std::runtime_error(file + ": " + error.what());
     }
+    return std::cout.flush() ? 0 : 1;
 }
 
 }
@@ -101,31 +110,12 @@ void describe(std::string const& file, std::string const& xpath)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     CLI::App app("Checks a UPnP device description and prints name, model and services: status 0, or 1 when it is "
-                 "not valid or cannot be read.");
+                 "not valid or cannot be read.",
+                 "device_description");
     std::string file = DEVICE_DESCRIPTION_XML;
     std::string xpath;
     app.add_option("FILE", file, "The description; without it, the one of this example");
     app.add_option("--xpath", xpath, "Print the texts of the nodes that this selects instead; upnp: is the prefix")
         ->option_text("EXPRESSION");
-    try
-    {
-        app.parse(argc, argv);
-        Log::LoggerProxy::instance().setSink(std::make_shared<FaultPrinter>(file));
-        describe(file, xpath);
-        return std::cout.flush() ? 0 : 1;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "device_description: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& error)
-    {
-        std::cerr << "device_description: " << file << ": " << error.what() << '\n';
-        return 1;
-    }
+    return runProgram(app, argc, argv, [&] { return describe(file, xpath); });
 }

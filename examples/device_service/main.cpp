@@ -1,4 +1,5 @@
 #include "../support/Scheduler.h"
+#include "../support/StopSignals.h"
 #include "Addresses.h"
 #include "JobRecord.h"
 #include "Options.h"
@@ -9,7 +10,6 @@
 #include <utils/FirmwareVersionTavro.h>
 #include <utils/XmlHelper.h>
 
-#include <signal.h> // NOLINT(modernize-deprecated-headers): sigtimedwait is POSIX
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,33 +29,6 @@ using namespace std::chrono_literals;
 using Halden::Tavro::Utils::PeriodicCallerManager;
 using Halden::Tavro::Utils::PeriodicCallerManagerTokenIfc;
 using Halden::Tavro::Utils::SystemTimeHandler;
-
-/// The signals that end the service. Blocked before any thread starts, so that only wait() sees them.
-class StopSignals
-{
-public:
-    StopSignals()
-    {
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    }
-
-    /// @return true when one has come before the deadline
-    bool waitUntil(Clock::time_point deadline) const
-    {
-        auto const left = std::max<std::chrono::nanoseconds>(deadline - Clock::now(), 0ns);
-        auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-        timespec timeout{};
-        timeout.tv_sec = static_cast<time_t>(seconds.count());
-        timeout.tv_nsec = static_cast<long>((left - seconds).count());
-        return sigtimedwait(&signals, nullptr, &timeout) > 0;
-    }
-
-private:
-    sigset_t signals{};
-};
 
 /// The jobs at work, from construction to stop().
 class Service

@@ -1,13 +1,12 @@
 // Tells which firmware the device runs, and what its updates must be made for.
 
+#include "../support/Program.h"
+
 #include <log/Logger.h>
 #include <utils/FirmwareVersionTavro.h>
 
-#include <CLI/CLI.hpp>
-
 #include <stdlib.h> // NOLINT(modernize-deprecated-headers): setenv is POSIX
 
-#include <exception>
 #include <iostream>
 #include <string>
 
@@ -29,51 +28,34 @@ std::string orUnknown(std::string const& value)
 }
 
 /// @return whether the device has told both
-bool showFirmware()
+int showFirmware(std::string const& commands, bool verbose)
 {
+    if (!commands.empty())
+    {
+        putFirstInPath(commands);
+    }
+    if (verbose)
+    {
+        Log::LoggerProxy::instance().setThreshold(Log::Severity::Debug);
+    }
     Utils::FirmwareVersionTavro firmware;
     bool const complete = firmware.init(); // what fails is in the log
     std::cout << "version: " << orUnknown(firmware.version()) << '\n'
               << "compatible id: " << orUnknown(firmware.compatibleId()) << '\n';
-    return complete;
+    return complete ? 0 : 1;
 }
 
 }
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.");
+    CLI::App app("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.",
+                 "firmware");
     std::string commands;
     bool verbose = false;
     app.add_option("--device-commands", commands, "Looks for the device's commands in DIR first")
         ->option_text("DIR")
         ->check(CLI::ExistingDirectory);
     app.add_flag("--verbose", verbose, "Shows on standard error what is asked and answered");
-    try
-    {
-        app.parse(argc, argv);
-        if (!commands.empty())
-        {
-            putFirstInPath(commands);
-        }
-        if (verbose)
-        {
-            Log::LoggerProxy::instance().setThreshold(Log::Severity::Debug);
-        }
-        return showFirmware() ? 0 : 1;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "firmware: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& error)
-    {
-        std::cerr << "firmware: " << error.what() << '\n';
-        return 1;
-    }
+    return runProgram(app, argc, argv, [&] { return showFirmware(commands, verbose); });
 }

@@ -3,18 +3,16 @@
 //     record_hdf5 load.h5 --samples 20 --period 100
 
 #include "../support/Hdf5Work.h"
+#include "../support/Program.h"
 #include "../support/Scheduler.h"
 
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
-#include <exception>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -168,8 +166,9 @@ private:
     std::promise<void> end;
 };
 
-void record(std::string const& path, unsigned wanted, std::chrono::milliseconds period)
+int record(std::string const& path, unsigned wanted, std::chrono::milliseconds period)
 {
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning);
     LoadFile const file(path);
     Recorder recorder(file, wanted);
     auto end = recorder.finish();
@@ -191,6 +190,7 @@ void record(std::string const& path, unsigned wanted, std::chrono::milliseconds 
     token.reset();
     letSchedulerSleep(std::min(period, std::chrono::milliseconds(1000)));
     print(file.read());
+    return 0;
 }
 
 }
@@ -200,7 +200,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     std::string path;
     unsigned samples = 20;
     unsigned period = 100;
-    CLI::App app("Records the load of the machine into an HDF5 file, which is read at the same time.");
+    CLI::App app("Records the load of the machine into an HDF5 file, which is read at the same time.", "record_hdf5");
     app.add_option("FILE", path, "The file to write; an old one is replaced")->required();
     app.add_option("--samples", samples, "How many samples to record")
         ->check(CLI::Range(1, 1'000'000))
@@ -208,25 +208,5 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     app.add_option("--period", period, "The milliseconds between two samples")
         ->check(CLI::Range(1, 3'600'000))
         ->capture_default_str();
-    try
-    {
-        app.parse(argc, argv);
-        Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning);
-        record(path, samples, std::chrono::milliseconds(period));
-        return 0;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "record_hdf5: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& error)
-    {
-        std::cerr << "record_hdf5: " << error.what() << '\n';
-        return 1;
-    }
+    return runProgram(app, argc, argv, [&] { return record(path, samples, std::chrono::milliseconds(period)); });
 }

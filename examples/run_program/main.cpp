@@ -2,9 +2,9 @@
 //
 //     echo 3 1 2 | run_program --timeout 500 --env LC_ALL=C /usr/bin/wc -w
 
-#include <utils/Execute.h>
+#include "../support/Program.h"
 
-#include <CLI/CLI.hpp>
+#include <utils/Execute.h>
 
 #include <unistd.h>
 
@@ -23,26 +23,17 @@ namespace
 
 struct Options
 {
-    std::chrono::milliseconds timeout{10'000};
+    std::chrono::milliseconds timeout{};
     Environment environment;
     std::string program;
     std::vector<std::string> arguments;
 };
 
-/// @throws CLI::ParseError for what cannot be understood, and for the help
-Options parse(CLI::App& app, int argc, char** argv)
+/// @throws CLI::ParseError for what cannot be understood
+Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std::vector<std::string> const& variables)
 {
-    long long timeout = 10'000;
-    std::vector<std::string> variables;
-    app.add_option("--timeout", timeout, "Kill the program when it takes longer")->option_text("MS (10000)");
-    app.add_option("--env", variables, "Add to the environment, or change it")
-        ->option_text("NAME=VALUE")
-        ->allow_extra_args(false);
-    app.prefix_command(); // what follows belongs to the program
-    app.parse(argc, argv);
-
     Options options;
-    options.timeout = std::chrono::milliseconds(timeout);
+    options.timeout = timeout;
     for (auto const& variable : variables)
     {
         auto const separator = variable.find('=');
@@ -79,38 +70,41 @@ std::string verdictOf(ExecutionResult const& result)
     return "not known how it ended";
 }
 
+int run(Options const& options)
+{
+    pid_t const self = getpid();
+    try
+    {
+        auto const result = execute(options.program, options.arguments, options.environment, std::cin, options.timeout);
+        std::cout << result.output << std::flush;
+        std::cerr << verdictOf(result) << '\n';
+        return 0;
+    }
+    catch (std::exception const&)
+    {
+        if (getpid() != self)
+        {
+            _exit(1); // the child, which could not attach its pipes
+        }
+        throw;
+    }
+}
+
 }
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     std::ios::sync_with_stdio(false); // the standard input is copied whole
     CLI::App app("Reads its standard input to the end, runs a program with it, and tells how that has ended:\n"
-                 "  run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...");
-    pid_t const self = getpid();
-    try
-    {
-        Options const options = parse(app, argc, argv);
-        auto const result = execute(options.program, options.arguments, options.environment, std::cin, options.timeout);
-        std::cout << result.output << std::flush;
-        std::cerr << verdictOf(result) << '\n';
-        return 0;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "run_program: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& error)
-    {
-        if (getpid() != self)
-        {
-            _exit(1); // the child, which could not attach its pipes
-        }
-        std::cerr << "run_program: " << error.what() << '\n';
-        return 1;
-    }
+                 "  run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...",
+                 "run_program");
+    long long timeout = 10'000;
+    std::vector<std::string> variables;
+    app.add_option("--timeout", timeout, "Kill the program when it takes longer")->option_text("MS (10000)");
+    app.add_option("--env", variables, "Add to the environment, or change it")
+        ->option_text("NAME=VALUE")
+        ->allow_extra_args(false);
+    app.prefix_command(); // what follows belongs to the program
+    return runProgram(app, argc, argv,
+                      [&] { return run(optionsFrom(app, std::chrono::milliseconds(timeout), variables)); });
 }

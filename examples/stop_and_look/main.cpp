@@ -2,12 +2,11 @@
 //
 //     stop_and_look --jobs 3
 
+#include "../support/Program.h"
+
 #include <utils/CodeMonitor.h>
 
-#include <CLI/CLI.hpp>
-
 #include <chrono>
-#include <exception>
 #include <functional>
 #include <future>
 #include <iostream>
@@ -60,40 +59,27 @@ bool lookAtJob(unsigned n, CodeMonitor& monitor)
     return held;
 }
 
+int look(unsigned jobs)
+{
+    CodeMonitor monitor("addUp");
+    for (unsigned job = 1; job <= jobs; ++job)
+    {
+        if (!lookAtJob(job, monitor))
+        {
+            std::cerr << "The worker did not come to the barrier.\n";
+            return 1;
+        }
+    }
+    std::cout << "open barrier: the result is " << addUp(jobs, monitor) << '\n';
+    return 0;
+}
+
 }
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     unsigned jobs = 3;
-    CLI::App app("Holds a worker at a point of its work and looks at its values.");
+    CLI::App app("Holds a worker at a point of its work and looks at its values.", "stop_and_look");
     app.add_option("--jobs", jobs, "How many jobs to look at")->capture_default_str();
-    try
-    {
-        app.parse(argc, argv);
-        CodeMonitor monitor("addUp");
-        for (unsigned job = 1; job <= jobs; ++job)
-        {
-            if (!lookAtJob(job, monitor))
-            {
-                std::cerr << "The worker did not come to the barrier.\n";
-                return 1;
-            }
-        }
-        std::cout << "open barrier: the result is " << addUp(jobs, monitor) << '\n';
-        return 0;
-    }
-    catch (CLI::CallForHelp const& help)
-    {
-        return app.exit(help);
-    }
-    catch (CLI::ParseError const& error)
-    {
-        std::cerr << "stop_and_look: " << error.what() << '\n';
-        return 2;
-    }
-    catch (std::exception const& exception)
-    {
-        std::cerr << "stop_and_look: " << exception.what() << '\n';
-        return 1;
-    }
+    return runProgram(app, argc, argv, [&] { return look(jobs); });
 }

@@ -178,6 +178,34 @@ TEST_F(AddressesTest, GivesUpAtAnAddressThatCannotBeFollowed)
         });
 }
 
+TEST_F(AddressesTest, SaysThatEventsWereLost)
+{
+    inNetworkNamespace(
+        []
+        {
+            NetworkControl control;
+            Addresses sut({"--watch"});
+            EXPECT_EQ(sut.line(), "+ 127.0.0.1 lo");
+            EXPECT_EQ(sut.line(), "+ ::1 lo");
+
+            sut.send(SIGSTOP);
+            for (int i = 0; i < 1000; ++i)
+            {
+                control.addAddress("lo", "10.1." + std::to_string(i / 250) + '.' + std::to_string(i % 250 + 1));
+            }
+            sut.send(SIGCONT);
+            std::string line = sut.line();
+            while (line.rfind("+ ", 0) == 0)
+            {
+                line = sut.line();
+            }
+
+            EXPECT_EQ(line, "! events were lost: what follows may be incomplete; start again");
+            sut.send(SIGINT);
+            EXPECT_EQ(sut.status(), 0);
+        });
+}
+
 TEST_F(AddressesTest, HelpAndBadOptionsAreAnswered)
 {
     Addresses help({"--help"});
