@@ -26,6 +26,5 @@ extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    return reinterpret_cast<int (*)(int, unsigned long, ...)>(Halden::Tavro::TestSupport::systemSymbol("ioctl"))(
-        descriptor, request, argument);
+    return Halden::Tavro::TestSupport::systemFunction<decltype(&ioctl)>("ioctl")(descriptor, request, argument);
 }

@@ -1,8 +1,8 @@
 #include "net/FakeNetlink.h"
 
 #include "net/NetlinkMessages.h"
+#include "support/CallDouble.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <poll.h>
@@ -206,12 +206,6 @@ bool isActive()
 
 /// Others sleep as well, but have not polled the socket before.
 thread_local bool isReceiver = false;
-
-template <typename Function>
-Function systemFunction(char const* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 template <typename... Values>
 std::string text(Values const&... values)

@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <ifaddrs.h>
 #include <linux/futex.h>
 #include <netdb.h>
@@ -51,6 +50,7 @@ using TestSupport::isLine;
 using TestSupport::LogCapture;
 using TestSupport::LogLine;
 using TestSupport::SteadyClockDouble;
+using TestSupport::systemFunction;
 using namespace std::chrono_literals;
 
 constexpr int firstSocket = 4711; // neither this nor what follows is a descriptor of the process
@@ -97,12 +97,6 @@ struct KernelTime
 };
 
 std::function<void(KernelTime const&)> onTimedSleep; // set while no other thread runs
-
-template <typename Function>
-Function systemFunction(char const* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 }
 

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+using Halden::Tavro::TestSupport::systemFunction;
+
 namespace
 {
 
@@ -27,12 +29,6 @@ Sleep current;              // guarded by mutex
 std::function<void()> hook; // guarded by mutex
 std::atomic<std::size_t> sleeps{0};
 std::atomic<std::size_t> broadcasts{0};
-
-template <typename Function>
-Function* systemFunction(char const* name)
-{
-    return reinterpret_cast<Function*>(Halden::Tavro::TestSupport::systemSymbol(name));
-}
 
 /// In seconds, for an endless sleep does not fit nanoseconds.
 double timeLeft(timespec const& until)
@@ -54,7 +50,7 @@ pthread_mutex_t* sleeper(std::chrono::duration<double> atLeast)
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* released, clockid_t clock,
                                       timespec const* until)
 {
-    static auto* const system = systemFunction<decltype(pthread_cond_clockwait)>("pthread_cond_clockwait");
+    static auto* const system = systemFunction<decltype(&pthread_cond_clockwait)>("pthread_cond_clockwait");
     std::function<void()> called;
     {
         std::lock_guard const lock(mutex);
@@ -77,7 +73,7 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
 
 extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
 {
-    static auto* const system = systemFunction<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
+    static auto* const system = systemFunction<decltype(&pthread_cond_broadcast)>("pthread_cond_broadcast");
     {
         std::lock_guard const lock(mutex);
         if (current.condition == condition)

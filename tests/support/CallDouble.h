@@ -32,6 +32,13 @@ inline void* systemSymbol(std::string const& name)
     return dlsym(RTLD_NEXT, name.c_str());
 }
 
+/// The same as a pointer to a function.
+template <typename Function>
+Function systemFunction(char const* name)
+{
+    return reinterpret_cast<Function>(systemSymbol(name));
+}
+
 template <typename Signature>
 class CallDouble;
 
@@ -108,10 +115,7 @@ public:
     }
 
     /// Calls the system's function.
-    Result passOn(Arguments... arguments) const
-    {
-        return reinterpret_cast<Result (*)(Arguments...)>(systemSymbol(name))(arguments...);
-    }
+    Result passOn(Arguments... arguments) const { return systemFunction<Result (*)(Arguments...)>(name)(arguments...); }
 
 private:
     struct State

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/rtc.h>
 #include <sys/ioctl.h>
@@ -47,6 +48,7 @@ using TestSupport::CallDouble;
 using TestSupport::isLine;
 using TestSupport::LogCapture;
 using TestSupport::LogLine;
+using TestSupport::systemFunction;
 using TestSupport::waitFor;
 namespace SchedulerSleep = TestSupport::SchedulerSleep;
 using namespace std::chrono_literals;
@@ -76,12 +78,6 @@ CallDouble<ssize_t(int, void*, size_t)> readDouble{"read"};
 #endif
 using FileStatus = struct stat64;
 CallDouble<int(char const*, FileStatus*)> statDouble{STAT_OF_LIBRARY};
-
-template <typename Function>
-Function systemFunction(char const* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 bool isDevice(char const* path)
 {
@@ -165,7 +161,8 @@ extern "C"
     int statOfLibrary(char const* path, FileStatus* result) noexcept
     {
         return isDevice(path) ? statDouble(path, result)
-                              : systemFunction<int (*)(char const*, FileStatus*)>(STAT_OF_LIBRARY)(path, result);
+                              : reinterpret_cast<int (*)(char const*, FileStatus*)>(dlsym(RTLD_NEXT, STAT_OF_LIBRARY))(
+                                    path, result);
     }
 }
 
