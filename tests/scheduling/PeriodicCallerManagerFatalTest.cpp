@@ -63,6 +63,7 @@ int failScheduler(AllocationFailure failure)
 {
     Log::LoggerProxy::instance().setSink(std::make_shared<PrintingSink>());
     auto const manager = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
+    SchedulerSleep::await(); // a request just before the sleep would get lost
     Token const token = manager->add([failure] { failNextAllocation(failure); }, 1ms);
     std::this_thread::sleep_for(1h);
     return 0;
@@ -93,6 +94,7 @@ int destroyLastTokenInsideItsFunction(Strategy strategy)
 {
     std::promise<Token> handed;
     auto manager = std::make_shared<PeriodicCallerManager>(strategy, "sensors");
+    SchedulerSleep::await();
     Token token = manager->add(
         [&handed]
         {

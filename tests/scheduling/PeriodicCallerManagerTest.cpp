@@ -934,7 +934,7 @@ TEST_P(PeriodicCallerManagerStrategyTest, TokenWaitsForItsRunningFunctionWhichIs
     held.release();
 
     EXPECT_TRUE(finishedFirst.get());
-    Token other = sut->add([&others] { ++others; }, 20ms);
+    Token other = addAsleep(*sut, [&others] { ++others; }, 20ms);
     EXPECT_TRUE(hasBecome(others, 5));
     EXPECT_EQ(held.count(), 1);
     end(other);
@@ -959,7 +959,7 @@ TEST_P(PeriodicCallerManagerStrategyTest, TokenMayBeDestroyedInsideItsOwnFunctio
 
     EXPECT_EQ(ranOn.get_future().wait_for(10s), std::future_status::ready);
     EXPECT_EQ(log.count(trace("~remove: removed one, now has 0 items")), 1);
-    Token other = sut->add([&others] { ++others; }, 20ms);
+    Token other = addAsleep(*sut, [&others] { ++others; }, 20ms);
     EXPECT_TRUE(hasBecome(others, 5));
     EXPECT_EQ(calls, 1);
     end(other);
