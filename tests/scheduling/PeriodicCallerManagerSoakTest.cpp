@@ -56,9 +56,9 @@ TEST_P(PeriodicCallerManagerSoakTest, HundredAddsAndRemovesASecondBesideRunningF
         token.reset();
     }
     auto const elapsed = std::chrono::steady_clock::now() - begin;
-    SchedulerSleep::await(5ms);
+    SchedulerSleep::await(10ms);
     steadyTwenty.reset();
-    SchedulerSleep::await(5ms);
+    SchedulerSleep::await(30ms);
     steadyFifty.reset();
     SchedulerSleep::await();
 

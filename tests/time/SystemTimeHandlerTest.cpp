@@ -1030,7 +1030,7 @@ public:
 
     ~DrivenManager() override
     {
-        SchedulerSleep::await(5ms);
+        SchedulerSleep::await(50ms);
         idle.reset();
         SchedulerSleep::await();
     }
@@ -1090,6 +1090,13 @@ class SystemTimeHandlerOnManagerTest : public SystemTimeHandlerTest,
                                        public testing::WithParamInterface<PeriodicCallerManager::ExecutionStrategy>
 {
 protected:
+    SystemTimeHandlerOnManagerTest()
+    {
+        // Should the end of the idle function be held up until it is due again.
+        log.expect(isLine(Severity::Warning, "Halden::Tavro::Utils::PcmItem",
+                          std::string("Execution of PCM item is forbidden")));
+    }
+
     std::shared_ptr<DrivenManager> driven = std::make_shared<DrivenManager>(GetParam());
     std::unique_ptr<SystemTimeHandler> handler = std::make_unique<SystemTimeHandler>(driven);
 };
