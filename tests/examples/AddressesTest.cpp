@@ -1,18 +1,12 @@
 // Runs the example in a network namespace, where nobody else changes addresses.
 
 #include "support/NetworkNamespace.h"
-#include "support/WaitFor.h"
+#include "support/RunningProgram.h"
 
 #include <gmock/gmock.h>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -26,85 +20,14 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 using namespace TestSupport;
-using namespace std::chrono_literals;
 
-/// The example, started in the calling thread's network namespace. Both its outputs come as one.
-class Addresses
+class Addresses : public RunningProgram
 {
 public:
-    explicit Addresses(std::vector<std::string> arguments)
+    explicit Addresses(std::vector<std::string> const& arguments)
+        : RunningProgram(ADDRESSES, arguments)
     {
-        arguments.insert(arguments.begin(), ADDRESSES);
-        std::vector<char*> pointers;
-        for (auto& argument : arguments)
-        {
-            pointers.push_back(argument.data());
-        }
-        pointers.push_back(nullptr);
-        std::array<int, 2> ends{};
-        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-        child = fork();
-        if (child == 0)
-        {
-            dup2(ends[1], STDOUT_FILENO);
-            dup2(ends[1], STDERR_FILENO);
-            execv(ADDRESSES, pointers.data());
-            _exit(127);
-        }
-        close(ends[1]);
-        output = ends[0];
     }
-
-    ~Addresses()
-    {
-        close(output);
-        if (child > 0)
-        {
-            kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
-        }
-    }
-
-    Addresses(Addresses const&) = delete;
-    Addresses& operator=(Addresses const&) = delete;
-
-    /// The next line, or what has come of it when the output ends or 10 s have passed.
-    std::string line()
-    {
-        auto const deadline = std::chrono::steady_clock::now() + 10s;
-        std::string text;
-        for (char letter = 0; std::chrono::steady_clock::now() < deadline;)
-        {
-            pollfd polled{output, POLLIN, 0};
-            if (poll(&polled, 1, 100) <= 0)
-            {
-                continue;
-            }
-            if (read(output, &letter, 1) != 1 || letter == '\n')
-            {
-                break;
-            }
-            text += letter;
-        }
-        return text;
-    }
-
-    void send(int signalNumber) const { kill(child, signalNumber); }
-
-    /// @return the exit status, once the program has ended; -1 when a signal has ended it
-    int status()
-    {
-        int result = 0;
-        pid_t ended = 0;
-        waitFor([&] { return (ended = waitpid(child, &result, WNOHANG)) != 0; });
-        EXPECT_EQ(ended, child);
-        child = ended == child ? -1 : child;
-        return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
-    }
-
-private:
-    pid_t child{-1};
-    int output{-1};
 };
 
 class AddressesTest : public testing::Test

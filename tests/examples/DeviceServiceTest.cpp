@@ -1,6 +1,6 @@
 #include "support/ChildProcess.h"
 #include "support/NetworkNamespace.h"
-#include "support/WaitFor.h"
+#include "support/RunningProgram.h"
 
 #include <gmock/gmock.h>
 
@@ -19,7 +19,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace
@@ -28,7 +27,6 @@ namespace
 using namespace std::chrono_literals;
 using namespace testing;
 using namespace Halden::Tavro::TestSupport;
-using std::chrono::steady_clock;
 
 /// Runs the service as a user does. Both its outputs come back as one text.
 ChildResult runService(std::vector<std::string> arguments)
@@ -213,30 +211,13 @@ TEST_F(DeviceServiceTest, StopsCleanlyAtEitherSignal)
 {
     for (int const signalNumber : {SIGINT, SIGTERM})
     {
-        auto const start = steady_clock::now();
+        RunningProgram sut(DEVICE_SERVICE, {"--seconds", "600"});
+        EXPECT_TRUE(sut.showsLineWith("| upload "));
 
-        auto const result = runInChild(
-            [signalNumber]
-            {
-                // Sent to the service, which takes over this process, once its first status line is due.
-                pid_t const service = getpid();
-                if (fork() == 0)
-                {
-                    close(STDOUT_FILENO);
-                    close(STDERR_FILENO);
-                    std::this_thread::sleep_for(2s);
-                    kill(service, signalNumber);
-                    _exit(0);
-                }
-                execl(DEVICE_SERVICE, DEVICE_SERVICE, "--seconds", "600", nullptr);
-                return 127;
-            },
-            60s);
+        sut.send(signalNumber);
 
-        EXPECT_LT(steady_clock::now() - start, 60s);
-        EXPECT_FALSE(result.timedOut);
-        EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
-        EXPECT_THAT(runsIn(result.output), hasEachFunctionWithRuns()) << result.output;
+        EXPECT_EQ(sut.status(), 0);
+        EXPECT_THAT(runsIn(sut.wholeOutput()), hasEachFunctionWithRuns()) << sut.wholeOutput();
     }
 }
 
@@ -246,36 +227,24 @@ TEST_F(DeviceServiceTest, ShowsTheAddressesAndTheirChangesAndEndsEvenIfTheyCanno
     {
         GTEST_SKIP() << *refusal;
     }
-    ChildResult result;
     inNetworkNamespace(
-        [&result]
+        []
         {
-            NetworkControl().addAddress("lo", "10.0.0.1");
-            result = runInChild(
-                []
-                {
-                    // Changes what the service, which takes over this process, shows in its first lines.
-                    if (fork() == 0)
-                    {
-                        close(STDOUT_FILENO);
-                        close(STDERR_FILENO);
-                        std::this_thread::sleep_for(1500ms);
-                        NetworkControl().addAddress("lo", "10.0.0.2");
-                        std::this_thread::sleep_for(2s);
-                        NetworkControl().addAddress("lo", "fd00::1"); // reported without IFA_LOCAL
-                        _exit(0);
-                    }
-                    execl(DEVICE_SERVICE, DEVICE_SERVICE, "--seconds", "6", nullptr);
-                    return 127;
-                },
-                60s);
-        });
+            NetworkControl control;
+            control.addAddress("lo", "10.0.0.1");
+            RunningProgram sut(DEVICE_SERVICE, {"--seconds", "600"});
 
-    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("| addresses 10.0.0.1 |"));
-    EXPECT_THAT(result.output, HasSubstr("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2 |"));
-    EXPECT_THAT(result.output, HasSubstr("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2, no longer followed |"));
-    EXPECT_EQ(countOf(result.output, "processAllNetlinkMessages: ignoring exception"), 1);
+            EXPECT_TRUE(sut.showsLineWith("| addresses 10.0.0.1 |"));
+            control.addAddress("lo", "10.0.0.2");
+            EXPECT_TRUE(sut.showsLineWith("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2 |"));
+            control.addAddress("lo", "fd00::1"); // reported without IFA_LOCAL
+            EXPECT_TRUE(
+                sut.showsLineWith("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2, no longer followed |"));
+            sut.send(SIGTERM);
+
+            EXPECT_EQ(sut.status(), 0);
+            EXPECT_EQ(countOf(sut.wholeOutput(), "processAllNetlinkMessages: ignoring exception"), 1);
+        });
 }
 
 TEST_F(DeviceServiceTest, SaysNothingOfTheSocketThatItClosesInTheEnd)
