@@ -47,7 +47,7 @@ ChildResult runService(std::vector<std::string> arguments)
 /// The runs of each function, as the table has them.
 std::map<std::string, int> runsIn(std::string const& output)
 {
-    std::regex const row(R"(^([a-z]+) +(\d+) +(\d+) +(\d+)((?: +(?:\d+\.\d\d|-)){5})$)");
+    std::regex const row(R"(^([a-z]+) +(\d+) +(\d+) +(\d+)((?: +(?:-?\d+\.\d\d|-)){5})$)");
     std::map<std::string, int> runs;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);)
