@@ -1,12 +1,12 @@
 #include <utils/IpAddress.h>
 
-#include "log/Log.h"
+#include "log/LogErrno.h"
 #include "net/AddrinfoList.h"
+#include "net/IpFamily.h"
 
 #include <arpa/inet.h>
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <stdexcept>
 
@@ -15,11 +15,6 @@ namespace Halden::Tavro::Utils
 
 namespace
 {
-
-bool isSupported(int family)
-{
-    return family == AF_INET || family == AF_INET6;
-}
 
 /// The socket address, with zeros behind it.
 ///
@@ -48,7 +43,7 @@ sockaddr_storage stored(sockaddr const* address)
 IpAddress::IpAddress(::sockaddr const* address)
     : addr(stored(address))
 {
-    if (!isSupported(addr.ss_family))
+    if (!isIp(addr.ss_family))
     {
         TAVRO_LOG(Log::Severity::Error, "IpAddress ctor got unsupported AI_FAMILY");
         throw std::invalid_argument("Invalid IP address family");
@@ -70,7 +65,7 @@ IpAddress IpAddress::fromString(std::string const& text)
     AddrinfoList list(found);
     for (addrinfo const* entry = list.get(); entry != nullptr; entry = entry->ai_next)
     {
-        if (isSupported(entry->ai_family))
+        if (isIp(entry->ai_family))
         {
             return IpAddress(entry->ai_addr);
         }
@@ -93,7 +88,7 @@ IpAddress IpAddress::fromSockaddr(::sockaddr const* address)
 
 std::string IpAddress::string() const
 {
-    if (!isSupported(addr.ss_family))
+    if (!isIp(addr.ss_family))
     {
         TAVRO_LOG(Log::Severity::Error, "Neither IPv4 nor IPv6: cannot convert to string");
         throw std::runtime_error("IP address is neither v4 nor v6: don't now how to convert it to string");
@@ -103,8 +98,7 @@ std::string IpAddress::string() const
     std::array<char, INET6_ADDRSTRLEN> text{};
     if (inet_ntop(addr.ss_family, bytes, text.data(), text.size()) == nullptr)
     {
-        int const error = errno;
-        TAVRO_LOG(Log::Severity::Error, "inet_ntop failed with errno %d (%s)", error, strerror(error));
+        TAVRO_LOG_ERRNO("inet_ntop failed with errno %d (%s)");
         throw std::runtime_error("IP address conversion to string failed.");
     }
     return text.data();

@@ -1,6 +1,7 @@
 #include <utils/LocalIps.h>
 
-#include "log/Log.h"
+#include "log/LogErrno.h"
+#include "net/IpFamily.h"
 
 #include <fcntl.h>
 #include <ifaddrs.h>
@@ -47,11 +48,6 @@ void copyAddress(sockaddr_storage& storage, std::size_t offset, char const* byte
     std::memcpy(reinterpret_cast<char*>(&storage) + offset, bytes, std::min(length, sizeof(storage) - offset));
 }
 
-bool isIp(sockaddr const& address)
-{
-    return address.sa_family == AF_INET || address.sa_family == AF_INET6;
-}
-
 }
 
 LocalIps::LocalIps(std::function<void(IpAddress const&)> onNewAddress,
@@ -94,9 +90,7 @@ void LocalIps::openNetlinkRouteSocket()
     netlinkSocket = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
     if (netlinkSocket < 0)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "Couldn't open NETLINK_ROUTE socket, errno=%d (%s)", error,
-                     strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "Couldn't open NETLINK_ROUTE socket, errno=%d (%s)");
         throw std::runtime_error("Failed to open NETLINK_ROUTE socket.");
     }
 
@@ -105,16 +99,12 @@ void LocalIps::openNetlinkRouteSocket()
     address.nl_groups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
     if (bind(netlinkSocket, reinterpret_cast<sockaddr const*>(&address), sizeof(address)) < 0)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "Failed to bind to NETLINK_ROUTE socket, errno=%d (%s)", error,
-                     strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "Failed to bind to NETLINK_ROUTE socket, errno=%d (%s)");
         throw std::runtime_error("Failed to bind to NETLINK_ROUTE socket."); // kept: the descriptor stays open
     }
     if (fcntl(netlinkSocket, F_SETFL, O_NONBLOCK) < 0)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "Failed to set the socket as O_NONBLOCK, fcntl set errno to %d(%s)",
-                     error, strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "Failed to set the socket as O_NONBLOCK, fcntl set errno to %d(%s)");
         throw std::runtime_error("Failed to configure the NETLINK_ROUTE socket.");
     }
 }
@@ -270,8 +260,7 @@ void LocalIps::receiveOnce()
     }
     if (ready < 0)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "poll failed with %d(%s)", error, strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "poll failed with %d(%s)");
         reportReceiveError(); // kept: then receives all the same
     }
 
@@ -313,14 +302,12 @@ void LocalIps::initialAddrList()
     ifaddrs* list = nullptr; // kept: never freed
     if (getifaddrs(&list) == -1)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "initialAddrList: getifaddrs failed with %d(%s)", error,
-                     strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "initialAddrList: getifaddrs failed with %d(%s)");
         throw std::runtime_error("Failed to get initial list of IP addresses.");
     }
     for (ifaddrs const* entry = list; entry != nullptr; entry = entry->ifa_next)
     {
-        if (entry->ifa_addr != nullptr && isIp(*entry->ifa_addr))
+        if (entry->ifa_addr != nullptr && isIp(entry->ifa_addr->sa_family))
         {
             handleNewAddress(IpAddress::fromSockaddr(entry->ifa_addr));
         }

@@ -1,10 +1,11 @@
 #include <utils/Route.h>
 
-#include "log/Log.h"
+#include "log/LogErrno.h"
 #include "net/AddrinfoList.h"
+#include "net/IfaddrsList.h"
+#include "net/IpFamily.h"
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,11 +18,6 @@ namespace Halden::Tavro::Utils::Ip
 
 namespace
 {
-
-struct FreeIfaddrs
-{
-    void operator()(ifaddrs* list) const { freeifaddrs(list); }
-};
 
 AddrinfoList resolve(std::string const& remote)
 {
@@ -68,20 +64,15 @@ std::string lastInterfaceWith(IpAddress const& ip)
     ifaddrs* found = nullptr;
     if (getifaddrs(&found) == -1)
     {
-        int const error = errno;
-        TAVRO_LOG(Log::Severity::Error, "networkIfcNameForIp: getifaddrs failed with %d(%s)", error, strerror(error));
+        TAVRO_LOG_ERRNO("networkIfcNameForIp: getifaddrs failed with %d(%s)");
         throw std::runtime_error("Failed to get details about IP address");
     }
-    std::unique_ptr<ifaddrs, FreeIfaddrs> const list(found);
+    IfaddrsList const list(found);
     std::string name;
     for (ifaddrs const* entry = list.get(); entry != nullptr; entry = entry->ifa_next)
     {
         sockaddr const* const address = entry->ifa_addr;
-        if (address == nullptr || (address->sa_family != AF_INET && address->sa_family != AF_INET6))
-        {
-            continue;
-        }
-        if (IpAddress::fromSockaddr(address) == ip)
+        if (address != nullptr && isIp(address->sa_family) && IpAddress::fromSockaddr(address) == ip)
         {
             name = entry->ifa_name; // kept: a later one replaces it
         }

@@ -168,16 +168,17 @@ std::string joined(std::string const& literals)
     return std::regex_replace(std::regex_replace(result, std::regex(R"(\\n)"), "\n"), std::regex(R"(\\")"), "\"");
 }
 
-/// The formats with values in the log calls of one source file.
+/// The formats with values in the log calls of one source file; errno is a value that needs no other beside it.
 std::vector<std::string> formatsIn(std::filesystem::path const& source)
 {
     std::ifstream file(source);
     std::string const text(std::istreambuf_iterator<char>(file), {});
-    std::regex const call(R"re(TAVRO_LOG(?:_TO)?\([^";]*((?:"(?:[^"\\]|\\.)*"\s*)+),)re");
+    std::regex const call(R"re(TAVRO_LOG(?:(?:_TO)?\([^";]*((?:"(?:[^"\\]|\\.)*"\s*)+),)re"
+                          R"re(|_ERRNO(?:_TO)?\([^";]*((?:"(?:[^"\\]|\\.)*"\s*)+)))re");
     std::vector<std::string> formats;
     for (std::sregex_iterator it(text.begin(), text.end(), call), end; it != end; ++it)
     {
-        formats.push_back(joined((*it)[1]));
+        formats.push_back(joined((*it)[1].matched ? (*it)[1] : (*it)[2]));
     }
     return formats;
 }
