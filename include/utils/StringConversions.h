@@ -9,7 +9,8 @@ namespace Halden::Tavro::Utils
 {
 
 /// The number at the start of the text, which may begin with blanks and a plus sign. A prefix 0x or 0X selects
-/// hexadecimal, a leading 0 octal. What follows the number is ignored.
+/// hexadecimal, a leading 0 octal. What follows the number is ignored: "12abc" is 12, "0x" and "0b1" are 0. Neither the
+/// locale nor the C library makes a difference.
 ///
 /// Only a minus sign at the very start is refused: behind blanks it negates the value modulo 2^64.
 ///

@@ -1,12 +1,63 @@
 #include <utils/StringConversions.h>
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <stdexcept>
+#include <system_error>
 
 namespace Halden::Tavro::Utils
 {
+
+namespace
+{
+
+struct Number
+{
+    bool negative{false};
+    std::uint64_t magnitude{0};
+};
+
+bool startsHexadecimal(char const* text)
+{
+    return text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+           std::isxdigit(static_cast<unsigned char>(text[2])) != 0;
+}
+
+/// What strtoull(3) of base 0 reads in the C locale, with the exceptions of std::stoull. Not by that function: some C
+/// libraries read "0b1" as a binary number, others as 0.
+///
+/// @param function the exceptions' text
+Number readNumber(std::string const& text, char const* function)
+{
+    char const* digits = text.c_str() + std::strspn(text.c_str(), " \t\n\v\f\r");
+    Number number{*digits == '-'};
+    if (*digits == '-' || *digits == '+')
+    {
+        ++digits;
+    }
+    int base = *digits == '0' ? 8 : 10;
+    if (startsHexadecimal(digits))
+    {
+        base = 16;
+        digits += 2;
+    }
+    auto const error = std::from_chars(digits, text.c_str() + text.size(), number.magnitude, base).ec;
+    if (error == std::errc::invalid_argument)
+    {
+        throw std::invalid_argument(function);
+    }
+    if (error == std::errc::result_out_of_range)
+    {
+        throw std::out_of_range(function);
+    }
+    return number;
+}
+
+}
 
 std::uint64_t to_uint64(std::string const& text)
 {
@@ -14,11 +65,12 @@ std::uint64_t to_uint64(std::string const& text)
     {
         throw std::invalid_argument("Cannot convert empty string to uint64");
     }
-    if (text.front() == '-') // kept: the very first character only
+    if (text.front() == '-') // kept: behind blanks it passes and wraps; services may hand over such texts
     {
         throw std::invalid_argument("Cannot convert negative value to uint64");
     }
-    return std::stoull(text, nullptr, 0);
+    auto const [negative, magnitude] = readNumber(text, "stoull");
+    return negative ? 0 - magnitude : magnitude;
 }
 
 std::uint8_t to_uint8(std::string const& text)
@@ -27,16 +79,21 @@ std::uint8_t to_uint8(std::string const& text)
     {
         throw std::invalid_argument("Cannot convert empty string to uint8");
     }
-    int const value = std::stoi(text, nullptr, 0);
-    if (value < 0)
+    auto const [negative, magnitude] = readNumber(text, "stoi");
+    std::uint64_t const greatestInt = std::numeric_limits<int>::max();
+    if (magnitude > greatestInt + (negative ? 1 : 0))
+    {
+        throw std::out_of_range("stoi");
+    }
+    if (negative && magnitude > 0)
     {
         throw std::invalid_argument("Cannot convert negative values to uint8");
     }
-    if (value > std::numeric_limits<std::uint8_t>::max())
+    if (magnitude > std::numeric_limits<std::uint8_t>::max())
     {
         throw std::overflow_error("The provided string overflows uint8");
     }
-    return static_cast<std::uint8_t>(value);
+    return static_cast<std::uint8_t>(magnitude);
 }
 
 std::string mismatchString(std::string const& a, std::string const& b)

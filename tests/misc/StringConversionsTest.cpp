@@ -12,11 +12,13 @@
 #include <string>
 #include <vector>
 
-using namespace Halden::Tavro::Utils;
-using namespace testing;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using testing::PrintToString;
 
 /// The value, or the type and text of the exception.
 std::string outcomeOf(std::function<unsigned long long()> const& conversion)
@@ -49,9 +51,20 @@ std::string toUint8(std::string const& text)
     return outcomeOf([&] { return to_uint8(text); });
 }
 
-/// What the C library makes of the text, in the same form.
-std::string expectedUint64(std::string const& text)
+/// The text less a B behind its leading 0, and all that follows. Some C libraries would take them for a binary number;
+/// what is left means the same to all.
+std::string withoutBinaryNumber(std::string const& text)
 {
+    auto const prefix = text.find('0');
+    bool const leading = prefix <= text.find_first_not_of(" \t\n\v\f\r+-");
+    bool const binary = leading && prefix + 1 < text.size() && (text[prefix + 1] == 'b' || text[prefix + 1] == 'B');
+    return binary ? text.substr(0, prefix + 1) : text;
+}
+
+/// What the C library makes of the text, in the same form.
+std::string expectedUint64(std::string const& whole)
+{
+    auto const text = withoutBinaryNumber(whole);
     if (text.empty() || text[0] == '-')
     {
         return text.empty() ? "invalid_argument Cannot convert empty string to uint64"
@@ -67,8 +80,9 @@ std::string expectedUint64(std::string const& text)
     return errno == ERANGE ? "out_of_range stoull" : std::to_string(value);
 }
 
-std::string expectedUint8(std::string const& text)
+std::string expectedUint8(std::string const& whole)
 {
+    auto const text = withoutBinaryNumber(whole);
     if (text.empty())
     {
         return "invalid_argument Cannot convert empty string to uint8";
@@ -99,7 +113,7 @@ public:
     {
         std::string text = oneOf({"", "", "", " ", "\t\n", "  \v"});
         text += oneOf({"", "", "", "+", "-", "+-"});
-        text += oneOf({"", "", "0x", "0X", "0", "00"});
+        text += oneOf({"", "", "0x", "0X", "0b", "0B", "0", "00"});
         auto const digits = oneOf({"0123456789", "0123456789", "01234567", "0123456789abcdefABCDEF", "01"});
         for (int count = upTo(1) == 0 ? upTo(3) : upTo(22); count > 0; --count)
         {
@@ -156,6 +170,7 @@ TEST(StringConversionsTest, ToUint64RefusesALeadingMinusSign)
     EXPECT_EQ(toUint64("-"), "invalid_argument Cannot convert negative value to uint64");
 }
 
+// kept: only the very first character is looked at
 TEST(StringConversionsTest, ToUint64WrapsANegativeValueBehindBlanks)
 {
     EXPECT_EQ(to_uint64(" -1"), 18446744073709551615ULL);
@@ -176,6 +191,46 @@ TEST(StringConversionsTest, ToUint64IgnoresTrailingCharacters)
     EXPECT_EQ(to_uint64("089"), 0U);
 }
 
+TEST(StringConversionsTest, ToUint64KnowsNoBinaryNumbers)
+{
+    EXPECT_EQ(to_uint64("0b1"), 0U);
+    EXPECT_EQ(to_uint64("0B1C"), 0U);
+    EXPECT_EQ(to_uint64(" +0b11"), 0U);
+    EXPECT_EQ(to_uint64("0x0b1"), 177U);
+}
+
+TEST(StringConversionsTest, ToUint64ReadsAPrefixWithoutHexadecimalDigitsAsZero)
+{
+    EXPECT_EQ(to_uint64("0x"), 0U);
+    EXPECT_EQ(to_uint64("0X-1"), 0U);
+    EXPECT_EQ(to_uint64("0x 1"), 0U);
+    EXPECT_EQ(to_uint64("0x0x1"), 0U);
+}
+
+TEST(StringConversionsTest, ToUint64SkipsTheSixBlanksOfAsciiAndNothingElse)
+{
+    for (int code = 0; code < 256; ++code)
+    {
+        char const character = static_cast<char>(code);
+        bool const isBlank = std::string(" \t\n\v\f\r").find(character) != std::string::npos;
+        bool const isSignOrDigit = std::string("+-0123456789").find(character) != std::string::npos;
+        if (!isSignOrDigit)
+        {
+            EXPECT_EQ(toUint64(std::string(1, character) + "5"), isBlank ? "5" : "invalid_argument stoull") << code;
+        }
+    }
+}
+
+TEST(StringConversionsTest, ToUint64EndsAtANul)
+{
+    std::string const nul(1, '\0');
+
+    EXPECT_EQ(to_uint64("1" + nul + "2"), 1U);
+    EXPECT_EQ(to_uint64("0x" + nul + "2"), 0U);
+    EXPECT_EQ(toUint64(" " + nul + "2"), "invalid_argument stoull");
+    EXPECT_EQ(toUint64("+" + nul + "2"), "invalid_argument stoull");
+}
+
 TEST(StringConversionsTest, ToUint64AgreesWithTheCLibrary)
 {
     TextGenerator generator;
@@ -183,6 +238,50 @@ TEST(StringConversionsTest, ToUint64AgreesWithTheCLibrary)
     {
         auto const text = generator.next();
         ASSERT_EQ(toUint64(text), expectedUint64(text)) << '"' << text << '"';
+    }
+}
+
+TEST(StringConversionsTest, BothAgreeWithTheCLibraryForAllShortTexts)
+{
+    std::vector<std::string> texts{""};
+    for (std::size_t i = 0; texts.size() < 54'241; ++i) // all texts of up to four of fifteen characters
+    {
+        for (char const last : std::string(" \n+-01789xXbBfg"))
+        {
+            texts.push_back(texts[i] + last);
+        }
+    }
+
+    for (auto const& text : texts)
+    {
+        ASSERT_EQ(toUint64(text), expectedUint64(text)) << PrintToString(text);
+        ASSERT_EQ(toUint8(text), expectedUint8(text)) << PrintToString(text);
+    }
+}
+
+/// The bounds of an unsigned long long and of an int in all bases, both signs, with many leading zeros, and each one's
+/// neighbours.
+TEST(StringConversionsTest, BothAgreeWithTheCLibraryAroundTheBounds)
+{
+    for (std::string const bound : {"184467440737095516", "0xFFFFFFFFFFFFFFF", "0x1000000000000000",
+                                    "0177777777777777777777", "020000000000000000000", "214748364", "0x7FFFFFF",
+                                    "0x8000000", "0177777777", "02000000000", "25", "0xF", "0x10", "037", "040"})
+    {
+        for (std::string const sign : {"", "+", " -", "-"})
+        {
+            for (char const last : std::string("0123456789ABCDEFabcdef"))
+            {
+                auto const text = sign + bound + last;
+                EXPECT_EQ(toUint64(text), expectedUint64(text)) << text;
+                EXPECT_EQ(toUint8(text), expectedUint8(text)) << text;
+            }
+        }
+    }
+    for (std::string const digits : {"1777777777777777777777", "2000000000000000000000", "7", "400"})
+    {
+        auto const text = std::string(200, '0') + digits;
+        EXPECT_EQ(toUint64(text), expectedUint64(text)) << text;
+        EXPECT_EQ(toUint8(text), expectedUint8(text)) << text;
     }
 }
 
@@ -234,6 +333,12 @@ TEST(StringConversionsTest, ToUint8RefusesATextWithoutDigits)
 TEST(StringConversionsTest, ToUint8IgnoresTrailingCharacters)
 {
     EXPECT_EQ(to_uint8("12abc"), 12);
+}
+
+TEST(StringConversionsTest, ToUint8KnowsNoBinaryNumbers)
+{
+    EXPECT_EQ(to_uint8("0b1"), 0);
+    EXPECT_EQ(to_uint8("-0B11"), 0);
 }
 
 TEST(StringConversionsTest, ToUint8AgreesWithTheCLibrary)
@@ -321,6 +426,8 @@ TEST(StringConversionsTest, FromCStringEndsAtTheFirstNul)
 {
     EXPECT_EQ(fromCString(""), "");
     EXPECT_EQ(fromCString("abc\0def"), "abc");
+}
+
 }
 
 }
