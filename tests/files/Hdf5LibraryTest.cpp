@@ -3,13 +3,13 @@
 #include "support/CallDouble.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
+#include "support/PrintingSink.h"
 
 #include <gmock/gmock.h>
 
 #include <H5Cpp.h>
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -19,7 +19,6 @@
 #include <filesystem>
 #include <functional>
 #include <future>
-#include <iostream>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -83,16 +82,6 @@ namespace
 
 constexpr char const* loggerName = "Halden::Tavro::Utils::Hdf5Library";
 
-/// Prints at once, so that nothing is lost at exit.
-class PrintingSink : public Log::LoggerImplIfc
-{
-public:
-    void write(Log::Record const& record) override
-    {
-        std::cout << static_cast<int>(record.severity) << " [" << record.logger << "] " << record.text << std::endl;
-    }
-};
-
 /// Each test needs the first instance() of a process, so it runs in a child.
 class Hdf5LibraryTest : public Test
 {
@@ -131,9 +120,9 @@ protected:
             {
                 Log::LoggerProxy::instance().setSink(std::make_shared<PrintingSink>());
                 Log::LoggerProxy::instance().setThreshold(Log::Severity::Trace);
-                std::atexit([] { std::cout << "end" << std::endl; });
+                std::atexit([] { print("end"); });
                 piece();
-                std::cout << "exit" << std::endl;
+                print("exit");
                 std::exit(HasFailure() ? 1 : 0);
             });
     }
@@ -290,7 +279,7 @@ void printCloses()
     h5Close().replace(
         []
         {
-            std::cout << "close" << std::endl;
+            print("close");
             return h5Close().passOn();
         });
 }

@@ -5,17 +5,16 @@
 #include "net/FakeNetlink.h"
 #include "net/NetlinkMessages.h"
 #include "support/ChildProcess.h"
+#include "support/PrintingSink.h"
 
 #include <gmock/gmock.h>
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <functional>
 #include <memory>
 #include <stdexcept>
-#include <string>
 
 namespace Halden::Tavro::Utils
 {
@@ -27,26 +26,6 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using namespace TestSupport;
-
-void print(std::string const& text)
-{
-    auto const line = text + "\n";
-    if (write(STDOUT_FILENO, line.data(), line.size()) < 0)
-    {
-        _exit(1);
-    }
-}
-
-/// Prints each record at once, as severity, logger and text.
-class PrintingSink : public Log::LoggerImplIfc
-{
-public:
-    void write(Log::Record const& record) override
-    {
-        print(std::to_string(static_cast<int>(record.severity)) + " [" + std::string(record.logger) + "] " +
-              std::string(record.text));
-    }
-};
 
 ChildResult inChild(std::function<void(FakeNetlink&)> const& piece)
 {

@@ -1,6 +1,7 @@
 #include "scheduling/FailingNew.h"
 #include "scheduling/SchedulerSleep.h"
 #include "support/ChildProcess.h"
+#include "support/PrintingSink.h"
 
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
@@ -8,15 +9,12 @@
 #include <gmock/gmock.h>
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <future>
 #include <memory>
-#include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -37,26 +35,6 @@ std::chrono::duration<double> longPeriod()
 {
     return std::chrono::steady_clock::now().time_since_epoch() / 2;
 }
-
-void print(std::string_view text)
-{
-    std::string const line = std::string(text) + "\n";
-    if (write(STDOUT_FILENO, line.data(), line.size()) < 0)
-    {
-        _exit(1);
-    }
-}
-
-/// Prints each record at once, as severity, logger and text.
-class PrintingSink : public Log::LoggerImplIfc
-{
-public:
-    void write(Log::Record const& record) override
-    {
-        print(std::to_string(static_cast<int>(record.severity)) + " [" + std::string(record.logger) + "] " +
-              std::string(record.text));
-    }
-};
 
 /// Lets the scheduler thread fail in its next pass. Sequential: the function runs on that thread.
 int failScheduler(AllocationFailure failure)
