@@ -15,7 +15,7 @@ extern "C" int adjtimex(timex* query) noexcept
     return TIME_ERROR;
 }
 
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
+extern "C" int ioctlOfTest(int descriptor, unsigned long request, ...) noexcept
 {
     if (request == RTC_RD_TIME)
     {
@@ -28,3 +28,4 @@ extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept
     va_end(arguments);
     return Halden::Tavro::TestSupport::systemFunction<decltype(&ioctl)>("ioctl")(descriptor, request, argument);
 }
+HALDEN_DOUBLE(ioctl, ioctlOfTest)

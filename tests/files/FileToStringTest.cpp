@@ -40,7 +40,7 @@ CallDouble<ssize_t(int, void*, size_t)> readDouble{"read"};
 extern "C"
 {
 
-    off64_t lseek64(int descriptor, off64_t offset, int whence) noexcept
+    off64_t lseekOfTest(int descriptor, off64_t offset, int whence) noexcept
     {
         return lseekDouble(descriptor, offset, whence);
     }
@@ -50,6 +50,7 @@ extern "C"
         return readDouble(descriptor, buffer, size);
     }
 }
+HALDEN_DOUBLE(lseek64, lseekOfTest)
 
 namespace
 {

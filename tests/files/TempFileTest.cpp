@@ -51,15 +51,10 @@ CallDouble<int(int)> closeDouble{"close"};
 
 }
 
-}
-
-using namespace Halden::Tavro::Utils;
-
-// Outside of the namespace, for only there do the headers' other names for wide offsets take hold.
 extern "C"
 {
 
-    int mkstemps(char* name, int suffixLength)
+    int mkstempsOfTest(char* name, int suffixLength)
     {
         return mkstempsDouble(name, suffixLength);
     }
@@ -69,9 +64,7 @@ extern "C"
         return descriptor == descriptorUnderTest ? closeDouble(descriptor) : closeDouble.passOn(descriptor);
     }
 }
-
-namespace Halden::Tavro::Utils
-{
+HALDEN_DOUBLE(mkstemps, mkstempsOfTest)
 
 namespace
 {

@@ -324,7 +324,7 @@ extern "C"
                                               std::hex, given.nl_groups, std::dec, ", length ", length, ")"));
     }
 
-    int fcntl(int descriptor, int command, ...)
+    int fcntlOfTest(int descriptor, int command, ...)
     {
         va_list arguments;
         va_start(arguments, command);
@@ -389,3 +389,4 @@ extern "C"
         systemFunction<void (*)(ifaddrs*)>("freeifaddrs")(list);
     }
 }
+HALDEN_DOUBLE(fcntl, fcntlOfTest)

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -19,16 +20,18 @@ namespace Halden::Tavro::TestSupport
 /// The system's function that a call of that name reaches.
 inline void* systemSymbol(std::string const& name)
 {
-#ifdef __USE_TIME_BITS64
-    // The headers give the functions that take a time, an offset or a file status other names, in one of these forms.
-    for (std::string const& wide : {"__" + name + "_time64", "___" + name + "64", "__" + name + "64", name + "64"})
+    // Where time_t is wider than a word, the headers give the functions that take a time, an offset or a file status
+    // other names, in one of these forms.
+    if constexpr (sizeof(std::time_t) > sizeof(long))
     {
-        if (void* const symbol = dlsym(RTLD_NEXT, wide.c_str()))
+        for (std::string const& wide : {"__" + name + "_time64", "___" + name + "64", "__" + name + "64", name + "64"})
         {
-            return symbol;
+            if (void* const symbol = dlsym(RTLD_NEXT, wide.c_str()))
+            {
+                return symbol;
+            }
         }
     }
-#endif
     return dlsym(RTLD_NEXT, name.c_str());
 }
 
@@ -49,6 +52,8 @@ class CallDouble;
 ///
 ///     CallDouble<int(int, int)> timerfdCreate{"timerfd_create"};
 ///     extern "C" int timerfd_create(int clock, int flags) noexcept { return timerfdCreate(clock, flags); }
+///
+/// Some functions have several names: those are defined by HALDEN_DOUBLE, see below.
 ///
 /// By default every call is counted, recorded and passed on. May be used from several threads, and by calls that come
 /// before the double's own initialisation or after everything is destroyed: it needs no initialisation and stays.
@@ -146,3 +151,42 @@ private:
 };
 
 }
+
+/// Lets a function of the test stand in for a function of the system that has more than one name.
+///
+/// Headers and compiler settings choose the name by which a call gets into the object file: open() becomes open64()
+/// where offsets have 64 bits, ioctl() becomes __ioctl_time64() where time_t has got 64 bits. They chose it for the
+/// library under test, for this program and, long before, for the C++ library; a double that has one name alone may
+/// never be called. So the function of the test gets a name that is only its own, and each of the system's by this:
+///
+///     extern "C" int openOfTest(char const* path, int flags, ...) { return openDouble(path, flags); }
+///     HALDEN_DOUBLE(open, openOfTest)
+///
+/// Below stand all the functions that need it, each with the names of one signature. A name in 64 stands for both where
+/// a word has 64 bits, and for the wide one alone where it has not.
+#define HALDEN_DOUBLE(name, function) HALDEN_DOUBLE_##name(function)
+
+#define HALDEN_DOUBLE_fcntl(function)                                                                                  \
+    HALDEN_NAME(function, fcntl) HALDEN_NAME(function, fcntl64) HALDEN_NAME(function, __fcntl_time64)
+#define HALDEN_DOUBLE_ioctl(function) HALDEN_NAME(function, ioctl) HALDEN_NAME(function, __ioctl_time64)
+#define HALDEN_DOUBLE_mkstemps(function) HALDEN_NAME(function, mkstemps) HALDEN_NAME(function, mkstemps64)
+#define HALDEN_DOUBLE_open(function) HALDEN_NAME(function, open) HALDEN_NAME(function, open64)
+#ifdef __LP64__
+#define HALDEN_DOUBLE_clock_gettime(function) HALDEN_NAME(function, clock_gettime)
+#define HALDEN_DOUBLE_lseek64(function) HALDEN_NAME(function, lseek) HALDEN_NAME(function, lseek64)
+#define HALDEN_DOUBLE_stat64(function) HALDEN_NAME(function, stat) HALDEN_NAME(function, stat64)
+#else
+#define HALDEN_DOUBLE_lseek64(function) HALDEN_NAME(function, lseek64)
+#ifdef __USE_TIME_BITS64
+#define HALDEN_DOUBLE_clock_gettime(function) HALDEN_NAME(function, __clock_gettime64)
+#define HALDEN_DOUBLE_stat64(function) HALDEN_NAME(function, __stat64_time64)
+#else
+#define HALDEN_DOUBLE_clock_gettime(function) HALDEN_NAME(function, clock_gettime)
+#define HALDEN_DOUBLE_stat64(function) HALDEN_NAME(function, stat64)
+#endif
+#endif
+
+/// One further name of a function with C linkage that this file defines.
+#define HALDEN_NAME(function, name)                                                                                    \
+    extern "C"                                                                                                         \
+        __attribute__((alias(#function), visibility("default"))) decltype(function) function##As_##name asm(#name);

@@ -69,15 +69,8 @@ CallDouble<int(int, int)> timerfdCreateDouble{"timerfd_create"};
 CallDouble<int(int, int, itimerspec const*, itimerspec*)> timerfdSettimeDouble{"timerfd_settime"};
 CallDouble<ssize_t(int, void*, size_t)> readDouble{"read"};
 
-// The C++ library's own call, whatever this program's calls are named. Of its result only the mode is looked at, which
-// all its forms have at the same place.
-#ifdef __LP64__
-#define STAT_OF_LIBRARY "stat"
-#else
-#define STAT_OF_LIBRARY "stat64"
-#endif
 using FileStatus = struct stat64;
-CallDouble<int(char const*, FileStatus*)> statDouble{STAT_OF_LIBRARY};
+CallDouble<int(char const*, FileStatus*)> statDouble{"stat64"};
 
 bool isDevice(char const* path)
 {
@@ -105,7 +98,7 @@ extern "C"
         return adjtimexDouble(query);
     }
 
-    int open(char const* path, int flags, ...)
+    int openOfTest(char const* path, int flags, ...)
     {
         mode_t mode = 0;
         if ((flags & (O_CREAT | O_TMPFILE)) != 0)
@@ -119,7 +112,7 @@ extern "C"
                               : systemFunction<int (*)(char const*, int, ...)>("open")(path, flags, mode);
     }
 
-    int ioctl(int descriptor, unsigned long request, ...) noexcept
+    int ioctlOfTest(int descriptor, unsigned long request, ...) noexcept
     {
         va_list arguments;
         va_start(arguments, request);
@@ -157,14 +150,14 @@ extern "C"
                    : systemFunction<ssize_t (*)(int, void*, size_t)>("read")(descriptor, buffer, size);
     }
 
-    int statOfLibrary(char const* path, FileStatus* result) noexcept asm(STAT_OF_LIBRARY);
-    int statOfLibrary(char const* path, FileStatus* result) noexcept
+    int statOfTest(char const* path, FileStatus* result) noexcept
     {
-        return isDevice(path) ? statDouble(path, result)
-                              : reinterpret_cast<int (*)(char const*, FileStatus*)>(dlsym(RTLD_NEXT, STAT_OF_LIBRARY))(
-                                    path, result);
+        return isDevice(path) ? statDouble(path, result) : statDouble.passOn(path, result);
     }
 }
+HALDEN_DOUBLE(open, openOfTest)
+HALDEN_DOUBLE(ioctl, ioctlOfTest)
+HALDEN_DOUBLE(stat64, statOfTest)
 
 namespace Halden::Tavro::Utils
 {
