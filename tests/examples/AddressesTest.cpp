@@ -1,6 +1,7 @@
 // Runs the example in a network namespace, where nobody else changes addresses.
 
 #include "support/NetworkNamespace.h"
+#include "support/RunExample.h"
 #include "support/RunningProgram.h"
 
 #include <gmock/gmock.h>
@@ -8,29 +9,29 @@
 #include <signal.h>
 
 #include <string>
-#include <vector>
 
-namespace Halden::Tavro
+namespace Halden::Tavro::Examples
 {
 
 namespace
 {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
 using namespace TestSupport;
+using namespace testing;
 
-class Addresses : public RunningProgram
+/// The program at work, which has shown what is there at its start.
+class Watch : public RunningProgram
 {
 public:
-    explicit Addresses(std::vector<std::string> const& arguments)
-        : RunningProgram(ADDRESSES, arguments)
+    Watch()
+        : RunningProgram(ADDRESSES, {"--watch"})
     {
+        EXPECT_EQ(line(), "+ 127.0.0.1 lo");
+        EXPECT_EQ(line(), "+ ::1 lo");
     }
 };
 
-class AddressesTest : public testing::Test
+class AddressesTest : public Test
 {
 protected:
     void SetUp() override
@@ -51,12 +52,9 @@ TEST_F(AddressesTest, PrintsEachAddressWithItsInterface)
             control.addInterface("link0", "veth");
             control.addAddress("link0", "10.0.0.1");
 
-            Addresses sut({});
+            RunningProgram sut(ADDRESSES, {});
 
-            EXPECT_EQ(sut.line(), "127.0.0.1 lo");
-            EXPECT_EQ(sut.line(), "10.0.0.1 link0");
-            EXPECT_EQ(sut.line(), "::1 lo");
-            EXPECT_EQ(sut.line(), "");
+            EXPECT_EQ(sut.wholeOutput(), "127.0.0.1 lo\n10.0.0.1 link0\n::1 lo\n");
             EXPECT_EQ(sut.status(), 0);
         });
 }
@@ -67,9 +65,7 @@ TEST_F(AddressesTest, FollowsTheAddressesUntilASignal)
         []
         {
             NetworkControl control;
-            Addresses sut({"--watch"});
-            EXPECT_EQ(sut.line(), "+ 127.0.0.1 lo");
-            EXPECT_EQ(sut.line(), "+ ::1 lo");
+            Watch sut;
 
             control.addAddress("lo", "10.0.0.1");
             EXPECT_EQ(sut.line(), "+ 10.0.0.1 lo");
@@ -90,9 +86,7 @@ TEST_F(AddressesTest, GivesUpAtAnAddressThatCannotBeFollowed)
         []
         {
             NetworkControl control;
-            Addresses sut({"--watch"});
-            EXPECT_EQ(sut.line(), "+ 127.0.0.1 lo");
-            EXPECT_EQ(sut.line(), "+ ::1 lo");
+            Watch sut;
 
             control.addAddress("lo", "fd00::1");
 
@@ -107,9 +101,7 @@ TEST_F(AddressesTest, SaysThatEventsWereLost)
         []
         {
             NetworkControl control;
-            Addresses sut({"--watch"});
-            EXPECT_EQ(sut.line(), "+ 127.0.0.1 lo");
-            EXPECT_EQ(sut.line(), "+ ::1 lo");
+            Watch sut;
 
             sut.send(SIGSTOP);
             for (int i = 0; i < 1000; ++i)
@@ -123,15 +115,17 @@ TEST_F(AddressesTest, SaysThatEventsWereLost)
         });
 }
 
-TEST_F(AddressesTest, HelpAndBadOptionsAreAnswered)
+TEST(AddressesUseTest, HelpSaysWhatItPrints)
 {
-    Addresses help({"--help"});
-    Addresses bad({"--loudly"});
+    auto const result = runExample(ADDRESSES, {"--help"});
 
-    EXPECT_EQ(help.line(), "Prints the addresses of this machine with their interfaces.");
-    EXPECT_EQ(help.status(), 0);
-    EXPECT_THAT(bad.line(), AllOf(StartsWith("addresses: "), HasSubstr("--loudly")));
-    EXPECT_EQ(bad.status(), 2);
+    EXPECT_THAT(result.output, StartsWith("Prints the addresses of this machine with their interfaces.\n"));
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST(AddressesUseTest, BadOptionIsAnsweredWithOneSentence)
+{
+    expectRefusal(ADDRESSES, {{{"--loudly"}, "--loudly"}, {{"eth0"}, "eth0"}});
 }
 
 }

@@ -1,47 +1,37 @@
-#include "support/ChildProcess.h"
 #include "support/NetworkNamespace.h"
+#include "support/RunExample.h"
 #include "support/RunningProgram.h"
+
+#include <utils/TempDir.h>
 
 #include <gmock/gmock.h>
 
 #include <H5Cpp.h>
 
 #include <signal.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+namespace Halden::Tavro::Examples
+{
+
 namespace
 {
 
-using namespace std::chrono_literals;
+using namespace TestSupport;
 using namespace testing;
-using namespace Halden::Tavro::TestSupport;
 
 /// Runs the service as a user does. Both its outputs come back as one text.
-ChildResult runService(std::vector<std::string> arguments)
+ChildResult runService(std::vector<std::string> const& arguments, ExampleOptions const& options = {})
 {
-    return runInChild(
-        [&]
-        {
-            std::vector<char*> pointers{const_cast<char*>(DEVICE_SERVICE)};
-            std::transform(arguments.begin(), arguments.end(), std::back_inserter(pointers),
-                           [](std::string& argument) { return argument.data(); });
-            pointers.push_back(nullptr);
-            execv(DEVICE_SERVICE, pointers.data());
-            return 127;
-        },
-        60s);
+    return runExample(DEVICE_SERVICE, arguments, options);
 }
 
 /// The runs of each function, as the table has them.
@@ -120,15 +110,10 @@ bool isWellFormed(std::string text)
 class DeviceServiceTest : public Test
 {
 protected:
-    DeviceServiceTest()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "device-service-XXXXXX").string();
-        directory = mkdtemp(pattern.data());
-    }
+    std::string pathOf(char const* file) const { return directory.path() + "/" + file; }
 
-    ~DeviceServiceTest() override { std::filesystem::remove_all(directory); }
-
-    std::filesystem::path directory;
+private:
+    Utils::TempDir const directory{"DeviceServiceTest-", std::filesystem::temp_directory_path()};
 };
 
 class DeviceServiceStrategyTest : public DeviceServiceTest, public WithParamInterface<char const*>
@@ -137,11 +122,11 @@ class DeviceServiceStrategyTest : public DeviceServiceTest, public WithParamInte
 
 TEST_P(DeviceServiceStrategyTest, RunsEachFunctionAndDrawsEachExecution)
 {
-    auto const picture = directory / "timeline.svg";
+    auto const picture = pathOf("timeline.svg");
 
-    auto const result = runService({"--strategy", GetParam(), "--seconds", "2", "--timeline", picture.string()});
+    auto const result = runService({"--strategy", GetParam(), "--seconds", "2", "--timeline", picture});
 
-    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    EXPECT_EQ(result.exitCode, 0) << result.output;
     auto const runs = runsIn(result.output);
     EXPECT_THAT(runs, hasEachFunctionWithRuns()) << result.output;
     std::string const svg = contentOf(picture);
@@ -175,27 +160,28 @@ std::map<std::string, int> rowsIn(std::filesystem::path const& path)
 
 TEST_F(DeviceServiceTest, RecordsEachExecution)
 {
-    auto const recording = directory / "runs.h5";
+    auto const recording = pathOf("runs.h5");
 
     auto const result = runService({"--seconds", "1", "--record", recording});
 
-    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    EXPECT_EQ(result.exitCode, 0) << result.output;
     EXPECT_EQ(rowsIn(recording), runsIn(result.output)) << result.output;
 }
 
 TEST_F(DeviceServiceTest, ShowsTheFirmwareOrThatItIsUnknown)
 {
-    std::string const path = getenv("PATH");
-
-    setenv("PATH", (DEVICE_COMMANDS ":" + path).c_str(), 1);
-    auto const known = runService({"--seconds", "1"});
-    setenv("PATH", "/usr/bin:/bin", 1);
-    auto const unknown = runService({"--seconds", "1"});
-    setenv("PATH", path.c_str(), 1);
+    auto const withPath = [](char const* path)
+    {
+        ExampleOptions options;
+        options.environment = {{"PATH", path}};
+        return options;
+    };
+    auto const known = runService({"--seconds", "1"}, withPath(DEVICE_COMMANDS ":/usr/bin:/bin"));
+    auto const unknown = runService({"--seconds", "1"}, withPath("/usr/bin:/bin"));
 
     EXPECT_THAT(known.output, HasSubstr("\nfirmware 1.2.3, compatible id tavro-board-x\n"));
     EXPECT_THAT(unknown.output, HasSubstr("\nfirmware unknown, compatible id unknown\n"));
-    EXPECT_EQ(unknown.exitCode, std::optional(0));
+    EXPECT_EQ(unknown.exitCode, 0);
 }
 
 TEST_F(DeviceServiceTest, ShowsAtMostOnePlainStatusLineASecondWhereThereIsNoTerminal)
@@ -251,7 +237,7 @@ TEST_F(DeviceServiceTest, SaysNothingOfTheSocketThatItClosesInTheEnd)
 {
     auto const result = runService({"--seconds", "1"});
 
-    EXPECT_EQ(result.exitCode, std::optional(0)) << result.output;
+    EXPECT_EQ(result.exitCode, 0) << result.output;
     EXPECT_THAT(result.output, Not(HasSubstr("LocalIps")));
 }
 
@@ -268,7 +254,7 @@ TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
     {
         auto const result = runService(arguments);
 
-        EXPECT_EQ(result.exitCode, std::optional(2)) << arguments.front();
+        EXPECT_EQ(result.exitCode, 2) << arguments.front();
         EXPECT_THAT(result.output, StartsWith("device_service: ")) << arguments.front();
         EXPECT_THAT(result.output, HasSubstr(arguments.back())) << arguments.front();
     }
@@ -276,7 +262,7 @@ TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
 
 TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
 {
-    auto const description = directory / "device.xml";
+    auto const description = pathOf("device.xml");
     std::ofstream(description) << R"(<root xmlns="urn:schemas-upnp-org:device-1-0"><device>
         <friendlyName>Pump &amp; valve</friendlyName></device></root>)";
 
@@ -285,13 +271,13 @@ TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
         runService({"--seconds", "1", "--log", "info", "--strategy", "sequential", "--description", description});
 
     EXPECT_THAT(shipped.output, StartsWith("Pressure sensor, hall 3\n"));
-    EXPECT_EQ(given.exitCode, std::optional(0)) << given.output;
+    EXPECT_EQ(given.exitCode, 0) << given.output;
     EXPECT_THAT(given.output, HasSubstr("PeriodicCallerManager(Pump & valve)"));
 }
 
 TEST_F(DeviceServiceTest, DescriptionWithoutANameEndsItWithStatusTwo)
 {
-    auto const description = directory / "device.xml";
+    auto const description = pathOf("device.xml");
     std::ofstream(description) << "<root/>";
     std::map<std::string, std::string> const reasons{
         {description, "None or more than one node found"},
@@ -300,7 +286,7 @@ TEST_F(DeviceServiceTest, DescriptionWithoutANameEndsItWithStatusTwo)
     {
         auto const result = runService({"--description", file});
 
-        EXPECT_EQ(result.exitCode, std::optional(2)) << file;
+        EXPECT_EQ(result.exitCode, 2) << file;
         EXPECT_THAT(result.output, EndsWith("device_service: no name in " + file + ": " + reason + "\n"));
     }
 }
@@ -309,11 +295,13 @@ TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
 {
     auto const result = runService({"--help"});
 
-    EXPECT_EQ(result.exitCode, std::optional(0));
+    EXPECT_EQ(result.exitCode, 0);
     for (char const* const option : {"--strategy", "--seconds", "--description", "--timeline", "--record", "--log"})
     {
         EXPECT_THAT(result.output, HasSubstr(option));
     }
+}
+
 }
 
 }

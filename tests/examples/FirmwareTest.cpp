@@ -1,38 +1,30 @@
-#include "support/ChildProcess.h"
+#include "support/RunExample.h"
 
 #include <utils/TempDir.h>
 
 #include <gmock/gmock.h>
 
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace testing;
+namespace Halden::Tavro::Examples
+{
 
 namespace
 {
 
-/// Both outputs come back as one text.
-ChildResult firmware(std::vector<std::string> arguments, std::string const& path = "/usr/bin:/bin")
+using namespace TestSupport;
+using namespace testing;
+
+std::string const systemPath = "/usr/bin:/bin";
+
+ChildResult firmware(std::vector<std::string> const& arguments, std::string const& path = systemPath)
 {
-    return runInChild(
-        [&]
-        {
-            setenv("PATH", path.c_str(), 1);
-            std::vector<char*> pointers{const_cast<char*>(FIRMWARE)};
-            std::transform(arguments.begin(), arguments.end(), std::back_inserter(pointers),
-                           [](std::string& argument) { return argument.data(); });
-            pointers.push_back(nullptr);
-            execv(FIRMWARE, pointers.data());
-            return 127;
-        });
+    ExampleOptions options;
+    options.environment = {{"PATH", path}};
+    return runExample(FIRMWARE, arguments, options);
 }
 
 TEST(FirmwareTest, ShowsWhatTheDevicesCommandsTell)
@@ -46,11 +38,11 @@ TEST(FirmwareTest, ShowsWhatTheDevicesCommandsTell)
 
 TEST(FirmwareTest, CommandsOfTheGivenDirectoryComeFirst)
 {
-    Halden::Tavro::Utils::TempDir const others("FirmwareTest-", "/tmp");
+    Utils::TempDir const others("FirmwareTest-", std::filesystem::temp_directory_path());
     auto const command = std::filesystem::path(others.path()) / "tavro-fw-version";
     std::ofstream(command) << "#!/bin/sh\necho 9.9.9\n";
     std::filesystem::permissions(command, std::filesystem::perms::owner_all);
-    std::string const path = others.path() + ":/usr/bin:/bin";
+    std::string const path = others.path() + ":" + systemPath;
 
     EXPECT_THAT(firmware({}, path).output, HasSubstr("version: 9.9.9\n"));
     EXPECT_THAT(firmware({"--device-commands", DEVICE_COMMANDS}, path).output, HasSubstr("version: 1.2.3\n"));
@@ -78,14 +70,11 @@ TEST(FirmwareTest, WithoutTheCommandsNothingIsKnown)
 
 TEST(FirmwareTest, BadOptionIsNamedAndEndsWithStatusTwo)
 {
-    for (std::vector<std::string> const& arguments :
-         {std::vector<std::string>{"--speed"}, {"--device-commands", "/nowhere"}, {"--device-commands"}})
-    {
-        auto const result = firmware(arguments);
+    expectRefusal(FIRMWARE, {{{"--speed"}, "--speed"},
+                             {{"--device-commands", "/nowhere"}, "/nowhere"},
+                             {{"--device-commands"}, "--device-commands"}});
+}
 
-        EXPECT_THAT(result.output, AllOf(StartsWith("firmware: "), HasSubstr(arguments.back())));
-        EXPECT_EQ(result.exitCode, 2);
-    }
 }
 
 }

@@ -1,54 +1,34 @@
-#include "support/ChildProcess.h"
+#include "support/RunExample.h"
+
+#include <utils/TempDir.h>
 
 #include <gmock/gmock.h>
 
 #include <H5Cpp.h>
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace testing;
+namespace Halden::Tavro::Examples
+{
 
 namespace
 {
 
-ChildResult runExample(std::vector<std::string> arguments)
-{
-    return runInChild(
-        [&]
-        {
-            std::vector<char*> pointers{const_cast<char*>(RECORD_HDF5)};
-            std::transform(arguments.begin(), arguments.end(), std::back_inserter(pointers),
-                           [](std::string& argument) { return argument.data(); });
-            pointers.push_back(nullptr);
-            execv(RECORD_HDF5, pointers.data());
-            return 127;
-        });
-}
+using namespace TestSupport;
+using namespace testing;
 
 class RecordHdf5Test : public Test
 {
 protected:
-    RecordHdf5Test()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "record-hdf5-XXXXXX").string();
-        directory = mkdtemp(pattern.data());
-    }
-
-    ~RecordHdf5Test() override { std::filesystem::remove_all(directory); }
-
-    std::filesystem::path directory;
+    Utils::TempDir const directory{"RecordHdf5Test-", std::filesystem::temp_directory_path()};
+    std::string const path = directory.path() + "/load.h5";
 };
 
-std::vector<double> column(std::filesystem::path const& path, char const* name)
+std::vector<double> column(std::string const& path, char const* name)
 {
     H5::DataSet const samples = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("samples");
     H5::CompType member(sizeof(double));
@@ -60,9 +40,7 @@ std::vector<double> column(std::filesystem::path const& path, char const* name)
 
 TEST_F(RecordHdf5Test, FileHoldsEachSampleInTheOrderOfTime)
 {
-    auto const path = directory / "load.h5";
-
-    auto const result = runExample({path, "--samples", "30", "--period", "10"});
+    auto const result = runExample(RECORD_HDF5, {path, "--samples", "30", "--period", "10"});
 
     EXPECT_EQ(result.exitCode, 0) << result.output;
     auto const seconds = column(path, "seconds");
@@ -75,7 +53,7 @@ TEST_F(RecordHdf5Test, FileHoldsEachSampleInTheOrderOfTime)
 
 TEST_F(RecordHdf5Test, ReaderSeesTheFileGrow)
 {
-    auto const result = runExample({directory / "load.h5", "--samples", "30", "--period", "10"});
+    auto const result = runExample(RECORD_HDF5, {path, "--samples", "30", "--period", "10"});
 
     EXPECT_EQ(result.exitCode, 0) << result.output;
     EXPECT_THAT(result.output, MatchesRegex("([0-9]+ samples, the load is [0-9.e-]+ on average\n)+"));
@@ -84,7 +62,7 @@ TEST_F(RecordHdf5Test, ReaderSeesTheFileGrow)
 
 TEST_F(RecordHdf5Test, FileThatCannotBeWrittenEndsItWithASentenceAndStatusOne)
 {
-    auto const result = runExample({"/nowhere/load.h5"});
+    auto const result = runExample(RECORD_HDF5, {"/nowhere/load.h5"});
 
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, "record_hdf5: /nowhere/load.h5: H5File constructor: H5Fcreate failed\n");
@@ -92,16 +70,12 @@ TEST_F(RecordHdf5Test, FileThatCannotBeWrittenEndsItWithASentenceAndStatusOne)
 
 TEST_F(RecordHdf5Test, BadOptionsEndItWithASentenceAndStatusTwo)
 {
-    for (auto const& [arguments, named] : {std::pair<std::vector<std::string>, char const*>{{}, "FILE"},
-                                           {{"load.h5", "--samples", "0"}, "--samples"},
-                                           {{"load.h5", "--period", "soon"}, "--period"},
-                                           {{"load.h5", "--speed"}, "--speed"}})
-    {
-        auto const result = runExample(arguments);
+    expectRefusal(RECORD_HDF5, {{{}, "FILE"},
+                                {{path, "--samples", "0"}, "--samples"},
+                                {{path, "--period", "soon"}, "--period"},
+                                {{path, "--speed"}, "--speed"}});
+}
 
-        EXPECT_EQ(result.exitCode, 2) << named;
-        EXPECT_THAT(result.output, AllOf(StartsWith("record_hdf5: "), HasSubstr(named)));
-    }
 }
 
 }

@@ -1,36 +1,24 @@
-#include "support/ChildProcess.h"
+#include "support/RunExample.h"
 
 #include <gmock/gmock.h>
 
 #include <sched.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace testing;
+namespace Halden::Tavro::Examples
+{
 
 namespace
 {
 
-int execute(std::vector<std::string> arguments)
-{
-    arguments.insert(arguments.begin(), ROUTE_TO);
-    std::vector<char*> pointers;
-    for (auto& argument : arguments)
-    {
-        pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    execv(ROUTE_TO, pointers.data());
-    return 127;
-}
+using namespace TestSupport;
+using namespace testing;
 
-ChildResult routeTo(std::vector<std::string> const& arguments)
+ChildResult routeTo(std::vector<std::string> const& arguments, ExampleOptions const& options = {})
 {
-    return runInChild([&arguments] { return execute(arguments); });
+    return runExample(ROUTE_TO, arguments, options);
 }
 
 TEST(RouteToTest, NamesTheLocalAddressAndItsInterface)
@@ -52,16 +40,10 @@ TEST(RouteToTest, HostThatCannotBeResolvedIsAnsweredWithOneSentence)
 
 TEST(RouteToTest, HostWithoutARouteIsAnsweredWithOneSentence)
 {
-    auto const result = runInChild(
-        []
-        {
-            if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-            {
-                return 77;
-            }
-            return execute({"192.0.2.1"});
-        });
-    if (result.exitCode == 77)
+    ExampleOptions options;
+    options.prepare = [] { return unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0; };
+    auto const result = routeTo({"192.0.2.1"}, options);
+    if (result.exitCode == 126)
     {
         GTEST_SKIP() << "not allowed to make a network namespace";
     }
@@ -72,15 +54,8 @@ TEST(RouteToTest, HostWithoutARouteIsAnsweredWithOneSentence)
 
 TEST(RouteToTest, BadUseIsAnsweredWithOneSentence)
 {
-    for (std::vector<std::string> const& arguments :
-         {std::vector<std::string>{}, {"--fast"}, {"127.0.0.1", "127.0.0.2"}})
-    {
-        auto const result = routeTo(arguments);
-
-        EXPECT_EQ(result.exitCode, 2);
-        EXPECT_THAT(result.output, AllOf(StartsWith("route_to: "), EndsWith("\n")));
-        EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
-    }
+    expectRefusal(ROUTE_TO,
+                  {{{}, "HOST"}, {{"--fast", "127.0.0.1"}, "--fast"}, {{"127.0.0.1", "127.0.0.2"}, "127.0.0.2"}});
 }
 
 TEST(RouteToTest, HelpNamesTheHost)
@@ -89,6 +64,8 @@ TEST(RouteToTest, HelpNamesTheHost)
 
     EXPECT_THAT(result.output, HasSubstr("HOST"));
     EXPECT_EQ(result.exitCode, 0);
+}
+
 }
 
 }

@@ -1,41 +1,24 @@
-#include "support/ChildProcess.h"
+#include "support/RunExample.h"
 
 #include <gmock/gmock.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstddef>
 #include <string>
 #include <vector>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace testing;
+namespace Halden::Tavro::Examples
+{
 
 namespace
 {
 
-ChildResult runProgram(std::vector<std::string> arguments, std::string const& input = {})
+using namespace TestSupport;
+using namespace testing;
+
+ChildResult runProgram(std::vector<std::string> const& arguments, std::string const& input = {})
 {
-    return runInChild(
-        [&]
-        {
-            int const file = memfd_create("input", 0);
-            if (write(file, input.data(), input.size()) != static_cast<ssize_t>(input.size()) ||
-                lseek(file, 0, SEEK_SET) != 0 || dup2(file, STDIN_FILENO) != STDIN_FILENO)
-            {
-                return 126;
-            }
-            arguments.insert(arguments.begin(), RUN_PROGRAM);
-            std::vector<char*> pointers;
-            for (auto& argument : arguments)
-            {
-                pointers.push_back(argument.data());
-            }
-            pointers.push_back(nullptr);
-            execv(RUN_PROGRAM, pointers.data());
-            return 127;
-        });
+    ExampleOptions options;
+    options.input = input;
+    return runExample(RUN_PROGRAM, arguments, options);
 }
 
 TEST(RunProgramTest, OutputAndExitCodeAreShown)
@@ -77,18 +60,12 @@ TEST(RunProgramTest, MissingProgramIsExitCodeMinusOneWithTheReason)
 
 TEST(RunProgramTest, BadArgumentsAreAnsweredWithOneSentence)
 {
-    for (std::vector<std::string> const& arguments : {std::vector<std::string>{},
-                                                      {"--timeout"},
-                                                      {"--timeout", "soon", "/bin/true"},
-                                                      {"--env", "A", "/bin/true"},
-                                                      {"--env", "=1", "/bin/true"},
-                                                      {"--speed", "/bin/true"}})
-    {
-        auto const result = runProgram(arguments);
-
-        EXPECT_EQ(result.exitCode, 2);
-        EXPECT_THAT(result.output, MatchesRegex("run_program: [^\n]+\n"));
-    }
+    expectRefusal(RUN_PROGRAM, {{{}, "PROGRAM"},
+                                {{"--timeout"}, "--timeout"},
+                                {{"--timeout", "soon", "/bin/true"}, "--timeout"},
+                                {{"--env", "A", "/bin/true"}, "'A' is not NAME=VALUE"},
+                                {{"--env", "=1", "/bin/true"}, "'=1' is not NAME=VALUE"},
+                                {{"--speed", "/bin/true"}, "--speed"}});
 }
 
 TEST(RunProgramTest, HelpNamesTheOptions)
@@ -97,6 +74,8 @@ TEST(RunProgramTest, HelpNamesTheOptions)
 
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, HasSubstr("run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG..."));
+}
+
 }
 
 }

@@ -1,23 +1,19 @@
-#include "support/ChildProcess.h"
+#include "support/RunExample.h"
 
 #include <gmock/gmock.h>
 
-#include <unistd.h>
-
-using namespace Halden::Tavro::TestSupport;
-using namespace testing;
+namespace Halden::Tavro::Examples
+{
 
 namespace
 {
 
+using namespace TestSupport;
+using namespace testing;
+
 TEST(StopAndLookTest, ShowsTheValuesOfTheHeldWorkerBeforeItGoesOn)
 {
-    auto const result = runInChild(
-        []
-        {
-            execl(STOP_AND_LOOK, STOP_AND_LOOK, "--jobs", "3", nullptr);
-            return 127;
-        });
+    auto const result = runExample(STOP_AND_LOOK, {"--jobs", "3"});
 
     EXPECT_EQ(result.output, "job 1: held while adding, the sum is 1\n"
                              "job 1: released, the result is 1\n"
@@ -29,17 +25,11 @@ TEST(StopAndLookTest, ShowsTheValuesOfTheHeldWorkerBeforeItGoesOn)
     EXPECT_EQ(result.exitCode, 0);
 }
 
-TEST(StopAndLookTest, AnUnknownOptionIsNamedAndEndsWithStatusTwo)
+TEST(StopAndLookTest, BadOptionsAreAnsweredWithOneSentence)
 {
-    auto const result = runInChild(
-        []
-        {
-            execl(STOP_AND_LOOK, STOP_AND_LOOK, "--speed", nullptr);
-            return 127;
-        });
+    expectRefusal(STOP_AND_LOOK, {{{"--speed"}, "--speed"}, {{"--jobs", "-1"}, "--jobs"}});
+}
 
-    EXPECT_THAT(result.output, HasSubstr("--speed"));
-    EXPECT_EQ(result.exitCode, 2);
 }
 
 }

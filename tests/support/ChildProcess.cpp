@@ -21,10 +21,13 @@ namespace
 {
     rlimit const none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
-    for (int const signalNumber : {SIGABRT, SIGPIPE, SIGTERM, SIGSEGV})
+    for (int const signalNumber : {SIGABRT, SIGHUP, SIGINT, SIGPIPE, SIGSEGV, SIGTERM})
     {
         signal(signalNumber, SIG_DFL);
     }
+    sigset_t nothing;
+    sigemptyset(&nothing);
+    sigprocmask(SIG_SETMASK, &nothing, nullptr);
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
     close(output);
@@ -62,7 +65,7 @@ bool readUntil(int descriptor, std::string& output, std::chrono::steady_clock::t
 
 }
 
-ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseconds limit)
+Child startChild(std::function<int()> const& piece)
 {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0)
@@ -80,16 +83,22 @@ ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseco
         runPiece(piece, ends[1]);
     }
     close(ends[1]);
+    return {child, ends[0]};
+}
+
+ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseconds limit)
+{
+    Child const child = startChild(piece);
 
     ChildResult result;
-    result.timedOut = !readUntil(ends[0], result.output, std::chrono::steady_clock::now() + limit);
-    close(ends[0]);
+    result.timedOut = !readUntil(child.output, result.output, std::chrono::steady_clock::now() + limit);
+    close(child.output);
     if (result.timedOut)
     {
-        kill(child, SIGKILL);
+        kill(child.id, SIGKILL);
     }
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+    while (waitpid(child.id, &status, 0) < 0 && errno == EINTR)
     {
     }
     if (WIFEXITED(status))
@@ -101,6 +110,18 @@ ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseco
         result.signal = WTERMSIG(status);
     }
     return result;
+}
+
+int becomeProgram(std::string path, std::vector<std::string> arguments)
+{
+    std::vector<char*> pointers{path.data()};
+    for (auto& argument : arguments)
+    {
+        pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
+    execv(path.c_str(), pointers.data());
+    return 127;
 }
 
 }

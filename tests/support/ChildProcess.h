@@ -1,9 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Halden::Tavro::TestSupport
 {
@@ -19,8 +22,21 @@ struct ChildResult
 
 /// Runs a piece that ends or blocks its process in a child, and kills it when it takes longer than the limit.
 ///
-/// The piece starts with one thread, the default actions of signals and no core dumps. To be called while the test
-/// itself runs no other threads.
+/// The piece starts with one thread, the default actions of signals, none of them blocked, and no core dumps. To be
+/// called while the test itself runs no other threads.
 ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+/// A child that runs, for those who do more with it than wait for its end.
+struct Child
+{
+    pid_t id;   ///< to be reaped by the caller
+    int output; ///< the read end of a pipe behind its standard output and standard error, to be closed by the caller
+};
+
+/// Starts what runInChild() runs.
+Child startChild(std::function<int()> const& piece);
+
+/// Turns this process, a child, into the program. @return 127 when it cannot be started
+int becomeProgram(std::string path, std::vector<std::string> arguments);
 
 }

@@ -8,9 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
-#include <stdexcept>
 
 namespace Halden::Tavro::TestSupport
 {
@@ -37,46 +35,31 @@ bool readOne(int descriptor, char& letter, steady_clock::time_point deadline)
 
 }
 
-RunningProgram::RunningProgram(std::string path, std::vector<std::string> arguments)
+RunningProgram::RunningProgram(std::string const& path, std::vector<std::string> const& arguments)
+    : child(startChild(
+          [&]
+          {
+              close(STDIN_FILENO);
+              return open("/dev/null", O_RDONLY) == STDIN_FILENO ? becomeProgram(path, arguments) : 126;
+          }))
 {
-    std::vector<char*> pointers{path.data()};
-    for (auto& argument : arguments)
-    {
-        pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0)
-    {
-        throw std::runtime_error("no pipe");
-    }
-    child = fork();
-    if (child == 0)
-    {
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
-        execv(path.c_str(), pointers.data());
-        _exit(127);
-    }
-    close(ends[1]);
-    readEnd = ends[0];
 }
 
 RunningProgram::~RunningProgram()
 {
-    close(readEnd);
-    if (child > 0)
+    close(child.output);
+    if (!ended)
     {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
+        kill(child.id, SIGKILL);
+        waitpid(child.id, nullptr, 0);
     }
 }
 
 std::string RunningProgram::line()
 {
-    auto const deadline = steady_clock::now() + 10s;
+    auto const deadline = steady_clock::now() + 30s;
     std::size_t const begin = output.size();
-    for (char letter = 0; readOne(readEnd, letter, deadline);)
+    for (char letter = 0; readOne(child.output, letter, deadline);)
     {
         output += letter;
         if (letter == '\n')
@@ -89,7 +72,7 @@ std::string RunningProgram::line()
 
 bool RunningProgram::showsLineWith(std::string const& text)
 {
-    auto const deadline = steady_clock::now() + 20s;
+    auto const deadline = steady_clock::now() + 30s;
     while (steady_clock::now() < deadline)
     {
         if (line().find(text) != std::string::npos)
@@ -102,8 +85,8 @@ bool RunningProgram::showsLineWith(std::string const& text)
 
 std::string const& RunningProgram::wholeOutput()
 {
-    auto const deadline = steady_clock::now() + 10s;
-    for (char letter = 0; readOne(readEnd, letter, deadline);)
+    auto const deadline = steady_clock::now() + 30s;
+    for (char letter = 0; readOne(child.output, letter, deadline);)
     {
         output += letter;
     }
@@ -112,17 +95,17 @@ std::string const& RunningProgram::wholeOutput()
 
 void RunningProgram::send(int signalNumber) const
 {
-    kill(child, signalNumber);
+    kill(child.id, signalNumber);
 }
 
 int RunningProgram::status()
 {
     int result = 0;
-    if (!waitFor([&] { return waitpid(child, &result, WNOHANG) == child; }))
+    if (!waitFor([&] { return waitpid(child.id, &result, WNOHANG) == child.id; }, 30s))
     {
         return -1;
     }
-    child = -1;
+    ended = true;
     return WIFEXITED(result) ? WEXITSTATUS(result) : -1;
 }
 
