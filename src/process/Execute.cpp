@@ -1,6 +1,7 @@
 #include <utils/Execute.h>
 
 #include "log/Log.h"
+#include "log/LogErrno.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -40,7 +41,7 @@ struct PipeEnds
 namespace
 {
 
-constexpr std::int64_t pollPeriod = 10; // milliseconds
+constexpr std::chrono::milliseconds pollPeriod{10};
 
 /// Keeps SIGPIPE from the calling thread, as a child may end without reading.
 class SigpipeBlock
@@ -82,15 +83,9 @@ private:
     bool wasPending{false};
 };
 
-[[noreturn]] void failToOpen(char const* text)
+[[noreturn]] void failWithoutStatus(int error)
 {
-    TAVRO_LOG(Log::Severity::Error, "%s", text);
-    throw std::runtime_error(text);
-}
-
-[[noreturn]] void failWith(int error, char const* text)
-{
-    TAVRO_LOG(Log::Severity::Error, "%s", text);
+    TAVRO_LOG(Log::Severity::Error, "Failed to get status of child process");
     throw std::runtime_error(strerror(error));
 }
 
@@ -100,7 +95,8 @@ void writeInput(Pipe& stdinPipe, std::istream const& input)
     auto buffer = stdinPipe.bufferWrite();
     if (!buffer.is_open())
     {
-        failToOpen("Failed to open pipe to stdin for write");
+        TAVRO_LOG(Log::Severity::Error, "Failed to open pipe to stdin for write");
+        throw std::runtime_error("Failed to open pipe to stdin for write");
     }
     PipeEnds::forget(stdinPipe, Pipe::End::Write);
     std::ostream stream(&buffer);
@@ -114,7 +110,8 @@ __gnu_cxx::stdio_filebuf<char> openOutput(Pipe& stdoutPipe)
     auto buffer = stdoutPipe.bufferRead();
     if (!buffer.is_open())
     {
-        failToOpen("Failed to open pipe to stdout for read");
+        TAVRO_LOG(Log::Severity::Error, "Failed to open pipe to stdout for read");
+        throw std::runtime_error("Failed to open pipe to stdout for read");
     }
     PipeEnds::forget(stdoutPipe, Pipe::End::Read);
     return buffer;
@@ -133,13 +130,11 @@ std::string readToEnd(std::streambuf& buffer)
 
 void sleepOnePeriod()
 {
-    timespec left{0, pollPeriod * 1'000'000};
+    timespec left{0, std::chrono::nanoseconds(pollPeriod).count()};
     while (nanosleep(&left, &left) == -1 && errno == EINTR)
     {
     }
 }
-
-constexpr char const* noStatus = "Failed to get status of child process";
 
 void killChild(pid_t child)
 {
@@ -150,12 +145,11 @@ void killChild(pid_t child)
         TAVRO_LOG(Log::Severity::Info, "kill(%d, SIGKILL) succeeded with %d", child, result);
         return;
     }
-    int const error = errno;
-    TAVRO_LOG(Log::Severity::Error, "kill(%d, SIGKILL) failed with %d errno = %d (%s)", child, result, error,
-              strerror(error));
-    if (error == EPERM)
+    TAVRO_LOG_ERRNO("kill(%d, SIGKILL) failed with %d errno = %d (%s)", child, result);
+    if (errno == EPERM)
     {
-        failWith(error, "Parent has no permission to kill child process");
+        TAVRO_LOG(Log::Severity::Error, "Parent has no permission to kill child process");
+        throw std::runtime_error(strerror(EPERM));
     }
 }
 
@@ -176,7 +170,7 @@ std::optional<int> reap(pid_t child)
     }
     if (answer == -1 && error != EINTR)
     {
-        failWith(error, noStatus);
+        failWithoutStatus(error);
     }
     return std::nullopt; // kept: leaves a zombie
 }
@@ -184,7 +178,7 @@ std::optional<int> reap(pid_t child)
 /// @return nothing when a signal handler has interrupted the last wait
 std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds timeout)
 {
-    std::int64_t const limit = std::int64_t{timeout.count()} / pollPeriod;
+    std::int64_t const limit = timeout / pollPeriod;
     for (std::int64_t i = 0;; ++i)
     {
         int status = 0;
@@ -197,7 +191,7 @@ std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds timeout)
         }
         if (answer == -1 && error != EINTR)
         {
-            failWith(error, noStatus);
+            failWithoutStatus(error);
         }
         if (answer == 0)
         {
@@ -283,7 +277,7 @@ ExecutionResult getAppOutput(Pipe& stdoutPipe, Pipe& stdinPipe, pid_t child, std
                              std::chrono::milliseconds timeout)
 {
     TAVRO_LOG(Log::Severity::Trace, "getAppOutput()");
-    TAVRO_LOG(Log::Severity::Debug, "Timeout is set to %fs", static_cast<double>(timeout.count()) / 1000.0);
+    TAVRO_LOG(Log::Severity::Debug, "Timeout is set to %fs", std::chrono::duration<double>(timeout).count());
     writeInput(stdinPipe, input);
     auto output = openOutput(stdoutPipe);
     PipeEnds::close(stdoutPipe, Pipe::End::Write);
