@@ -10,7 +10,8 @@
 #include <type_traits>
 #include <vector>
 
-using namespace Halden::Tavro::Utils::Bits;
+namespace Halden::Tavro::Utils::Bits
+{
 
 namespace
 {
@@ -54,7 +55,7 @@ static_assert(std::is_same_v<decltype(two_complement(0, 0U)), unsigned int>);
 static_assert(std::is_same_v<decltype(signed24bto32b(0U)), std::int32_t>);
 static_assert(std::is_same_v<decltype(signed48bto64b(0ULL)), std::int64_t>);
 
-TEST(BitsTest, BitmaskOfKnownWidths)
+TEST(BitsTest, BitmaskSetsThatManyLowBits)
 {
     EXPECT_EQ(bitmask(0), 0U);
     EXPECT_EQ(bitmask(1), 1U);
@@ -79,7 +80,7 @@ TEST(BitsTest, BitmaskBeyondWidth32IsThatOfWidth32)
     }
 }
 
-TEST(BitsTest, TwoComplementOfKnownValues)
+TEST(BitsTest, TwoComplementEncodesTheValueInTheWidth)
 {
     EXPECT_EQ(two_complement(-1, 8), 255U);
     EXPECT_EQ(two_complement(-128, 8), 128U);
@@ -129,7 +130,7 @@ TEST(BitsTest, TwoComplementBeyondWidth32IsThatOfWidth32)
     }
 }
 
-TEST(BitsTest, Signed24OfKnownValues)
+TEST(BitsTest, Signed24ExtendsBit23)
 {
     EXPECT_EQ(signed24bto32b(8388607), 8388607);
     EXPECT_EQ(signed24bto32b(8388608), -8388608);
@@ -148,7 +149,7 @@ TEST(BitsTest, Signed24AgreesWithTheModelForEveryRawValueWhateverTheUpperBits)
     }
 }
 
-TEST(BitsTest, Signed48OfKnownValues)
+TEST(BitsTest, Signed48ExtendsBit47)
 {
     EXPECT_EQ(signed48bto64b(140737488355327ULL), 140737488355327);
     EXPECT_EQ(signed48bto64b(140737488355328ULL), -140737488355328);
@@ -179,6 +180,8 @@ TEST(BitsTest, Signed48AgreesWithTheModelWhateverTheUpperBits)
             ASSERT_EQ(signed48bto64b(raw + upper), modelSigned(low, 48)) << raw << " with " << upper;
         }
     }
+}
+
 }
 
 }

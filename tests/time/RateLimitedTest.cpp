@@ -9,12 +9,14 @@
 #include <random>
 #include <type_traits>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
-using namespace std::chrono_literals;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using namespace TestSupport;
+using namespace std::chrono_literals;
 
 using std::chrono::milliseconds;
 
@@ -296,6 +298,8 @@ TEST(RateLimitedTest, AgreesWithTheModelOverRandomSequences)
     {
         EXPECT_GT(count, 10'000); // the sequences reach every outcome
     }
+}
+
 }
 
 }

@@ -1,23 +1,25 @@
 #include <utils/TimeText.h>
 
+#include "support/TimeZone.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
-#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 
-using namespace Halden::Tavro::Utils;
-using namespace std::chrono_literals;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using namespace std::chrono_literals;
 
 // Rules spelt out, so that the time zone data of the machine do not matter.
 char const* const utc = "UTC0";
@@ -35,91 +37,66 @@ std::string textOf(std::chrono::nanoseconds sinceEpoch)
         std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch)));
 }
 
-/// Each test chooses its zone; the one before comes back.
 class TimeTextTest : public testing::Test
 {
 protected:
-    TimeTextTest()
-    {
-        if (char const* const zone = std::getenv("TZ"))
-        {
-            zoneBefore = zone;
-        }
-    }
-
-    ~TimeTextTest() override
-    {
-        if (zoneBefore.has_value())
-        {
-            setenv("TZ", zoneBefore->c_str(), 1);
-        }
-        else
-        {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-
-    static void setZone(char const* zone) { setenv("TZ", zone, 1); }
-
-private:
-    std::optional<std::string> zoneBefore;
+    TestSupport::TimeZone zone; // each test chooses its own
 };
 
 TEST_F(TimeTextTest, WritesDateTimeAndMilliseconds)
 {
-    setZone(utc);
+    zone.set(utc);
 
     EXPECT_EQ(textOf(marchDay + 45ms), "2024-03-05T07:08:09.045Z");
 }
 
 TEST_F(TimeTextTest, FiveMillisecondsPastASecondAreThreeDigits)
 {
-    setZone(utc);
+    zone.set(utc);
 
     EXPECT_EQ(textOf(marchDay + 5ms), "2024-03-05T07:08:09.005Z");
 }
 
 TEST_F(TimeTextTest, AWholeSecondEndsInThreeZeros)
 {
-    setZone(utc);
+    zone.set(utc);
 
     EXPECT_EQ(textOf(marchDay), "2024-03-05T07:08:09.000Z");
 }
 
 TEST_F(TimeTextTest, FractionsOfAMillisecondAreCutOff)
 {
-    setZone(utc);
+    zone.set(utc);
 
     EXPECT_EQ(textOf(marchDay + 999999999ns), "2024-03-05T07:08:09.999Z");
 }
 
 TEST_F(TimeTextTest, TheTextIsLocalTimeDespiteTheZ)
 {
-    setZone(berlin);
+    zone.set(berlin);
     EXPECT_EQ(textOf(marchDay), "2024-03-05T08:08:09.000Z");
     EXPECT_EQ(textOf(julyDay), "2024-07-15T05:00:00.000Z"); // summer time
 
-    setZone(newYork);
+    zone.set(newYork);
     EXPECT_EQ(textOf(marchDay), "2024-03-05T02:08:09.000Z");
     EXPECT_EQ(textOf(julyDay), "2024-07-14T23:00:00.000Z");
 
-    setZone(kathmandu);
+    zone.set(kathmandu);
     EXPECT_EQ(textOf(marchDay), "2024-03-05T12:53:09.000Z");
     EXPECT_EQ(textOf(julyDay), "2024-07-15T08:45:00.000Z");
 
-    setZone(hawaii);
+    zone.set(hawaii);
     EXPECT_EQ(textOf(marchDay), "2024-03-04T21:08:09.000Z");
     EXPECT_EQ(textOf(julyDay), "2024-07-14T17:00:00.000Z");
 }
 
 TEST_F(TimeTextTest, FiveMillisecondsPastASecondLookTheSameInEveryZone)
 {
-    for (char const* const zone : {utc, berlin, newYork, kathmandu, hawaii})
+    for (char const* const name : {utc, berlin, newYork, kathmandu, hawaii})
     {
-        setZone(zone);
-        EXPECT_EQ(textOf(marchDay + 5ms).substr(19), ".005Z") << zone;
-        EXPECT_EQ(textOf(marchDay).substr(19), ".000Z") << zone;
+        zone.set(name);
+        EXPECT_EQ(textOf(marchDay + 5ms).substr(19), ".005Z") << name;
+        EXPECT_EQ(textOf(marchDay).substr(19), ".000Z") << name;
     }
 }
 
@@ -127,9 +104,9 @@ TEST_F(TimeTextTest, AgreesWithTheSystemInEveryZone)
 {
     std::mt19937_64 random(20240305);
     std::uniform_int_distribution<std::int64_t> anySecond(-2'000'000'000, 2'000'000'000); // also a time_t of 32 bits
-    for (char const* const zone : {utc, berlin, newYork, kathmandu, hawaii})
+    for (char const* const name : {utc, berlin, newYork, kathmandu, hawaii})
     {
-        setZone(zone);
+        zone.set(name);
         tzset();
         for (int i = 0; i < 2000; ++i)
         {
@@ -137,27 +114,27 @@ TEST_F(TimeTextTest, AgreesWithTheSystemInEveryZone)
             std::array<char, 32> expected{};
             ASSERT_GT(
                 std::strftime(expected.data(), expected.size(), "%Y-%m-%dT%H:%M:%S.000Z", std::localtime(&second)), 0U);
-            ASSERT_EQ(textOf(std::chrono::seconds(second)), expected.data()) << zone;
+            ASSERT_EQ(textOf(std::chrono::seconds(second)), expected.data()) << name;
         }
     }
 }
 
 TEST_F(TimeTextTest, AWholeSecondBefore1970IsExact)
 {
-    setZone(utc);
+    zone.set(utc);
     EXPECT_EQ(textOf(-1s), "1969-12-31T23:59:59.000Z");
     EXPECT_EQ(textOf(-86400s * 365), "1969-01-01T00:00:00.000Z");
 
-    setZone(berlin);
+    zone.set(berlin);
     EXPECT_EQ(textOf(-3601s), "1969-12-31T23:59:59.000Z");
 
-    setZone(newYork);
+    zone.set(newYork);
     EXPECT_EQ(textOf(0s), "1969-12-31T19:00:00.000Z");
 }
 
 TEST_F(TimeTextTest, TheFractionBefore1970IsTruncatedTowards1970AndPrintsAsAnUnsignedNumber)
 {
-    setZone(utc);
+    zone.set(utc);
 
     EXPECT_EQ(textOf(-1ms), "1970-01-01T00:00:00.4294967295Z");
     EXPECT_EQ(textOf(-999ms), "1970-01-01T00:00:00.4294966297Z");
@@ -166,14 +143,14 @@ TEST_F(TimeTextTest, TheFractionBefore1970IsTruncatedTowards1970AndPrintsAsAnUns
 
 TEST_F(TimeTextTest, LessThanAMillisecondBefore1970Is1970)
 {
-    setZone(utc);
+    zone.set(utc);
 
     EXPECT_EQ(textOf(-999999ns), "1970-01-01T00:00:00.000Z");
 }
 
 TEST_F(TimeTextTest, CallsFromSeveralThreadsDoNotDisturbEachOther)
 {
-    setZone(utc);
+    zone.set(utc);
     std::atomic<int> differences{0};
     auto const repeat = [&differences](std::chrono::seconds second, std::string const& expected)
     {
@@ -189,6 +166,8 @@ TEST_F(TimeTextTest, CallsFromSeveralThreadsDoNotDisturbEachOther)
     july.join();
 
     EXPECT_EQ(differences, 0);
+}
+
 }
 
 }

@@ -13,12 +13,15 @@
 #include <atomic>
 #include <type_traits>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
-using namespace std::chrono_literals;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using TestSupport::CallDouble;
+using TestSupport::SteadyClockDouble;
+using namespace std::chrono_literals;
 
 // No CallDouble, as that allocates: the leak checker yields while it holds the allocator's locks.
 std::atomic<unsigned> yields{0};
@@ -26,6 +29,10 @@ CallDouble<int(timespec const*, timespec*)> nanoSleep{"nanosleep"};
 CallDouble<int(clockid_t, int, timespec const*, timespec*)> clockNanosleep{"clock_nanosleep"};
 
 }
+
+}
+
+using namespace Halden::Tavro::Utils;
 
 extern "C" int sched_yield() noexcept
 {
@@ -42,6 +49,9 @@ extern "C" int clock_nanosleep(clockid_t clock, int flags, timespec const* reque
 {
     return clockNanosleep(clock, flags, requested, remaining);
 }
+
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
@@ -121,6 +131,8 @@ TEST(WaitSpinLockTest, NeitherSleepsNorYields)
     EXPECT_EQ(yields, 0U);
     EXPECT_EQ(nanoSleep.count(), 0U);
     EXPECT_EQ(clockNanosleep.count(), 0U);
+}
+
 }
 
 }

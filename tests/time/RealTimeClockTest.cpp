@@ -1,0 +1,211 @@
+#include <utils/SystemTimeHandler.h>
+
+#include "support/TimeZone.h"
+#include "time/ClockFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <linux/rtc.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using namespace TestSupport;
+using namespace std::chrono_literals;
+
+class RealTimeClockTest : public ClockFixture
+{
+protected:
+    /// The verdict on a device while the system clock stays within one second.
+    bool verdictWithinOneSecond()
+    {
+        for (int attempt = 0; attempt < 20; ++attempt)
+        {
+            log.clear();
+            now = systemTime();
+            bool const verdict = devRtcValid("/dev/rtc0");
+            if (systemTime() == now)
+            {
+                return verdict;
+            }
+        }
+        ADD_FAILURE() << "no verdict within one second";
+        return false;
+    }
+
+    std::chrono::seconds now{0}; // of that verdict
+};
+
+TEST_F(RealTimeClockTest, AbsentDeviceIsNotOpened)
+{
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "No RTC available in /dev/rtc0.")));
+    EXPECT_EQ(openDouble.count(), 0U);
+}
+
+TEST_F(RealTimeClockTest, DeviceBelowAFileCountsAsAbsent)
+{
+    EXPECT_FALSE(devRtcValid("/etc/passwd/clock"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "No RTC available in /etc/passwd/clock.")));
+}
+
+TEST_F(RealTimeClockTest, StatusThatCannotBeToldThrows)
+{
+    std::string const tooLong = "/" + std::string(300, 'x');
+
+    EXPECT_THROW(devRtcValid(tooLong), std::filesystem::filesystem_error);
+
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(RealTimeClockTest, DeviceThatCannotBeOpenedIsNotValid)
+{
+    devices = {"/dev/rtc0"};
+    openDouble.failCall(1, -1, EACCES);
+    letLoggingChangeErrno();
+    auto const line = isLine(Severity::Error, "", "Reading /dev/rtc0 failed with errno 13 (Permission denied)");
+    log.expect(line);
+
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(line));
+    EXPECT_EQ(ioctlDouble.count(), 0U);
+    EXPECT_EQ(closeDouble.count(), 0U);
+}
+
+TEST_F(RealTimeClockTest, DeviceIsOpenedReadOnlyAskedOnceAndClosed)
+{
+    devices = {"/dev/rtc0"};
+
+    EXPECT_TRUE(devRtcValid("/dev/rtc0"));
+
+    ASSERT_EQ(openDouble.count(), 1U);
+    EXPECT_EQ(std::get<1>(openDouble.calls()[0]), O_RDONLY);
+    ASSERT_EQ(ioctlDouble.count(), 1U);
+    EXPECT_EQ(std::get<0>(ioctlDouble.calls()[0]), rtc);
+    EXPECT_EQ(std::get<1>(ioctlDouble.calls()[0]), static_cast<unsigned long>(RTC_RD_TIME));
+    EXPECT_THAT(events, ElementsAre("close 4712"));
+}
+
+TEST_F(RealTimeClockTest, EqualClocksCountAsSlower)
+{
+    devices = {"/dev/rtc0"};
+
+    EXPECT_TRUE(verdictWithinOneSecond());
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 0 sec slower than /dev/rtc0.")));
+}
+
+TEST_F(RealTimeClockTest, TwentyNineSecondsOffIsValid)
+{
+    devices = {"/dev/rtc0"};
+
+    rtcOffset = 29s;
+    EXPECT_TRUE(verdictWithinOneSecond());
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 29 sec slower than /dev/rtc0.")));
+
+    rtcOffset = -29s;
+    EXPECT_TRUE(verdictWithinOneSecond());
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 29 sec faster than /dev/rtc0.")));
+}
+
+TEST_F(RealTimeClockTest, ThirtySecondsOffIsNotValid)
+{
+    devices = {"/dev/rtc0"};
+
+    rtcOffset = 30s;
+    EXPECT_FALSE(verdictWithinOneSecond());
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 30 sec slower than /dev/rtc0.")));
+
+    rtcOffset = -30s;
+    EXPECT_FALSE(verdictWithinOneSecond());
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 30 sec faster than /dev/rtc0.")));
+}
+
+TEST_F(RealTimeClockTest, DeviceReadingCountsAsLocalTime)
+{
+    devices = {"/dev/rtc0"};
+    TimeZone zone;
+    zone.set("XYZ-9");
+
+    EXPECT_TRUE(verdictWithinOneSecond());
+
+    rtcOffset = -9h; // in UTC
+    EXPECT_FALSE(verdictWithinOneSecond());
+}
+
+TEST_F(RealTimeClockTest, EveryFieldOfTheReadingIsConverted)
+{
+    devices = {"/dev/rtc0"};
+    ioctlDouble.replace(
+        [](int, unsigned long, void* reading)
+        {
+            *static_cast<rtc_time*>(reading) = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+            return 0;
+        });
+    std::tm seen{};
+    mktimeDouble.replace(
+        [&seen](std::tm* time)
+        {
+            seen = *time;
+            return time_t{0};
+        });
+
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_EQ(seen.tm_sec, 1);
+    EXPECT_EQ(seen.tm_min, 2);
+    EXPECT_EQ(seen.tm_hour, 3);
+    EXPECT_EQ(seen.tm_mday, 4);
+    EXPECT_EQ(seen.tm_mon, 5);
+    EXPECT_EQ(seen.tm_year, 6);
+    EXPECT_EQ(seen.tm_wday, 7);
+    EXPECT_EQ(seen.tm_yday, 8);
+    EXPECT_EQ(seen.tm_isdst, 9);
+}
+
+TEST_F(RealTimeClockTest, ReadingThatCannotBeConvertedIsNotValid)
+{
+    devices = {"/dev/rtc0"};
+    mktimeDouble.replace([](std::tm*) { return time_t{-1}; });
+
+    EXPECT_FALSE(verdictWithinOneSecond());
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "",
+                                                "System time is " + std::to_string(static_cast<int>(now.count() + 1)) +
+                                                    " sec faster than /dev/rtc0.")));
+}
+
+TEST_F(RealTimeClockTest, DistanceIsJudgedBeforeItIsCutToAnInt)
+{
+    if constexpr (sizeof(time_t) < sizeof(std::int64_t))
+    {
+        GTEST_SKIP() << "time_t of this system holds no such distance";
+    }
+    devices = {"/dev/rtc0"};
+    mktimeDouble.replace([this](std::tm*) { return static_cast<time_t>(now.count() + (std::int64_t{1} << 32) + 5); });
+
+    EXPECT_FALSE(verdictWithinOneSecond());
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 5 sec slower than /dev/rtc0.")));
+}
+
+}
+
+}

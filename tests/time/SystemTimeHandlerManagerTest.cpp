@@ -1,0 +1,222 @@
+#include "scheduling/SchedulerSleep.h"
+#include "support/Resources.h"
+#include "support/WaitFor.h"
+#include "time/SystemTimeHandlerFixture.h"
+
+#include <utils/PeriodicCallerManager.h>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::ElementsAre;
+using namespace TestSupport;
+using namespace std::chrono_literals;
+
+/// Runs on a real manager, which polls only when the test allows it.
+class DrivenManager : public PeriodicCallerManagerIfc
+{
+public:
+    DrivenManager(PeriodicCallerManager::ExecutionStrategy strategy)
+        : real(std::make_shared<PeriodicCallerManager>(strategy, "driven"))
+    {
+        SchedulerSleep::await();
+        idle = real->add([this] { ++passes; }, 100ms);
+        EXPECT_TRUE(waitForPasses(1));
+    }
+
+    DrivenManager(DrivenManager const&) = delete;
+    DrivenManager& operator=(DrivenManager const&) = delete;
+
+    ~DrivenManager() override
+    {
+        SchedulerSleep::await(50ms);
+        idle.reset();
+        SchedulerSleep::await();
+    }
+
+    std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
+                                                       std::chrono::duration<double> period) override
+    {
+        EXPECT_EQ(period.count(), 60.0);
+        auto token = real->add(
+            [this, function = std::move(function)]
+            {
+                if (allowed.exchange(false))
+                {
+                    function();
+                    ++polls;
+                }
+            },
+            5ms);
+        if (holdAddUntilPolled)
+        {
+            allowed = true;
+            EXPECT_TRUE(waitForPolls(1));
+        }
+        ++tokens;
+        return std::make_unique<ReportingToken>(std::move(token), [this] { --tokens; });
+    }
+
+    bool poll()
+    {
+        int const before = polls;
+        allowed = true;
+        return waitForPolls(before + 1);
+    }
+
+    bool waitForPolls(int count) const
+    {
+        return waitFor([&] { return polls >= count; });
+    }
+
+    /// The scheduler is alive and has been through its list that often.
+    bool waitForPasses(int count) const
+    {
+        int const before = passes;
+        return waitFor([&] { return passes >= before + count; });
+    }
+
+    std::atomic<bool> allowed{false};
+    std::atomic<bool> holdAddUntilPolled{false};
+    std::atomic<int> passes{0};
+    std::atomic<int> polls{0};
+    std::atomic<int> tokens{0};
+    std::shared_ptr<PeriodicCallerManager> real;
+    std::unique_ptr<PeriodicCallerManagerTokenIfc> idle;
+};
+
+class SystemTimeHandlerManagerTest : public SystemTimeHandlerFixture,
+                                     public testing::WithParamInterface<PeriodicCallerManager::ExecutionStrategy>
+{
+protected:
+    SystemTimeHandlerManagerTest()
+    {
+        // Should the end of the idle function be held up until it is due again.
+        log.expect(isLine(Severity::Warning, "Halden::Tavro::Utils::PcmItem",
+                          std::string("Execution of PCM item is forbidden")));
+    }
+
+    std::shared_ptr<DrivenManager> driven = std::make_shared<DrivenManager>(GetParam());
+    std::unique_ptr<SystemTimeHandler> handler = std::make_unique<SystemTimeHandler>(driven);
+};
+
+TEST_P(SystemTimeHandlerManagerTest, PollDestroysItsOwnTokenAndIsNeverRunAgain)
+{
+    handler->initialize();
+    ASSERT_TRUE(driven->poll());
+    ASSERT_EQ(driven->tokens, 1);
+    ASSERT_FALSE(handler->hasAbsoluteTime());
+    letReadFail(ECANCELED);
+
+    ASSERT_TRUE(driven->poll());
+    driven->allowed = true;
+    ASSERT_TRUE(driven->waitForPasses(3));
+
+    EXPECT_TRUE(handler->hasAbsoluteTime());
+    EXPECT_EQ(driven->tokens, 0);
+    EXPECT_EQ(driven->polls, 2);
+    EXPECT_THAT(events, ElementsAre("close 4711"));
+}
+
+TEST_P(SystemTimeHandlerManagerTest, TokenDoesNotSurviveAFirstPollThatWasFasterThanAdd)
+{
+    driven->holdAddUntilPolled = true;
+    letReadFail(ECANCELED);
+
+    handler->initialize();
+    driven->allowed = true;
+    ASSERT_TRUE(driven->waitForPasses(3));
+
+    EXPECT_TRUE(handler->hasAbsoluteTime());
+    EXPECT_EQ(driven->tokens, 0);
+    EXPECT_EQ(driven->polls, 1);
+}
+
+TEST_P(SystemTimeHandlerManagerTest, DestructorWaitsForAPollThatReachesTrustMeanwhile)
+{
+    handler->initialize();
+    std::promise<void> polling;
+    std::promise<void> goOn;
+    std::shared_future<void> const released = goOn.get_future().share();
+    adjtimexDouble.replace(
+        [&polling, released](timex* query)
+        {
+            polling.set_value();
+            EXPECT_EQ(released.wait_for(10s), std::future_status::ready);
+            query->status = 0;
+            return 0;
+        });
+    driven->allowed = true;
+    ASSERT_EQ(polling.get_future().wait_for(10s), std::future_status::ready);
+
+    std::thread destroyer([this] { handler.reset(); });
+    EXPECT_TRUE(waitFor([this] { return driven->tokens == 0; }));
+    EXPECT_EQ(driven->polls, 0);
+    goOn.set_value();
+    destroyer.join();
+
+    EXPECT_EQ(log.count(isLine(Severity::Debug, "SystemTime", "Clock is synced.")), 1U);
+}
+
+TEST_P(SystemTimeHandlerManagerTest, SettingTheRealClockIsSeenThroughTheRealTimer)
+{
+    timerfdCreateDouble.replace(
+        [](int clock, int flags)
+        {
+            int const real = timerfdCreateDouble.passOn(clock, flags);
+            timerUnderTest = real;
+            return real;
+        });
+    timerfdSettimeDouble.replace(nullptr);
+    readDouble.replace(nullptr);
+    closeDouble.replace(nullptr);
+    auto const before = TestSupport::openDescriptors();
+    handler->initialize();
+    ASSERT_TRUE(driven->poll());
+    ASSERT_FALSE(handler->hasAbsoluteTime());
+    // Threads of the pool that start meanwhile may look at files of their own.
+    ASSERT_TRUE(waitFor([&] { return TestSupport::openDescriptors() == before + 1; }));
+
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (clock_settime(CLOCK_REALTIME, &now) != 0)
+    {
+        GTEST_SKIP() << "not allowed to set the clock: " << strerror(errno);
+    }
+    ASSERT_TRUE(driven->poll());
+
+    EXPECT_TRUE(handler->hasAbsoluteTime());
+    EXPECT_EQ(log.count(isLine(Severity::Info, "SystemTime", "Clock time was set.")), 1U);
+    EXPECT_EQ(driven->tokens, 0);
+    EXPECT_TRUE(waitFor([&] { return TestSupport::openDescriptors() == before; }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Strategies, SystemTimeHandlerManagerTest,
+                         testing::Values(PeriodicCallerManager::ExecutionStrategy::ThreadPool,
+                                         PeriodicCallerManager::ExecutionStrategy::Sequential),
+                         [](auto const& strategy) {
+                             return strategy.param == PeriodicCallerManager::ExecutionStrategy::ThreadPool
+                                        ? "ThreadPool"
+                                        : "Sequential";
+                         });
+
+}
+
+}

@@ -1,0 +1,288 @@
+#include "time/SystemTimeHandlerFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::_;
+using testing::ElementsAre;
+using testing::FieldsAre;
+using namespace TestSupport;
+using namespace std::chrono_literals;
+
+using SystemTimeHandlerPollTest = SystemTimeHandlerFixture;
+
+TEST_F(SystemTimeHandlerPollTest, RunningTimerKeepsThePollingUp)
+{
+    sut.initialize();
+    log.clear();
+
+    manager->function();
+    manager->function();
+
+    EXPECT_FALSE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 0);
+    EXPECT_EQ(closeDouble.count(), 0U);
+    EXPECT_EQ(readDouble.count(), 2U);
+    EXPECT_EQ(std::get<0>(readDouble.calls()[0]), timer);
+    EXPECT_EQ(std::get<2>(readDouble.calls()[0]), 10U);
+    EXPECT_EQ(log.linesOf("SystemTime").back(),
+              (LogLine{Severity::Trace, "SystemTime", "Timer still running: Time has not been set yet."}));
+}
+
+TEST_F(SystemTimeHandlerPollTest, UnexpectedExpiryIsLoggedWithAllTenBytesAndPollingGoesOn)
+{
+    readDouble.replace(
+        [](int, void* buffer, size_t)
+        {
+            std::memcpy(buffer, "0123456789", 10);
+            return ssize_t{10};
+        });
+    std::string const text = "Reading timer file descriptor succeeded unexpectedly: 0123456789";
+    expectError(text);
+    sut.initialize();
+
+    manager->function();
+
+    EXPECT_FALSE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 0);
+    EXPECT_EQ(closeDouble.count(), 0U);
+    EXPECT_EQ(log.linesOf("SystemTime").back(), (LogLine{Severity::Error, "SystemTime", text}));
+}
+
+TEST_F(SystemTimeHandlerPollTest, SetClockIsLoggedThenBelievedThenClosesTheTimerThenEndsPolling)
+{
+    sut.initialize();
+    log.clear();
+    letReadFail(ECANCELED);
+    std::vector<bool> believed;
+    log.onLine(
+        [&](LogLine const& line)
+        {
+            if (line.severity == Severity::Info)
+            {
+                events.push_back(line.text);
+                believed.push_back(sut.hasAbsoluteTime());
+            }
+        });
+    closeDouble.replace(
+        [&](int descriptor)
+        {
+            events.push_back("close " + std::to_string(descriptor));
+            believed.push_back(sut.hasAbsoluteTime());
+            return 0;
+        });
+    manager->onTokenDestruction = [this] { events.emplace_back("token"); };
+
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_THAT(events, ElementsAre("Clock time was set.", "close 4711", "token"));
+    EXPECT_THAT(believed, ElementsAre(false, true));
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
+TEST_F(SystemTimeHandlerPollTest, UnreadableTimerIsLoggedThenEndsPollingThenIsClosed)
+{
+    std::string const text = "Error accessing clock set timer: Stop polling. errno 5 (Input/output error).";
+    expectError(text);
+    sut.initialize();
+    letReadFail(EIO);
+    log.onLine(
+        [this](LogLine const& line)
+        {
+            errno = 0;
+            if (line.severity == Severity::Error)
+            {
+                events.push_back(line.text);
+            }
+        });
+    manager->onTokenDestruction = [this] { events.emplace_back("token"); };
+
+    manager->function();
+
+    EXPECT_FALSE(sut.hasAbsoluteTime());
+    EXPECT_THAT(events, ElementsAre(text, "token", "close 4711"));
+}
+
+TEST_F(SystemTimeHandlerPollTest, InterruptedReadIsAnErrorLikeAnyOther)
+{
+    std::string const text = "Error accessing clock set timer: Stop polling. errno 4 (Interrupted system call).";
+    expectError(text);
+    sut.initialize();
+    letReadFail(EINTR);
+
+    manager->function();
+
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, ElementsAre("close 4711"));
+    EXPECT_EQ(readDouble.count(), 1U);
+    EXPECT_EQ(log.linesOf("SystemTime").back(), (LogLine{Severity::Error, "SystemTime", text}));
+}
+
+TEST_F(SystemTimeHandlerPollTest, UnreadableTimerDoesNotTakeBackTheTrust)
+{
+    expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");
+    sut.initialize();
+    kernelStatus = 0;
+    letReadFail(EIO);
+
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, ElementsAre("close 4711"));
+}
+
+TEST_F(SystemTimeHandlerPollTest, LaterSynchronisationEndsThePollingAndLeavesTheTimerOpen)
+{
+    sut.initialize();
+    kernelStatus = 0;
+
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_EQ(closeDouble.count(), 0U);
+    EXPECT_EQ(readDouble.count(), 1U);
+}
+
+TEST_F(SystemTimeHandlerPollTest, PollAfterTheTrustStillFindsTheTimerThatWasLeftOpen)
+{
+    sut.initialize();
+    kernelStatus = 0;
+    manager->function();
+
+    manager->function();
+
+    EXPECT_THAT(readDouble.calls(), ElementsAre(FieldsAre(timer, _, 10U), FieldsAre(timer, _, 10U)));
+    EXPECT_EQ(log.linesOf("SystemTime").back(),
+              (LogLine{Severity::Trace, "SystemTime", "Timer still running: Time has not been set yet."}));
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
+TEST_F(SystemTimeHandlerPollTest, TimerMayHaveTheDescriptorZero)
+{
+    timerUnderTest = 0;
+    timerfdCreateDouble.replace([](int, int) { return 0; });
+    letReadFail(ECANCELED);
+
+    sut.initialize();
+    ASSERT_EQ(manager->registered, 1);
+    EXPECT_EQ(manager->destroyed, 0);
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_THAT(events, ElementsAre("close 0"));
+}
+
+TEST_F(SystemTimeHandlerPollTest, ClockDeviceThatAgreesLaterEndsThePollingAndLeavesTheTimerOpen)
+{
+    sut.initialize();
+    devices = {"/dev/efirtc"};
+
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, ElementsAre("close 4712")); // that of the device
+}
+
+TEST_F(SystemTimeHandlerPollTest, FirstPollBeforeAddReturnsMayReachTrust)
+{
+    manager->duringAdd = [this]
+    {
+        kernelStatus = 0;
+        manager->function();
+    };
+
+    sut.initialize();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
+TEST_F(SystemTimeHandlerPollTest, FirstPollOnAnotherThreadBeforeAddReturnsMayReachTrust)
+{
+    manager->duringAdd = [this]
+    {
+        kernelStatus = 0;
+        std::thread(manager->function).join();
+    };
+
+    sut.initialize();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
+TEST_F(SystemTimeHandlerPollTest, FirstPollBeforeAddReturnsMayGiveUp)
+{
+    expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");
+    letReadFail(EIO);
+    manager->duringAdd = [this] { manager->function(); };
+
+    sut.initialize();
+
+    EXPECT_FALSE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, ElementsAre("close 4711"));
+}
+
+TEST_F(SystemTimeHandlerPollTest, DestructorLetsGoOfTheManagerAndEndsPollingButLeavesTheTimerOpen)
+{
+    auto handler = std::make_unique<OpenHandler>(manager);
+    handler->initialize();
+    auto const owners = manager.use_count();
+    auto ownersAtTheToken = owners;
+    manager->onTokenDestruction = [&] { ownersAtTheToken = manager.use_count(); };
+
+    handler.reset();
+
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_EQ(ownersAtTheToken, owners - 1);
+    EXPECT_EQ(closeDouble.count(), 0U);
+}
+
+TEST_F(SystemTimeHandlerPollTest, PollThatEndsWhileTheHandlerIsDestroyedDoesNotTouchTheHandlerAnyMore)
+{
+    expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");
+    auto handler = std::make_unique<SystemTimeHandler>(manager);
+    handler->initialize();
+    letReadFail(EIO);
+    std::promise<void> tokenTaken;
+    std::promise<void> handlerGone;
+    manager->onTokenDestruction = [&]
+    {
+        tokenTaken.set_value();
+        EXPECT_EQ(handlerGone.get_future().wait_for(10s), std::future_status::ready);
+    };
+
+    std::thread poll(manager->function);
+    auto const taken = tokenTaken.get_future().wait_for(10s);
+    handler.reset();
+    handlerGone.set_value();
+    poll.join();
+
+    EXPECT_EQ(taken, std::future_status::ready);
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, ElementsAre("close 4711"));
+}
+
+}
+
+}
