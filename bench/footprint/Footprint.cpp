@@ -1,5 +1,7 @@
 // Prints what one object of each kind that has threads costs, and one registered function: heap in use and threads.
 
+#include "support/OtherThreads.h"
+
 #include <utils/LocalIps.h>
 #include <utils/PcmExecutor.h>
 #include <utils/PeriodicCaller.h>
@@ -15,7 +17,6 @@
 #include <iterator>
 #include <memory>
 #include <new>
-#include <thread>
 #include <vector>
 
 namespace
@@ -37,7 +38,7 @@ struct Usage
 /// Once all threads have come to rest.
 Usage usageNow()
 {
-    std::this_thread::sleep_for(200ms);
+    Halden::Tavro::TestSupport::OtherThreads::awaitRest();
     std::filesystem::directory_iterator const tasks("/proc/self/task");
     return {bytesInUse, static_cast<long>(std::distance(begin(tasks), end(tasks)))};
 }
@@ -84,7 +85,7 @@ int main()
 {
     {
         auto const first = manager(Strategy::ThreadPool)(); // what is allocated once for all is not counted
-        usageNow(); // lets its scheduler fall asleep: a stop in the instant before that would be lost
+        usageNow(); // its scheduler sleeps then: a stop in the instant before that would be lost
     }
     print("manager, sequential", manager(Strategy::Sequential));
     print("manager, thread pool", manager(Strategy::ThreadPool));

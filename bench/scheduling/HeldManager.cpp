@@ -1,11 +1,8 @@
 #include "scheduling/HeldManager.h"
 
-#include "support/ThreadState.h"
-
-#include <unistd.h>
+#include "support/OtherThreads.h"
 
 #include <chrono>
-#include <thread>
 
 namespace Halden::Tavro::Bench
 {
@@ -21,7 +18,7 @@ PassManager::PassManager()
 std::shared_ptr<PassManager> makeSleepingManager()
 {
     auto const manager = std::make_shared<PassManager>();
-    std::this_thread::sleep_for(10ms);
+    TestSupport::OtherThreads::awaitRest();
     return manager;
 }
 
@@ -30,7 +27,7 @@ HeldManager::HeldManager(std::size_t count)
     , holder(manager->add([this] { hold(); }, 1ms))
 {
     registered.set_value();
-    scheduler = held.get_future().get();
+    held.get_future().wait();
     for (std::size_t added = 0; added < count; ++added)
     {
         tokens.push_back(manager->add([] {}, 1h));
@@ -42,14 +39,14 @@ HeldManager::~HeldManager()
     tokens.clear();
     release.set_value();
     released.get_future().wait();
-    waitUntilAsleep(scheduler);
+    TestSupport::OtherThreads::awaitRest();
 }
 
 void HeldManager::hold()
 {
     registered.get_future().wait();
     holder.reset(); // on the scheduler thread, so that nothing changes the list while it scans
-    held.set_value(gettid());
+    held.set_value();
     release.get_future().wait();
     released.set_value();
 }

@@ -2,8 +2,6 @@
 
 #include <utils/PeriodicCallerManager.h>
 
-#include <sys/types.h>
-
 #include <future>
 #include <memory>
 #include <vector>
@@ -20,7 +18,7 @@ public:
     PassManager();
 };
 
-/// A manager whose scheduler thread has had time to fall asleep: a wake-up that is asked for just before may be lost.
+/// A manager whose scheduler thread sleeps: a wake-up that is asked for just before may be lost.
 std::shared_ptr<PassManager> makeSleepingManager();
 
 /// A manager whose scheduler thread is kept inside a function, and a number of other functions that do nothing.
@@ -45,13 +43,12 @@ private:
     void hold();
 
     std::promise<void> registered;
-    std::promise<pid_t> held;
+    std::promise<void> held;
     std::promise<void> release;
     std::promise<void> released;
     std::shared_ptr<PassManager> const manager;
     std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> holder;
     std::vector<std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc>> tokens;
-    pid_t scheduler = 0;
 };
 
 }

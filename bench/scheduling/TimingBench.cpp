@@ -1,10 +1,9 @@
 #include "scheduling/HeldManager.h"
-#include "support/ThreadState.h"
+#include "support/OtherThreads.h"
 
 #include <benchmark/benchmark.h>
 
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -44,7 +43,7 @@ Starts startsOfFunction()
     Starts starts;
     starts.reserve(runs);
     std::promise<void> registered;
-    std::promise<pid_t> done;
+    std::promise<void> done;
     std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> token;
     auto const function = [&]
     {
@@ -56,13 +55,14 @@ Starts startsOfFunction()
         if (starts.size() == runs)
         {
             token.reset(); // on the scheduler thread, so that nothing changes the list while it scans
-            done.set_value(gettid());
+            done.set_value();
         }
     };
     auto const manager = Bench::makeSleepingManager();
     token = manager->add(function, period);
     registered.set_value();
-    Bench::waitUntilAsleep(done.get_future().get());
+    done.get_future().wait();
+    TestSupport::OtherThreads::awaitRest();
     return starts;
 }
 
@@ -103,14 +103,14 @@ void idleWakeUps(benchmark::State& state)
 {
     for (auto _ : state)
     {
-        std::promise<pid_t> ran;
+        std::promise<void> ran;
         auto const manager = Bench::makeSleepingManager();
-        auto const token = manager->add([&ran] { ran.set_value(gettid()); }, 10s);
-        pid_t const scheduler = ran.get_future().get();
-        std::this_thread::sleep_for(100ms); // the pass after registration is none of the idle time
-        unsigned long const before = Bench::sleepsOf(scheduler);
+        auto const token = manager->add([&ran] { ran.set_value(); }, 10s);
+        ran.get_future().wait();
+        TestSupport::OtherThreads::awaitRest(); // the pass after registration is none of the idle time
+        unsigned long const before = TestSupport::OtherThreads::sleeps();
         std::this_thread::sleep_for(2s);
-        state.counters["wakeUps"] = static_cast<double>(Bench::sleepsOf(scheduler) - before);
+        state.counters["wakeUps"] = static_cast<double>(TestSupport::OtherThreads::sleeps() - before);
     }
 }
 BENCHMARK(idleWakeUps)->Iterations(1)->Repetitions(3)->UseRealTime();

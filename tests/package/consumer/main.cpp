@@ -1,5 +1,7 @@
 // A service as others write it: a function called periodically, and a sink of its own for all messages.
 
+#include "../../support/OtherThreads.h"
+
 #include <log/Logger.h>
 #include <utils/Hdf5Library.h>
 #include <utils/PcmExecutor.h>
@@ -10,7 +12,6 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
-#include <thread>
 
 using namespace Halden::Tavro;
 using namespace std::chrono_literals;
@@ -37,7 +38,13 @@ public:
     {
     }
 
-    bool waitForThreeCalls() { return enough.get_future().wait_for(60s) == std::future_status::ready; }
+    bool awaitThreeCalls()
+    {
+        registered.set_value();
+        bool const came = enough.get_future().wait_for(60s) == std::future_status::ready;
+        TestSupport::OtherThreads::awaitRest();
+        return came;
+    }
 
 private:
     void work()
@@ -45,20 +52,17 @@ private:
         if (++calls == 3)
         {
             tavroDoLog(Log::Severity::Info, "call %d of %s", {}, calls, "work");
+            registered.get_future().wait();
+            token.reset(); // the scheduler has nothing more to wake for
             enough.set_value();
         }
     }
 
     int calls{0};
+    std::promise<void> registered;
     std::promise<void> enough;
-    std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> const token;
+    std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> token;
 };
-
-/// A request that comes in the moment before the scheduler sleeps would be lost, see PeriodicCallerManager.h.
-void letSleep()
-{
-    std::this_thread::sleep_for(200ms);
-}
 
 }
 
@@ -67,14 +71,13 @@ int main()
     Log::LoggerProxy::instance().setSink(std::make_shared<StdoutSink>());
     auto const manager = std::make_shared<Utils::PeriodicCallerManager>(
         Utils::PeriodicCallerManager::ExecutionStrategy::ThreadPool, "service");
-    letSleep();
+    TestSupport::OtherThreads::awaitRest(); // a request in the moment before the scheduler sleeps may be lost
     bool worked = false;
     {
         Service service(*manager);
         auto const lock = Utils::Hdf5Library::instance().lock(); // works only where HDF5 comes with the library
-        worked = service.waitForThreeCalls();
+        worked = service.awaitThreeCalls();
     }
-    letSleep();
 
     return worked ? EXIT_SUCCESS : EXIT_FAILURE;
 }
