@@ -1,4 +1,6 @@
-# Shared by the scripts of this folder; sourced, not run. Expects bash with "set -euo pipefail".
+# Shared by the scripts of this folder. Expects bash with "set -euo pipefail".
+#
+# A name that ends in .sh is that of a file to be sourced, everywhere in this tree; what is run has none.
 
 # What every build of the library needs.
 readonly build_packages=(cmake g++ libboost-dev libhdf5-dev libspdlog-dev libxml2-dev ninja-build)
@@ -12,6 +14,44 @@ step() {
 fail() {
     printf -- '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1
+}
+
+# know WORD... -- ARGUMENT...: ends the script where an argument is --help, which prints the comment at its head, or matches
+# none of the words, which are patterns.
+know() {
+    local -a words=()
+    local word argument known
+    while [[ $1 != -- ]]; do
+        words+=("$1")
+        shift
+    done
+    shift
+    for argument in "$@"; do
+        if [[ $argument == --help ]]; then
+            sed -n '2,/^[^#]/ { s/^# \{0,1\}//p }' "${BASH_SOURCE[-1]}"
+            exit 0
+        fi
+    done
+    for argument in "$@"; do
+        known=false
+        for word in "${words[@]}"; do
+            # shellcheck disable=SC2053 # a pattern
+            [[ $argument != $word ]] || known=true
+        done
+        $known || fail "unknown: $argument; --help says what there is"
+    done
+}
+
+# know_ctest ARGUMENT...: as know, for what is handed on to ctest, which takes any word and does not tell.
+know_ctest() {
+    while (($# > 0)); do
+        case $1 in
+        -R | -E | -L | -LE | -I | --timeout | --repeat) shift ;;
+        -N | -V | -VV | --rerun-failed | --stop-on-failure) ;;
+        *) fail "unknown: $1; --help says what there is" ;;
+        esac
+        shift || fail "an option lacks its value"
+    done
 }
 
 # missing_packages PKG...: prints those that are not installed. The architecture is the machine's own.
