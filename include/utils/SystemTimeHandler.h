@@ -56,8 +56,8 @@ public:
 ///
 /// Threads: hasAbsoluteTime() may be called from any thread. initialize() and the destructor belong to the owner's
 /// thread, while the first poll may run on a thread of the manager before initialize() has returned. The destructor
-/// waits for a poll in progress. Somebody else must hold the manager for longer than the handler: polling may end at
-/// that very moment on a thread of the manager, which cannot destroy the manager there.
+/// waits for a poll in progress, until the poll no longer holds the manager either: handler and manager may be two
+/// locals, or the handler the manager's only owner.
 class HALDEN_CPPUTILS_EXPORT SystemTimeHandler : public SystemTimeHandlerIfc, protected virtual Log::Logger
 {
 public:

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 #include <utility>
 
 namespace Halden::Tavro::Utils
@@ -28,6 +29,9 @@ constexpr time_t farFuture = 2147483647; // the last second that 32 bits hold, i
 /// handler. One mutex for all handlers will do: it is held only to move a token, a few times in a handler's life.
 std::mutex tokenMutex;
 
+/// Shared by the polls that destroy their own tokens; tokenMutex is taken behind it.
+std::shared_mutex tokenEnd;
+
 }
 
 SystemTimeHandlerIfc::~SystemTimeHandlerIfc() = default;
@@ -40,10 +44,16 @@ SystemTimeHandler::SystemTimeHandler(std::shared_ptr<PeriodicCallerManagerIfc> m
 
 SystemTimeHandler::~SystemTimeHandler()
 {
+    std::unique_ptr<PeriodicCallerManagerTokenIfc> token;
+    {
+        // Waits for a poll that destroys its own token, and with it holds the manager: it must not be the last to do
+        // so, for no manager can end on a thread of its own.
+        std::lock_guard const end(tokenEnd);
+        std::lock_guard const lock(tokenMutex);
+        token.swap(pollToken);
+    }
     manager.reset();
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> token; // destroyed without the lock: it waits for a poll
-    std::lock_guard const lock(tokenMutex);
-    token.swap(pollToken);
+    token.reset(); // without the locks, as it waits for a poll
 }
 
 bool SystemTimeHandler::hasAbsoluteTime() const
@@ -147,7 +157,8 @@ void SystemTimeHandler::pollTimeStatus()
 /// A poll's last access to the handler, whose destructor waits for nothing once the token is gone.
 void SystemTimeHandler::stopPolling(int openTimer)
 {
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> token; // destroyed without the lock: it takes those of the manager
+    std::shared_lock const end(tokenEnd);
+    std::unique_ptr<PeriodicCallerManagerTokenIfc> token; // destroyed without tokenMutex: it takes those of the manager
     std::lock_guard const lock(tokenMutex);
     token.swap(pollToken);
     clockSetTimerFd = openTimer;

@@ -217,6 +217,60 @@ INSTANTIATE_TEST_SUITE_P(Strategies, SystemTimeHandlerManagerTest,
                                         : "Sequential";
                          });
 
+/// Handler and manager as two locals.
+class SystemTimeHandlerManagerEndTest : public SystemTimeHandlerFixture,
+                                        public testing::WithParamInterface<PeriodicCallerManager::ExecutionStrategy>
+{
+};
+
+TEST_P(SystemTimeHandlerManagerEndTest, DestructorWaitsForAPollThatDestroysItsOwnToken)
+{
+    auto manager = std::make_shared<PeriodicCallerManager>(GetParam(), "local");
+    auto handler = std::make_unique<SystemTimeHandler>(manager);
+    std::promise<void> initialized;
+    std::promise<void> tokenTaken;
+    std::promise<void> handlerGone;
+    adjtimexDouble.replace(
+        [&](timex* query)
+        {
+            query->status = STA_UNSYNC;
+            if (adjtimexDouble.count() > 1) // the first is initialize()'s
+            {
+                EXPECT_EQ(initialized.get_future().wait_for(10s), std::future_status::ready);
+            }
+            return TIME_ERROR;
+        });
+    letReadFail(ECANCELED);
+    log.onLine(
+        [&](LogLine const& line)
+        {
+            if (line.text == "+remove" && line.logger == "Halden::Tavro::Utils::PeriodicCallerManager(local)")
+            {
+                tokenTaken.set_value(); // this poll holds the manager by its token
+                EXPECT_EQ(handlerGone.get_future().wait_for(200ms), std::future_status::timeout);
+            }
+        });
+
+    handler->initialize();
+    initialized.set_value();
+    ASSERT_EQ(tokenTaken.get_future().wait_for(10s), std::future_status::ready);
+    handler.reset();
+    auto const owners = manager.use_count();
+    handlerGone.set_value();
+
+    EXPECT_EQ(owners, 1); // else the poll might be the last one, and the manager would die on its own thread
+    SchedulerSleep::await();
+}
+
+INSTANTIATE_TEST_SUITE_P(Strategies, SystemTimeHandlerManagerEndTest,
+                         testing::Values(PeriodicCallerManager::ExecutionStrategy::ThreadPool,
+                                         PeriodicCallerManager::ExecutionStrategy::Sequential),
+                         [](auto const& strategy) {
+                             return strategy.param == PeriodicCallerManager::ExecutionStrategy::ThreadPool
+                                        ? "ThreadPool"
+                                        : "Sequential";
+                         });
+
 }
 
 }

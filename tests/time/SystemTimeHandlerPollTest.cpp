@@ -258,7 +258,7 @@ TEST_F(SystemTimeHandlerPollTest, DestructorLetsGoOfTheManagerAndEndsPollingButL
     EXPECT_EQ(closeDouble.count(), 0U);
 }
 
-TEST_F(SystemTimeHandlerPollTest, PollThatEndsWhileTheHandlerIsDestroyedDoesNotTouchTheHandlerAnyMore)
+TEST_F(SystemTimeHandlerPollTest, DestructorWaitsUntilAPollHasDestroyedItsTokenAndIsNotTouchedAfterwards)
 {
     expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");
     auto handler = std::make_unique<SystemTimeHandler>(manager);
@@ -266,11 +266,19 @@ TEST_F(SystemTimeHandlerPollTest, PollThatEndsWhileTheHandlerIsDestroyedDoesNotT
     letReadFail(EIO);
     std::promise<void> tokenTaken;
     std::promise<void> handlerGone;
+    std::shared_future<void> const gone = handlerGone.get_future().share();
     manager->onTokenDestruction = [&]
     {
         tokenTaken.set_value();
-        EXPECT_EQ(handlerGone.get_future().wait_for(10s), std::future_status::ready);
+        EXPECT_EQ(gone.wait_for(200ms), std::future_status::timeout);
     };
+    closeDouble.replace(
+        [&](int descriptor)
+        {
+            EXPECT_EQ(gone.wait_for(10s), std::future_status::ready);
+            events.push_back("close " + std::to_string(descriptor));
+            return 0;
+        });
 
     std::thread poll(manager->function);
     auto const taken = tokenTaken.get_future().wait_for(10s);
