@@ -94,6 +94,16 @@ ensure_packages() {
         "${missing[@]}" >/dev/null || fail "the installation failed; run: sudo $command"
 }
 
+# refuse_skips LOG [TEST]...: fails where a test was skipped, by the log of ctest, that is not among those named.
+refuse_skips() {
+    local -r log=$1
+    shift
+    local unexpected
+    unexpected=$(sed -n 's/.* - \(.*\) (\(Skipped\|Not Run\|Disabled\))$/\1/p' "$log" |
+        grep --line-regexp --fixed-strings --invert-match --file=<(printf '%s\n' "$@") || true)
+    [[ -z $unexpected ]] || fail "skipped without need: $unexpected"
+}
+
 # quietly NAME COMMAND...: runs it with its output in build/log/NAME.log, of which a failure shows the end.
 quietly() {
     local -r log=build/log/$1.log
