@@ -44,17 +44,20 @@ function(halden_target target)
         $<$<BOOL:${HALDEN_WERROR}>:-Werror>)
 endfunction()
 
-# A library with its public headers in include/, visible only where it says so and its version script agrees.
+# A library with its public headers in include/, visible only where it says so and its version script agrees. Installed
+# outside the system's folders it looks for its siblings beside itself.
 function(halden_library target)
-    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "EXPORT_NAME;VERSION_SCRIPT" "")
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "VERSION_SCRIPT" "")
     halden_target(${target})
     set_target_properties(${target} PROPERTIES
-        EXPORT_NAME ${ARG_EXPORT_NAME}
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR}
         POSITION_INDEPENDENT_CODE ON
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON)
+    if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        set_target_properties(${target} PROPERTIES INSTALL_RPATH $ORIGIN)
+    endif()
     set(script ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_VERSION_SCRIPT})
     target_link_options(${target} PRIVATE LINKER:--version-script=${script})
     set_target_properties(${target} PROPERTIES LINK_DEPENDS ${script})
@@ -64,23 +67,29 @@ function(halden_library target)
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 
-# Installs the library with a CMake package and a pkg-config module of the target's name. STATIC_REQUIRES are the
-# pkg-config modules that users of a static library must link too, STATIC_LIBS the libraries that have no module; a shared
-# library has them in its own list.
-function(halden_install_package target config_in pc_in)
-    cmake_parse_arguments(PARSE_ARGV 3 ARG "" "" "STATIC_REQUIRES;STATIC_LIBS")
-    set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
-    install(TARGETS ${target} EXPORT ${target}-targets
-        LIBRARY COMPONENT ${target}-runtime NAMELINK_COMPONENT ${target}-dev
-        ARCHIVE COMPONENT ${target}-dev)
-    install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory} COMPONENT ${target}-dev)
-    configure_package_config_file(${config_in} ${target}-config.cmake INSTALL_DESTINATION ${directory})
-    write_basic_package_version_file(${target}-config-version.cmake COMPATIBILITY SameMajorVersion)
-    install(FILES
-        ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
-        ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
-        DESTINATION ${directory} COMPONENT ${target}-dev)
+# halden_install_targets(package target...): the libraries, and what find_package needs to know of them.
+function(halden_install_targets package)
+    install(TARGETS ${ARGN} EXPORT ${package}-targets
+        LIBRARY COMPONENT ${package}-runtime NAMELINK_COMPONENT ${package}-dev
+        ARCHIVE COMPONENT ${package}-dev)
+endfunction()
 
+# halden_install_config(package config_in): a CMake package of all targets that were installed for it.
+function(halden_install_config package config_in)
+    set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/${package})
+    install(EXPORT ${package}-targets NAMESPACE Halden:: DESTINATION ${directory} COMPONENT ${package}-dev)
+    configure_package_config_file(${config_in} ${package}-config.cmake INSTALL_DESTINATION ${directory})
+    write_basic_package_version_file(${package}-config-version.cmake COMPATIBILITY SameMajorVersion)
+    install(FILES
+        ${CMAKE_CURRENT_BINARY_DIR}/${package}-config.cmake
+        ${CMAKE_CURRENT_BINARY_DIR}/${package}-config-version.cmake
+        DESTINATION ${directory} COMPONENT ${package}-dev)
+endfunction()
+
+# halden_install_pc(package pc_in): a pkg-config module. STATIC_REQUIRES are the modules that users of a static library must
+# link too, STATIC_LIBS the libraries that have no module; a shared library has them in its own list.
+function(halden_install_pc package pc_in)
+    cmake_parse_arguments(PARSE_ARGV 2 ARG "" "" "STATIC_REQUIRES;STATIC_LIBS")
     # Relative to the module's own place, so that the package works wherever it is put.
     file(RELATIVE_PATH HALDEN_PC_INCLUDEDIR
         ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_INCLUDEDIR})
@@ -91,7 +100,7 @@ function(halden_install_package target config_in pc_in)
         list(TRANSFORM ARG_STATIC_LIBS PREPEND "-l")
         list(JOIN ARG_STATIC_LIBS " " HALDEN_PC_STATIC_LIBS)
     endif()
-    configure_file(${pc_in} ${target}.pc @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-        COMPONENT ${target}-dev)
+    configure_file(${pc_in} ${package}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT ${package}-dev)
 endfunction()

@@ -1,0 +1,25 @@
+# What is installed, with a CMake package and a pkg-config module.
+
+install(DIRECTORY include/utils DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT haldencpputils-dev)
+if(BUILD_SHARED_LIBS)
+    install(TARGETS haldencpputils EXPORT haldencpputils-targets
+        LIBRARY COMPONENT haldencpputils-runtime NAMELINK_SKIP)
+    install(FILES ${halden_linker_script} DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT haldencpputils-dev)
+    halden_install_targets(haldencpputils haldencpputils_xml haldencpputils_hdf5 haldencpputils_all)
+else()
+    halden_install_targets(haldencpputils haldencpputils)
+endif()
+halden_install_config(haldencpputils cmake/haldencpputils-config.cmake.in)
+set(HALDEN_PC_HARDENED false)
+if(HALDEN_HARDENED)
+    set(HALDEN_PC_HARDENED true)
+endif()
+halden_install_pc(haldencpputils cmake/haldencpputils.pc.in
+    STATIC_REQUIRES hdf5-serial libxml-2.0
+    STATIC_LIBS hdf5_cpp)
+
+# The hardened libraries of a tree of both builds, in the place of the exact ones: only for who asks for the component.
+if(TARGET haldencpputils_hardened)
+    install(TARGETS haldencpputils_hardened haldencpputils_xml_hardened haldencpputils_hdf5_hardened
+        LIBRARY COMPONENT haldencpputils-hardened NAMELINK_SKIP EXCLUDE_FROM_ALL)
+endif()
