@@ -15,6 +15,14 @@ namespace Halden::Tavro::Utils
 ///     std::ofstream(work.path() + "/data.csv") << ...
 ///
 /// Threads: any, but the object must outlive every use of its path.
+///
+/// For the removal at the end to succeed, every writer in the directory has finished, no mount is left below it, and
+/// its directories are writable. A relative path is looked up from the working directory of that moment, which should
+/// be the one of construction.
+///
+/// Hazards of the exact build:
+/// What cannot be removed ends the process, as the std::filesystem::filesystem_error leaves the destructor; the hardened
+/// build logs it at severity Error. A constructor that finds no memory for the path leaves the directory behind.
 class HALDEN_CPPUTILS_EXPORT TempDir : protected virtual Log::Logger
 {
 public:
@@ -28,10 +36,6 @@ public:
     TempDir& operator=(TempDir const&) = delete;
 
     /// Removes the directory with all that is in it. One that is gone already is fine.
-    ///
-    /// What cannot be removed ends the process: the std::filesystem::filesystem_error leaves the destructor. So before
-    /// it runs, let every writer in the directory finish, end every mount below it, and leave its directories writable.
-    /// A relative path is looked up from the working directory of that moment, which should be the one of construction.
     ~TempDir();
 
     std::string path() const;

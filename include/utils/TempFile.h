@@ -14,9 +14,17 @@ namespace Halden::Tavro::Utils
 ///     TempFile const file("data-", ".h5", "/tmp"); // like /tmp/data-Ab12Cd.h5, for the owner only
 ///     write(file.fileDescriptor(), ...);
 ///
-/// The descriptor is inherited by programs that the process starts; where that matters, set FD_CLOEXEC with fcntl(2).
-///
 /// Threads: any, but the object must outlive every use of its path and descriptor.
+///
+/// The descriptor is inherited by programs that the process starts; where that matters, set FD_CLOEXEC with fcntl(2). A
+/// failing close(2) at the end goes unnoticed: to be sure of what was written, call fsync(2) before.
+///
+/// For the removal at the end to succeed, the file's directory is writable and nothing else has taken the file's place.
+/// A relative path is looked up from the working directory of that moment, which should be the one of construction.
+///
+/// Hazards of the exact build:
+/// A file that cannot be removed ends the process, as the std::filesystem::filesystem_error leaves the destructor; the
+/// hardened build logs it at severity Error. A constructor that finds no memory for the path leaves the file, open.
 class HALDEN_CPPUTILS_EXPORT TempFile : private Log::Logger
 {
 public:
@@ -30,11 +38,6 @@ public:
     TempFile& operator=(TempFile const&) = delete;
 
     /// Closes and removes the file. One that is removed already is fine.
-    ///
-    /// What cannot be removed ends the process: the std::filesystem::filesystem_error leaves the destructor. So leave
-    /// the file's directory writable, and put nothing else in the file's place. A relative path is looked up from the
-    /// working directory of that moment, which should be the one of construction. A failing close(2) goes unnoticed:
-    /// to be sure of what was written, call fsync(2) before.
     ~TempFile();
 
     std::string path() const;

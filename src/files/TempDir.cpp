@@ -1,13 +1,17 @@
 #include <utils/TempDir.h>
 
+#include "build/Hardened.h"
 #include "files/NameTemplate.h"
-#include "log/Log.h"
+#include "log/LogErrno.h"
+
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
+#include <new>
 #include <stdexcept>
+#include <system_error>
 
 namespace Halden::Tavro::Utils
 {
@@ -19,18 +23,40 @@ TempDir::TempDir(std::string const& prefix, std::string const& parent)
     char const* const created = mkdtemp(name.data());
     if (created == nullptr)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "Cannot create temporary directory in '%s', errno is %d: %s",
-                     parent.c_str(), error, strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "Cannot create temporary directory in '%s', errno is %d: %s", parent.c_str());
         throw std::runtime_error("Cannot create temporary directory.");
     }
-    path_ = created;
+    try
+    {
+        path_ = created;
+    }
+    catch (std::bad_alloc const&)
+    {
+        if constexpr (hardened)
+        {
+            rmdir(created);
+        }
+        throw;
+    }
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Created directory %s", path_.c_str());
 }
 
-TempDir::~TempDir() // NOLINT(bugprone-exception-escape): wanted, it ends the process
+TempDir::~TempDir() // NOLINT(bugprone-exception-escape): in the exact build
 {
-    std::filesystem::remove_all(path_);
+    if constexpr (hardened)
+    {
+        std::error_code error;
+        std::filesystem::remove_all(path_, error);
+        if (error)
+        {
+            errno = error.value();
+            TAVRO_LOG_ERRNO_TO(*this, "Cannot remove temporary directory '%s', errno is %d: %s", path_.c_str());
+        }
+    }
+    else
+    {
+        std::filesystem::remove_all(path_); // kept: a service that cannot clean up ends, and is started anew
+    }
 }
 
 std::string TempDir::path() const

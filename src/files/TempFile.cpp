@@ -1,16 +1,17 @@
 #include <utils/TempFile.h>
 
+#include "build/Hardened.h"
 #include "files/NameTemplate.h"
-#include "log/Log.h"
+#include "log/LogErrno.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
+#include <new>
 #include <stdexcept>
-#include <utility>
+#include <system_error>
 
 namespace Halden::Tavro::Utils
 {
@@ -22,19 +23,42 @@ TempFile::TempFile(std::string const& prefix, std::string const& suffix, std::st
     fileDescriptor_ = mkstemps(name.data(), static_cast<int>(suffix.size()));
     if (fileDescriptor_ == -1)
     {
-        int const error = errno;
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "Cannot create temporary file in %s, errno is %d: %s",
-                     directory.c_str(), error, strerror(error));
+        TAVRO_LOG_ERRNO_TO(*this, "Cannot create temporary file in %s, errno is %d: %s", directory.c_str());
         throw std::runtime_error("Cannot create temporary file");
     }
-    path_ = std::move(name);
+    try
+    {
+        path_ = name;
+    }
+    catch (std::bad_alloc const&)
+    {
+        if constexpr (hardened)
+        {
+            close(fileDescriptor_);
+            unlink(name.c_str());
+        }
+        throw;
+    }
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Created file %s (fd = %d)", path_.c_str(), fileDescriptor_);
 }
 
-TempFile::~TempFile() // NOLINT(bugprone-exception-escape): wanted, it ends the process
+TempFile::~TempFile() // NOLINT(bugprone-exception-escape): in the exact build
 {
     close(fileDescriptor_);
-    std::filesystem::remove(path_);
+    if constexpr (hardened)
+    {
+        std::error_code error;
+        std::filesystem::remove(path_, error);
+        if (error)
+        {
+            errno = error.value();
+            TAVRO_LOG_ERRNO_TO(*this, "Cannot remove temporary file %s, errno is %d: %s", path_.c_str());
+        }
+    }
+    else
+    {
+        std::filesystem::remove(path_); // kept: a service that cannot clean up ends, and is started anew
+    }
 }
 
 std::string TempFile::path() const

@@ -1,6 +1,6 @@
-#include "scheduling/FailingNew.h"
 #include "scheduling/SchedulerSleep.h"
 #include "support/ChildProcess.h"
+#include "support/FailingNew.h"
 #include "support/PrintingSink.h"
 
 #include <log/Logger.h>

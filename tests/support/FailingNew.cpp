@@ -1,6 +1,6 @@
 // Replaces the global allocation functions of the test program, and with them those of the libraries it links.
 
-#include "scheduling/FailingNew.h"
+#include "support/FailingNew.h"
 
 #include <cstddef>
 #include <cstdlib>
@@ -12,18 +12,34 @@ using Halden::Tavro::TestSupport::AllocationFailure;
 namespace
 {
 
-thread_local AllocationFailure nextAllocation = AllocationFailure::None;
+thread_local AllocationFailure coming = AllocationFailure::None;
+thread_local std::size_t passing = 0; // before it
+
+AllocationFailure next()
+{
+    if (coming == AllocationFailure::None || passing-- > 0)
+    {
+        return AllocationFailure::None;
+    }
+    return std::exchange(coming, AllocationFailure::None);
+}
 
 }
 
-void Halden::Tavro::TestSupport::failNextAllocation(AllocationFailure failure)
+void Halden::Tavro::TestSupport::failNextAllocation(AllocationFailure failure, std::size_t passing)
 {
-    nextAllocation = failure;
+    coming = failure;
+    ::passing = passing;
+}
+
+bool Halden::Tavro::TestSupport::allocationHasFailed()
+{
+    return std::exchange(coming, AllocationFailure::None) == AllocationFailure::None;
 }
 
 void* operator new(std::size_t size)
 {
-    AllocationFailure const failure = std::exchange(nextAllocation, AllocationFailure::None);
+    AllocationFailure const failure = next();
     if (failure == AllocationFailure::Unknown)
     {
         throw 42;

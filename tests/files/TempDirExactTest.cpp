@@ -1,0 +1,75 @@
+// What a service of the exact build does not survive, and what it leaves.
+
+#include <utils/TempDir.h>
+
+#include "WorkingDirectory.h"
+#include "support/ChildProcess.h"
+#include "support/FailingNew.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <cstddef>
+#include <exception>
+#include <filesystem>
+#include <optional>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace testing;
+using namespace TestSupport;
+
+class TempDirExactTest : public Test
+{
+protected:
+    WorkingDirectory const parent;
+};
+
+// kept: a service that cannot clean up ends, and is started anew
+TEST_F(TempDirExactTest, WhatCannotBeRemovedEndsTheProcess)
+{
+    auto const result = runInChild(
+        [this]
+        {
+            TempDir const sut("data-", parent.path());
+            rlimit const none{0, 0};
+            setrlimit(RLIMIT_NOFILE, &none); // so the directory cannot be opened
+            return 0;
+        });
+
+    EXPECT_EQ(result.signal, std::optional(SIGABRT));
+    EXPECT_THAT(result.output, HasSubstr("filesystem error"));
+    EXPECT_THAT(result.output, HasSubstr("Too many open files"));
+}
+
+// kept: one that runs out of memory has other worries
+TEST_F(TempDirExactTest, DirectoryWhosePathFindsNoMemoryStays)
+{
+    LogCapture const silence(Log::Severity::Critical);
+    bool stayed = false;
+    for (std::size_t passing = 0; !stayed; ++passing)
+    {
+        failNextAllocation(AllocationFailure::BadAlloc, passing);
+        try
+        {
+            TempDir const sut("data-", parent.path());
+            ASSERT_TRUE(allocationHasFailed()) << "none of its " << passing << " allocations leaves a directory";
+        }
+        catch (std::exception const&)
+        {
+        }
+        stayed = !std::filesystem::is_empty(parent.path());
+    }
+    EXPECT_TRUE(stayed);
+}
+
+}
+
+}
