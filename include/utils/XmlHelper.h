@@ -15,27 +15,31 @@ namespace Halden::Tavro::Utils
 ///     xml.validateAgainstXSD("device.xml", "device.xsd");
 ///     auto const name = xml.singleNodeText("device.xml", "/upnp:root/upnp:device/upnp:friendlyName");
 ///
-/// A document is the whole text of a stream, wherever its reading stands, or a file, which is read as by fileToString()
-/// with the exceptions of that function. In expressions the prefix "upnp" stands for urn:schemas-upnp-org:device-1-0,
-/// and there is no other; names without a prefix are those without a namespace. Paths begin with "/": a relative one
-/// has nothing to start from and selects nothing. Texts are UTF-8, whatever the encoding of the document.
+/// A document is the whole text of a stream, wherever its reading stands, or a file, which fileToString() reads and may
+/// throw about. In expressions the prefix "upnp", and no other, stands for urn:schemas-upnp-org:device-1-0; names
+/// without a prefix are those without a namespace. Paths begin with "/". Texts are UTF-8, whatever the encoding of the
+/// document.
 ///
-/// Only what is wrong with the validity of a document is logged. What libxml2 has to say about the reading of
-/// documents, schemas and expressions goes to its own error output, which is standard error.
+/// What makes a document invalid is logged. What libxml2 has to say of documents, schemas and expressions that it
+/// cannot read goes to standard error.
 ///
-/// Threads: one at a time for all XML work of the process, with this class or with libxml2 itself. The messages of a
-/// validation pass through buffers of the process, and every nodesText() that succeeds ends with xmlCleanupParser(): no
-/// other thread may use libxml2 then, and what was registered with libxml2 (input callbacks, encodings) is lost. Best
-/// keep to one thread: a success on another than that which used libxml2 before can leave 1 KB of libxml2's allocated.
+/// Threads: any, each with a helper of its own or all with one. In the exact build, one at a time: see the hazards.
 ///
 /// Documents of strangers:
-/// - Neither an external DTD nor an external entity is read, from the disk or the network; its text is empty. Neither
-///   is a schema that a document names. The schema file itself is not read from the network, but what it includes or
-///   imports is, and so everything in it must be trusted.
-/// - Entities that a document defines itself are expanded. Deep nesting is refused as a loop, but a document of 7 KB
-///   can still yield a text of 1 GB: refuse a document with a DOCTYPE before, or limit the memory of the process.
-/// - A validation message quotes the document, and one of 5000 characters or more ends the process. So a document with
-///   long names or values is only safe to validate in a child process.
+/// - Nothing external is read for them: no DTD, no entity, whose text is empty, no schema that they name.
+/// - Entities that they define themselves are expanded, and 7 KB can yield a text of 1 GB: refuse a DOCTYPE before, or
+///   limit the memory of the process.
+/// - The schema is to be trusted: it is not read from the network, but what it includes or imports is.
+///
+/// Hazards of the exact build:
+/// - All XML work of the process, with this class or with libxml2 itself, belongs to one thread at a time. Each
+///   nodesText() that succeeds ends with xmlCleanupParser(), which takes from libxml2 what others have registered with
+///   it and whatever other threads are using; on a second thread that leaves 1 KB allocated.
+/// - A validation that succeeds leaves its objects allocated: 30 KB on a 64-bit machine for a schema of three elements,
+///   more for larger ones and larger documents. Validate what comes once, or do it in a child process.
+/// - A validation message of 5000 characters or more ends the process; the hardened build cuts it to 4999. Messages
+///   quote the document, so one with long names or values is only safe to validate in a child process.
+/// - An expression that yields no nodes, and a node without any content, leave their objects allocated.
 class HALDEN_CPPUTILS_EXPORT XmlHelper
 {
 public:
@@ -43,15 +47,9 @@ public:
     /// same.
     XmlHelper();
 
-    /// Returns when the document is valid.
+    /// Returns when the document is valid. Each message about it is logged at severity Error, warnings as well.
     ///
-    /// Each message about it is logged at severity Error, warnings as well. A document with references to entities
-    /// other than the five of XML itself counts as invalid.
-    ///
-    /// Every success leaves five objects allocated for good: the schema's document, parser context and schema, the
-    /// validation context and the document. With a schema of three elements these are 30 KB on a 64-bit machine, and
-    /// they grow with schema and document. So validate what comes once, not what comes periodically, or do it in a
-    /// child process.
+    /// A document with references to entities other than the five of XML itself counts as invalid.
     ///
     /// @param xsdPath as for xmlReadFile(): also a URL of a file, and "-" is standard input
     /// @throws std::runtime_error "Failed to load the XML schema", "Failed to create document parser context",
@@ -64,17 +62,17 @@ public:
     /// element includes those of all elements in it.
     ///
     /// An expression that yields a number, a text or a boolean is answered with a pointer as exception, which handlers
-    /// for std::exception do not catch, and leaves result, context and document allocated. Whoever does not write the
-    /// expressions himself needs
+    /// for std::exception do not catch. Whoever does not write the expressions himself needs
     ///
     ///     catch (std::runtime_error* error) { std::unique_ptr<std::runtime_error> const owner(error); ... }
+    ///
+    /// A node that has no content at all, such as a processing instruction without data, has an empty text; in the
+    /// exact build it is answered with the std::logic_error of a std::string made of null.
     ///
     /// @throws std::runtime_error* "Invalid type", see above
     /// @throws std::runtime_error "Could not open file" when the document is not well-formed,
     ///         "Failed to create xpath context", "Failed to register namespace prefix for XPath", or
     ///         "Failed to create xpath expression" when it cannot be evaluated, as with an unknown prefix
-    /// @throws std::logic_error of std::string for a processing instruction without data, which has no text at all;
-    ///         result, context and document stay allocated
     std::vector<std::string> nodesText(std::stringstream const& document, std::string const& xpath);
     std::vector<std::string> nodesText(std::string const& documentPath, std::string const& xpath);
 

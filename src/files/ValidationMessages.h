@@ -3,8 +3,10 @@
 namespace Halden::Tavro::Utils
 {
 
-/// What libxml2 calls for each message about a document that it validates. One call at a time: each formats into a
-/// static buffer of 5000 characters, and a message that does not fit ends the process.
+/// What libxml2 calls for each message about a document that it validates, to be logged.
+///
+/// The hardened build cuts a message to 4999 characters. In the exact build a longer one ends the process, and only one
+/// call at a time may be made, for each function has one buffer.
 [[gnu::format(printf, 2, 3)]] void logValidationError(void* unused, char const* format, ...);
 [[gnu::format(printf, 2, 3)]] void logValidationWarning(void* unused, char const* format, ...);
 

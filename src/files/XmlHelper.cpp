@@ -1,15 +1,20 @@
 #include <utils/XmlHelper.h>
 
+#include "build/Hardened.h"
 #include "files/ValidationMessages.h"
 #include "log/Log.h"
 
 #include <utils/FileToString.h>
 
+#include <libxml/catalog.h>
 #include <libxml/parser.h>
 #include <libxml/xmlschemas.h>
+#include <libxml/xmlschemastypes.h>
 #include <libxml/xpath.h>
 #include <libxml/xpathInternals.h>
 
+#include <memory>
+#include <mutex>
 #include <stdexcept>
 
 namespace Halden::Tavro::Utils
@@ -18,40 +23,38 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-/// All that a validation makes, in the order in which a failed one frees it.
-struct ValidationObjects
+struct Free
 {
-    xmlSchemaValidCtxt* context{nullptr};
-    xmlSchema* schema{nullptr};
-    xmlSchemaParserCtxt* schemaParser{nullptr};
-    xmlDoc* schemaDocument{nullptr};
-    xmlDoc* document{nullptr};
+    void operator()(xmlDoc* object) const { xmlFreeDoc(object); }
+    void operator()(xmlSchemaParserCtxt* object) const { xmlSchemaFreeParserCtxt(object); }
+    void operator()(xmlSchema* object) const { xmlSchemaFree(object); }
+    void operator()(xmlSchemaValidCtxt* object) const { xmlSchemaFreeValidCtxt(object); }
+    void operator()(xmlXPathContext* object) const { xmlXPathFreeContext(object); }
+    void operator()(xmlXPathObject* object) const { xmlXPathFreeObject(object); }
+    void operator()(xmlChar* text) const { xmlFree(text); }
 };
 
 template <typename Object>
-void freeIfAny(void (*function)(Object*), Object* object)
+using Owned = std::unique_ptr<Object, Free>;
+
+template <typename Object>
+Owned<Object> require(Object* object, char const* failure)
 {
-    if (object != nullptr)
+    if (object == nullptr)
     {
-        function(object);
+        throw std::runtime_error(failure);
     }
+    return Owned<Object>(object);
 }
 
-[[noreturn]] void fail(ValidationObjects const& objects, char const* message)
+/// Nothing in the hardened build, which frees whatever it has made.
+template <typename... Objects>
+void leaveAllocated(Owned<Objects>&... objects)
 {
-    freeIfAny(xmlSchemaFreeValidCtxt, objects.context);
-    freeIfAny(xmlSchemaFree, objects.schema);
-    freeIfAny(xmlSchemaFreeParserCtxt, objects.schemaParser);
-    freeIfAny(xmlFreeDoc, objects.schemaDocument);
-    freeIfAny(xmlFreeDoc, objects.document);
-    throw std::runtime_error(message);
-}
-
-[[noreturn]] void fail(xmlXPathContext* context, xmlDoc* document, char const* message)
-{
-    freeIfAny(xmlXPathFreeContext, context);
-    xmlFreeDoc(document);
-    throw std::runtime_error(message);
+    if constexpr (!hardened)
+    {
+        (static_cast<void>(objects.release()), ...);
+    }
 }
 
 xmlChar const* toXml(char const* text)
@@ -65,48 +68,95 @@ xmlDoc* parse(std::stringstream const& document)
     return xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, 0);
 }
 
+/// @param content null for a node that has none
+std::string toText(xmlChar const* content)
+{
+    if constexpr (hardened)
+    {
+        if (content == nullptr)
+        {
+            return {};
+        }
+    }
+    return reinterpret_cast<char const*>(content); // kept: null throws what services take for a fault of the document
 }
 
-XmlHelper::XmlHelper()
+std::vector<std::string> textsOf(std::stringstream const& document, std::string const& xpath)
+{
+    auto tree = require(parse(document), "Could not open file");
+    auto context = require(xmlXPathNewContext(tree.get()), "Failed to create xpath context");
+    if (xmlXPathRegisterNs(context.get(), toXml("upnp"), toXml("urn:schemas-upnp-org:device-1-0")) != 0)
+    {
+        throw std::runtime_error("Failed to register namespace prefix for XPath");
+    }
+    auto result =
+        require(xmlXPathEvalExpression(toXml(xpath.c_str()), context.get()), "Failed to create xpath expression");
+    if (result->type != XPATH_NODESET)
+    {
+        leaveAllocated(tree, context, result);
+        // kept: services catch the pointer
+        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference,cert-err09-cpp,cert-err61-cpp)
+        throw new std::runtime_error("Invalid type");
+    }
+
+    std::vector<std::string> texts;
+    xmlNodeSet const* const nodes = result->nodesetval;
+    for (int i = 0; nodes != nullptr && i < nodes->nodeNr; ++i)
+    {
+        Owned<xmlChar> const content(xmlNodeGetContent(nodes->nodeTab[i]));
+        if (content == nullptr)
+        {
+            leaveAllocated(tree, context, result);
+        }
+        texts.push_back(toText(content.get()));
+    }
+    return texts;
+}
+
+void prepareLibXml()
 {
     LIBXML_TEST_VERSION
     xmlInitParser();
 }
 
+/// What libxml2 would make on first use, without a lock.
+void prepareLibXmlForThreads()
+{
+    xmlInitializeCatalog();
+    xmlSchemaInitTypes();
+}
+
+}
+
+XmlHelper::XmlHelper()
+{
+    if constexpr (hardened)
+    {
+        static std::mutex mutex;
+        std::lock_guard const lock(mutex);
+        prepareLibXml();
+        prepareLibXmlForThreads();
+    }
+    else
+    {
+        prepareLibXml();
+    }
+}
+
 void XmlHelper::validateAgainstXSD(std::stringstream const& document, std::string const& xsdPath)
 {
-    ValidationObjects objects;
-    objects.schemaDocument = xmlReadFile(xsdPath.c_str(), nullptr, XML_PARSE_NONET);
-    if (objects.schemaDocument == nullptr)
+    Owned<xmlDoc> tree; // the last to be freed
+    auto schemaTree = require(xmlReadFile(xsdPath.c_str(), nullptr, XML_PARSE_NONET), "Failed to load the XML schema");
+    auto parser = require(xmlSchemaNewDocParserCtxt(schemaTree.get()), "Failed to create document parser context");
+    auto schema = require(xmlSchemaParse(parser.get()), "Failed to parse XSD");
+    auto context = require(xmlSchemaNewValidCtxt(schema.get()), "Failed to create validation context");
+    tree = require(parse(document), "Failed to open the HaldenDeviceId.xml"); // kept: services look for this text
+    xmlSchemaSetValidErrors(context.get(), logValidationError, logValidationWarning, nullptr);
+    if (xmlSchemaValidateDoc(context.get(), tree.get()) != 0)
     {
-        fail(objects, "Failed to load the XML schema");
+        throw std::runtime_error("Document is invalid");
     }
-    objects.schemaParser = xmlSchemaNewDocParserCtxt(objects.schemaDocument);
-    if (objects.schemaParser == nullptr)
-    {
-        fail(objects, "Failed to create document parser context");
-    }
-    objects.schema = xmlSchemaParse(objects.schemaParser);
-    if (objects.schema == nullptr)
-    {
-        fail(objects, "Failed to parse XSD");
-    }
-    objects.context = xmlSchemaNewValidCtxt(objects.schema);
-    if (objects.context == nullptr)
-    {
-        fail(objects, "Failed to create validation context");
-    }
-    objects.document = parse(document);
-    if (objects.document == nullptr)
-    {
-        fail(objects, "Failed to open the HaldenDeviceId.xml"); // kept: whatever the document is
-    }
-    xmlSchemaSetValidErrors(objects.context, logValidationError, logValidationWarning, nullptr);
-    if (xmlSchemaValidateDoc(objects.context, objects.document) != 0)
-    {
-        fail(objects, "Document is invalid");
-    }
-    // kept: the objects are not freed
+    leaveAllocated(tree, schemaTree, parser, schema, context); // kept: the time and memory that services reckon with
 }
 
 void XmlHelper::validateAgainstXSD(std::string const& documentPath, std::string const& xsdPath)
@@ -116,45 +166,11 @@ void XmlHelper::validateAgainstXSD(std::string const& documentPath, std::string 
 
 std::vector<std::string> XmlHelper::nodesText(std::stringstream const& document, std::string const& xpath)
 {
-    xmlDoc* const tree = parse(document);
-    if (tree == nullptr)
+    std::vector<std::string> texts = textsOf(document, xpath);
+    if constexpr (!hardened)
     {
-        throw std::runtime_error("Could not open file");
+        xmlCleanupParser(); // kept: between two readings a service wants libxml2 to hold no memory
     }
-    xmlXPathContext* const context = xmlXPathNewContext(tree);
-    if (context == nullptr)
-    {
-        fail(context, tree, "Failed to create xpath context");
-    }
-    if (xmlXPathRegisterNs(context, toXml("upnp"), toXml("urn:schemas-upnp-org:device-1-0")) != 0)
-    {
-        fail(context, tree, "Failed to register namespace prefix for XPath");
-    }
-    xmlXPathObject* const result = xmlXPathEvalExpression(toXml(xpath.c_str()), context);
-    if (result == nullptr)
-    {
-        fail(context, tree, "Failed to create xpath expression");
-    }
-    if (result->type != XPATH_NODESET)
-    {
-        // kept: a pointer, and what was made stays allocated
-        // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference,cert-err09-cpp,cert-err61-cpp)
-        throw new std::runtime_error("Invalid type");
-    }
-
-    std::vector<std::string> texts;
-    xmlNodeSet const* const nodes = result->nodesetval;
-    for (int i = 0; nodes != nullptr && i < nodes->nodeNr; ++i)
-    {
-        xmlChar* const content = xmlNodeGetContent(nodes->nodeTab[i]);
-        texts.emplace_back(reinterpret_cast<char const*>(content));
-        xmlFree(content);
-    }
-
-    xmlXPathFreeObject(result);
-    xmlXPathFreeContext(context);
-    xmlFreeDoc(tree);
-    xmlCleanupParser();
     return texts;
 }
 

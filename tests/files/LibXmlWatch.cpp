@@ -1,8 +1,10 @@
 #include "LibXmlWatch.h"
 
+#include <libxml/catalog.h>
 #include <libxml/globals.h>
 #include <libxml/parser.h>
 #include <libxml/xmlschemas.h>
+#include <libxml/xmlschemastypes.h>
 #include <libxml/xpath.h>
 #include <libxml/xpathInternals.h>
 
@@ -234,11 +236,7 @@ std::size_t LibXmlWatch::bytes()
     return state().bytes;
 }
 
-}
-
 // The doubles. Each notes the call, and passes it on unless it is to fail.
-
-using namespace Halden::Tavro::TestSupport;
 
 #define REAL(function) reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, #function))
 
@@ -255,6 +253,18 @@ extern "C"
     {
         note("xmlInitParser", {});
         REAL(xmlInitParser)();
+    }
+
+    void xmlInitializeCatalog()
+    {
+        note("xmlInitializeCatalog", {});
+        REAL(xmlInitializeCatalog)();
+    }
+
+    decltype(xmlSchemaInitTypes()) xmlSchemaInitTypes() // newer versions say whether it has succeeded
+    {
+        note("xmlSchemaInitTypes", {});
+        return REAL(xmlSchemaInitTypes)();
     }
 
     void xmlCleanupParser()
@@ -383,4 +393,6 @@ extern "C"
                    : made(
                          "content", REAL(xmlNodeGetContent)(node), +[](xmlChar* content) { xmlFree(content); });
     }
+}
+
 }

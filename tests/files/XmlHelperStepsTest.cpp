@@ -3,16 +3,11 @@
 #include <utils/XmlHelper.h>
 
 #include "LibXmlWatch.h"
-#include "TextFile.h"
-#include "support/LogCapture.h"
+#include "XmlHelperWatched.h"
 
 #include <gmock/gmock.h>
 
-#include <libxml/xmlversion.h>
-
 #include <functional>
-#include <memory>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -27,69 +22,9 @@ namespace
 using namespace testing;
 using namespace TestSupport;
 
-std::string const xsd = R"(<xs:schema xmlns:xs="http://www.w3.org/2001/XMLSchema">
-<xs:element name="device">
-<xs:complexType><xs:sequence><xs:element name="name" type="xs:string"/></xs:sequence></xs:complexType>
-</xs:element>
-</xs:schema>)";
-
-std::string const document = "<device><name>A</name><name>B</name></device>";
-std::string const validDocument = "<device><name>A</name></device>";
-
-std::vector<std::string> operator+(std::vector<std::string> left, std::vector<std::string> const& right)
+class XmlHelperStepsTest : public XmlHelperWatched
 {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-class XmlHelperStepsTest : public Test
-{
-protected:
-    XmlHelperStepsTest()
-    {
-        watch.emplace(); // without the calls of the constructor under test
-    }
-
-    std::vector<std::string> validationSteps() const
-    {
-        return {"xmlReadFile(" + xsdFile.path() + ", null, 2048)",
-                "xmlSchemaNewDocParserCtxt(XSD)",
-                "xmlSchemaParse(parser)",
-                "xmlSchemaNewValidCtxt(schema)",
-                "xmlReadMemory(" + validDocument + ", null, null, 0)",
-                "xmlSchemaSetValidErrors(validation, callback, callback, null)",
-                "xmlSchemaValidateDoc(validation, document)"};
-    }
-
-    LogCapture log;
-    TextFile const xsdFile{xsd};
-    XmlHelper sut;
-    std::optional<LibXmlWatch> watch;
 };
-
-std::vector<std::string> const querySteps{
-    "xmlReadMemory(" + document + ", null, null, 0)",
-    "xmlXPathNewContext(document)",
-    "xmlXPathRegisterNs(context, upnp, urn:schemas-upnp-org:device-1-0)",
-    "xmlXPathEvalExpression(//name, context)",
-    "xmlNodeGetContent(name)",
-    "xmlFree(content)",
-    "xmlNodeGetContent(name)",
-    "xmlFree(content)",
-};
-
-std::vector<std::string> const queryEnd{
-    "xmlXPathFreeObject(result)",
-    "xmlXPathFreeContext(context)",
-    "xmlFreeDoc(document)",
-    "xmlCleanupParser()",
-};
-
-/// The first so many.
-std::vector<std::string> first(std::size_t count, std::vector<std::string> const& steps)
-{
-    return {steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(count)};
-}
 
 struct Failure
 {
@@ -99,25 +34,6 @@ struct Failure
     std::vector<std::string> freed;
     int number{-1};
 };
-
-TEST(XmlHelperConstructorTest, ChecksTheVersionAndPreparesTheParser)
-{
-    LibXmlWatch const watch;
-
-    XmlHelper const sut;
-
-    EXPECT_THAT(watch.calls(),
-                ElementsAre("xmlCheckVersion(" + std::to_string(LIBXML_VERSION) + ")", "xmlInitParser()"));
-}
-
-TEST_F(XmlHelperStepsTest, SuccessfulValidationFreesNothing)
-{
-    sut.validateAgainstXSD(std::stringstream(validDocument), xsdFile.path());
-
-    EXPECT_EQ(watch->calls(), validationSteps());
-    EXPECT_THAT(watch->left(), ElementsAre("XSD", "parser", "schema", "validation", "document"));
-    EXPECT_THAT(log.lines(), IsEmpty());
-}
 
 TEST_F(XmlHelperStepsTest, FailedValidationFreesWhatItHasMade)
 {
@@ -137,8 +53,7 @@ TEST_F(XmlHelperStepsTest, FailedValidationFreesWhatItHasMade)
          })
     {
         SCOPED_TRACE(failure.function);
-        watch.reset();
-        watch.emplace();
+        watchAnew();
         watch->fail(failure.function, failure.number);
 
         EXPECT_THAT([&] { sut.validateAgainstXSD(std::stringstream(validDocument), xsdFile.path()); },
@@ -148,14 +63,6 @@ TEST_F(XmlHelperStepsTest, FailedValidationFreesWhatItHasMade)
         EXPECT_THAT(watch->left(), IsEmpty());
         EXPECT_THAT(log.lines(), IsEmpty());
     }
-}
-
-TEST_F(XmlHelperStepsTest, SuccessfulQueryFreesEverythingAndCleansUpTheParser)
-{
-    EXPECT_THAT(sut.nodesText(std::stringstream(document), "//name"), ElementsAre("A", "B"));
-
-    EXPECT_EQ(watch->calls(), querySteps + queryEnd);
-    EXPECT_THAT(watch->left(), IsEmpty());
 }
 
 TEST_F(XmlHelperStepsTest, FailedQueryFreesWhatItHasMade)
@@ -171,8 +78,7 @@ TEST_F(XmlHelperStepsTest, FailedQueryFreesWhatItHasMade)
          })
     {
         SCOPED_TRACE(failure.function);
-        watch.reset();
-        watch.emplace();
+        watchAnew();
         watch->fail(failure.function, failure.number);
 
         EXPECT_THAT([&] { sut.nodesText(std::stringstream(document), "//name"); },
@@ -182,102 +88,6 @@ TEST_F(XmlHelperStepsTest, FailedQueryFreesWhatItHasMade)
         EXPECT_THAT(watch->left(), IsEmpty());
         EXPECT_THAT(log.lines(), IsEmpty());
     }
-}
-
-TEST_F(XmlHelperStepsTest, ResultThatIsNoNodeSetIsThrownAsPointerAndFreesNothing)
-{
-    for (char const* const expression : {"count(//name)", "string(//name)", "//name = 'A'", "1 div 0"})
-    {
-        SCOPED_TRACE(expression);
-        watch.reset();
-        watch.emplace();
-
-        std::unique_ptr<std::runtime_error> thrown;
-        try
-        {
-            sut.nodesText(std::stringstream(document), expression);
-        }
-        catch (std::exception const&)
-        {
-            ADD_FAILURE() << "thrown by value";
-        }
-        catch (std::runtime_error* error)
-        {
-            thrown.reset(error);
-        }
-
-        ASSERT_NE(thrown, nullptr);
-        EXPECT_STREQ(thrown->what(), "Invalid type");
-        EXPECT_THAT(watch->left(), ElementsAre("document", "context", "result"));
-        EXPECT_THAT(watch->calls().back(), StartsWith("xmlXPathEvalExpression("));
-        EXPECT_THAT(log.lines(), IsEmpty());
-    }
-}
-
-TEST_F(XmlHelperStepsTest, NodeWithoutContentIsALogicErrorAndFreesNothing)
-{
-    watch->fail("xmlNodeGetContent");
-
-    EXPECT_THAT([&] { sut.nodesText(std::stringstream(document), "//name"); },
-                ThrowsMessage<std::logic_error>(StrEq("basic_string: construction from null is not valid")));
-
-    EXPECT_EQ(watch->calls(), first(5, querySteps));
-    EXPECT_THAT(watch->left(), ElementsAre("document", "context", "result"));
-}
-
-TEST_F(XmlHelperStepsTest, ProcessingInstructionWithoutDataHasNoContent)
-{
-    EXPECT_THROW(
-        sut.nodesText(std::stringstream("<device><?reset now?><?reset?></device>"), "//processing-instruction()"),
-        std::logic_error);
-
-    EXPECT_THAT(watch->calls(), Contains("xmlNodeGetContent(reset)").Times(2));
-    EXPECT_THAT(watch->left(), ElementsAre("document", "context", "result"));
-}
-
-TEST_F(XmlHelperStepsTest, EmptyNodeSetIsAnEmptyList)
-{
-    for (char const* const expression : {"//model", "self::node()"}) // the latter's node set is null
-    {
-        SCOPED_TRACE(expression);
-        watch.reset();
-        watch.emplace();
-
-        EXPECT_THAT(sut.nodesText(std::stringstream(document), expression), IsEmpty());
-
-        EXPECT_THAT(watch->calls(), Not(Contains(StartsWith("xmlNodeGetContent"))));
-        EXPECT_THAT(watch->calls().back(), "xmlCleanupParser()");
-        EXPECT_THAT(watch->left(), IsEmpty());
-    }
-}
-
-TEST_F(XmlHelperStepsTest, SingleTextIsTakenFromTheListOfAll)
-{
-    EXPECT_EQ(sut.singleNodeText(std::stringstream(validDocument), "//name"), "A");
-
-    EXPECT_THAT(watch->calls(), Contains("xmlXPathEvalExpression(//name, context)").Times(1));
-    EXPECT_THAT(watch->calls().back(), "xmlCleanupParser()");
-    EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(XmlHelperStepsTest, FileFormsTakeTheSameSteps)
-{
-    TextFile const file(document);
-    TextFile const validFile(validDocument);
-
-    EXPECT_THAT(sut.nodesText(file.path(), "//name"), ElementsAre("A", "B"));
-    EXPECT_EQ(watch->calls(), querySteps + queryEnd);
-
-    watch.reset();
-    watch.emplace();
-    EXPECT_EQ(sut.singleNodeText(validFile.path(), "//name"), "A");
-    EXPECT_EQ(watch->calls().front(), "xmlReadMemory(" + validDocument + ", null, null, 0)");
-    EXPECT_THAT(watch->calls(), Contains("xmlXPathEvalExpression(//name, context)").Times(1));
-
-    watch.reset();
-    watch.emplace();
-    sut.validateAgainstXSD(validFile.path(), xsdFile.path());
-    EXPECT_EQ(watch->calls(), validationSteps());
 }
 
 TEST_F(XmlHelperStepsTest, FileThatIsMissingFailsBeforeLibXmlIsInvolved)
@@ -310,33 +120,7 @@ TEST_F(XmlHelperStepsTest, WholeTextOfTheStreamCountsWhereverItIsRead)
     EXPECT_FALSE(stream.good()); // as the reading has left it
 }
 
-/// What a call leaves in libxml2's memory, once all that is made only once is there.
-std::size_t bytesLeftBy(std::function<void()> const& call)
-{
-    call();
-    std::size_t const before = LibXmlWatch::bytes();
-    call();
-    return LibXmlWatch::bytes() - before;
-}
-
-TEST_F(XmlHelperStepsTest, ValidationLeavesTheMemoryOfFiveObjectsAndNothingElse)
-{
-    std::size_t const left =
-        bytesLeftBy([&] { sut.validateAgainstXSD(std::stringstream(validDocument), xsdFile.path()); });
-
-    EXPECT_THAT(watch->left(), SizeIs(10));
-    EXPECT_THAT(left, AllOf(Gt(10'000U), Lt(40'000U))); // 30 KB, says the header
-
-    std::size_t const without = bytesLeftBy(
-        [&]
-        {
-            sut.validateAgainstXSD(std::stringstream(validDocument), xsdFile.path());
-            watch->freeWhatIsLeft();
-        });
-    EXPECT_EQ(without, 0U);
-}
-
-TEST_F(XmlHelperStepsTest, FailedValidationLeavesNoMemory)
+TEST_F(XmlHelperStepsTest, FailedValidationLeavesNoMemoryAllocated)
 {
     for (char const* const function : {"xmlReadFile", "xmlSchemaNewDocParserCtxt", "xmlSchemaParse",
                                        "xmlSchemaNewValidCtxt", "xmlReadMemory", "xmlSchemaValidateDoc"})
@@ -353,7 +137,7 @@ TEST_F(XmlHelperStepsTest, FailedValidationLeavesNoMemory)
     }
 }
 
-TEST_F(XmlHelperStepsTest, QueryLeavesNoMemory)
+TEST_F(XmlHelperStepsTest, ReadingLeavesNoMemoryAllocatedWhetherItSucceedsOrFails)
 {
     EXPECT_EQ(bytesLeftBy([&] { sut.nodesText(std::stringstream(document), "//name"); }), 0U);
     for (char const* const function :
@@ -367,6 +151,69 @@ TEST_F(XmlHelperStepsTest, QueryLeavesNoMemory)
                       }),
                   0U)
             << function;
+    }
+}
+
+TEST_F(XmlHelperStepsTest, EmptyNodeSetIsAnEmptyList)
+{
+    for (char const* const expression : {"//model", "self::node()"}) // the latter's node set is null
+    {
+        SCOPED_TRACE(expression);
+        watchAnew();
+
+        EXPECT_THAT(sut.nodesText(std::stringstream(document), expression), IsEmpty());
+
+        EXPECT_THAT(watch->calls(), Not(Contains(StartsWith("xmlNodeGetContent"))));
+        EXPECT_THAT(watch->left(), IsEmpty());
+    }
+}
+
+TEST_F(XmlHelperStepsTest, SingleTextIsTakenFromTheListOfAll)
+{
+    EXPECT_EQ(sut.singleNodeText(std::stringstream(validDocument), "//name"), "A");
+
+    EXPECT_THAT(watch->calls(), Contains("xmlXPathEvalExpression(//name, context)").Times(1));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(XmlHelperStepsTest, FileFormsTakeTheSameSteps)
+{
+    TextFile const file(document);
+    TextFile const validFile(validDocument);
+
+    sut.nodesText(std::stringstream(document), "//name");
+    auto const ofReading = watch->calls();
+    watchAnew();
+    EXPECT_THAT(sut.nodesText(file.path(), "//name"), ElementsAre("A", "B"));
+    EXPECT_EQ(watch->calls(), ofReading);
+
+    watchAnew();
+    EXPECT_EQ(sut.singleNodeText(validFile.path(), "//name"), "A");
+    EXPECT_EQ(watch->calls().front(), "xmlReadMemory(" + validDocument + ", null, null, 0)");
+    EXPECT_THAT(watch->calls(), Contains("xmlXPathEvalExpression(//name, context)").Times(1));
+
+    watchAnew();
+    sut.validateAgainstXSD(std::stringstream(validDocument), xsdFile.path());
+    auto const ofValidation = watch->calls();
+    watchAnew();
+    sut.validateAgainstXSD(validFile.path(), xsdFile.path());
+    EXPECT_EQ(watch->calls(), ofValidation);
+}
+
+/// What none of them is: a number, a text, a boolean.
+TEST_F(XmlHelperStepsTest, ResultThatIsNoNodeSetIsThrownAsAPointer)
+{
+    for (char const* const expression : {"count(//name)", "string(//name)", "//name = 'A'", "1 div 0"})
+    {
+        SCOPED_TRACE(expression);
+        watchAnew();
+
+        auto const thrown = pointerThrownBy([&] { sut.nodesText(std::stringstream(document), expression); });
+
+        ASSERT_NE(thrown, nullptr);
+        EXPECT_STREQ(thrown->what(), "Invalid type");
+        EXPECT_EQ(first(4, watch->calls()).back(), std::string("xmlXPathEvalExpression(") + expression + ", context)");
+        EXPECT_THAT(log.lines(), IsEmpty());
     }
 }
 
