@@ -21,8 +21,9 @@ namespace Halden::Tavro::Utils
 /// be the one of construction.
 ///
 /// Hazards of the exact build:
-/// What cannot be removed ends the process, as the std::filesystem::filesystem_error leaves the destructor; the hardened
-/// build logs it at severity Error. A constructor that finds no memory for the path leaves the directory behind.
+/// What cannot be removed ends the process, as the std::filesystem::filesystem_error leaves the destructor; the
+/// hardened build logs it at severity Error. A constructor that finds no memory for the path leaves the directory
+/// behind.
 class HALDEN_CPPUTILS_EXPORT TempDir : protected virtual Log::Logger
 {
 public:
