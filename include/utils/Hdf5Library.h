@@ -39,18 +39,17 @@ private:
 /// declare these after the lock. A lock is needed even with an HDF5 that is built thread-safe, as Debian's is: that
 /// makes single calls of the C library safe, but neither its C++ classes nor a sequence of calls.
 ///
+/// Threads: instance() and lock() may be called from any. HDF5's own printing of errors is switched off on the thread
+/// of the first instance() only, because a thread-safe HDF5 keeps that setting for each thread: every other one calls
+/// H5::Exception::dontPrint() once, before its HDF5 work.
+///
 /// H5::Exception is no std::exception: catch it before the end of a thread, or of a periodic function, whose log line
 /// would lack its text.
-///
-/// HDF5's own printing of errors is switched off on the thread of the first instance() only, because a thread-safe HDF5
-/// keeps that setting for each thread. Every other thread calls H5::Exception::dontPrint() once, before its HDF5 work.
 ///
 /// During exit the destructor closes HDF5, without taking the lock, and with it all files that are still open. Threads
 /// with HDF5 work must have ended by then. Objects with static lifetime may use HDF5 in their destructors only if they
 /// were constructed after the first instance() returned. HDF5's C++ library opens and closes HDF5 itself as well,
 /// before main and last of all: that does no harm, but makes the start of every program some milliseconds longer.
-///
-/// Threads: instance() and lock() may be called from any.
 class HALDEN_CPPUTILS_EXPORT Hdf5Library : protected virtual Log::Logger
 {
 public:

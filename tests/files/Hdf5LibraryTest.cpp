@@ -1,5 +1,8 @@
+// HDF5 is opened once for all, and closed at the end of the process.
+
 #include <utils/Hdf5Library.h>
 
+#include "WorkingDirectory.h"
 #include "support/CallDouble.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
@@ -9,11 +12,6 @@
 
 #include <H5Cpp.h>
 
-#include <pthread.h>
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -21,60 +19,42 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <numeric>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
-using namespace Halden::Tavro;
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
-using namespace std::chrono_literals;
-using namespace testing;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
 
-// Made on first use and never destroyed: HDF5's C++ library opens the C library before any object of the program
-// exists, and closes it after all are gone.
+using namespace testing;
+using namespace TestSupport;
 
-CallDouble<herr_t()>& h5Open()
-{
-    static auto& instance = *new CallDouble<herr_t()>("H5open");
-    return instance;
-}
-
-CallDouble<herr_t()>& h5Close()
-{
-    static auto& instance = *new CallDouble<herr_t()>("H5close");
-    return instance;
-}
-
-CallDouble<herr_t(hid_t, H5E_auto2_t, void*)>& setErrorPrinting()
-{
-    static auto& instance = *new CallDouble<herr_t(hid_t, H5E_auto2_t, void*)>("H5Eset_auto2");
-    return instance;
-}
+// HDF5's C++ library calls some before any object of the program exists, and after all are gone.
+CallDouble<herr_t()> h5Open{"H5open"};
+CallDouble<herr_t()> h5Close{"H5close"};
+CallDouble<herr_t(hid_t, H5E_auto2_t, void*)> setErrorPrinting{"H5Eset_auto2"};
 
 }
 
 extern "C" herr_t H5open()
 {
-    return h5Open()();
+    return h5Open();
 }
 
 extern "C" herr_t H5close()
 {
-    return h5Close()();
+    return h5Close();
 }
 
 extern "C" herr_t H5Eset_auto2(hid_t stack, H5E_auto2_t function, void* data)
 {
-    return setErrorPrinting()(stack, function, data);
+    return setErrorPrinting(stack, function, data);
 }
 
 namespace
@@ -88,14 +68,10 @@ class Hdf5LibraryTest : public Test
 protected:
     Hdf5LibraryTest()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "hdf5-library-XXXXXX").string();
-        directory = mkdtemp(pattern.data());
-        h5Open().reset();
-        h5Close().reset();
-        setErrorPrinting().reset();
+        h5Open.reset();
+        h5Close.reset();
+        setErrorPrinting.reset();
     }
-
-    ~Hdf5LibraryTest() override { std::filesystem::remove_all(directory); }
 
     /// @return what the child has printed; its expectations are part of the test
     static std::string inChild(std::function<void()> const& piece)
@@ -127,7 +103,8 @@ protected:
             });
     }
 
-    std::filesystem::path directory;
+    WorkingDirectory const workingDirectory;
+    std::filesystem::path const directory = workingDirectory.path();
 };
 
 void openMissingFile()
@@ -143,7 +120,7 @@ static_assert(!std::is_copy_constructible_v<Hdf5Library> && !std::is_copy_assign
 static_assert(!std::is_copy_constructible_v<Hdf5LibraryLock> && !std::is_copy_assignable_v<Hdf5LibraryLock>);
 static_assert(sizeof(Hdf5LibraryLock) == sizeof(std::mutex*));
 
-TEST_F(Hdf5LibraryTest, OpensHdf5OnceForAllThreads)
+TEST_F(Hdf5LibraryTest, Hdf5IsOpenedOnceForAllThreads)
 {
     inChild(
         []
@@ -171,67 +148,67 @@ TEST_F(Hdf5LibraryTest, OpensHdf5OnceForAllThreads)
                 instances.insert(thread.get());
             }
             EXPECT_THAT(instances, SizeIs(1));
-            EXPECT_EQ(h5Open().count(), 1U);
-            EXPECT_EQ(h5Close().count(), 0U);
+            EXPECT_EQ(h5Open.count(), 1U);
+            EXPECT_EQ(h5Close.count(), 0U);
             EXPECT_THAT(log.lines(), IsEmpty());
         });
 }
 
-TEST_F(Hdf5LibraryTest, LogsAFailedOpenThrowsAndTriesAgainInTheNextCall)
+TEST_F(Hdf5LibraryTest, FailedOpenIsLoggedThrownAndTriedAgainInTheNextCall)
 {
     inChild(
         []
         {
             LogCapture log;
             log.expect(isLine(Log::Severity::Error, loggerName, StartsWith("H5open failed with ")));
-            h5Open().failCall(1, -1, 0);
-            h5Open().failCall(2, -7, 0);
+            h5Open.failCall(1, -1, 0);
+            h5Open.failCall(2, -7, 0);
 
             EXPECT_THAT([] { Hdf5Library::instance(); },
                         ThrowsMessage<std::runtime_error>(StrEq("Failed to open HDF5 library")));
             EXPECT_THAT([] { Hdf5Library::instance(); },
                         ThrowsMessage<std::runtime_error>(StrEq("Failed to open HDF5 library")));
-            EXPECT_EQ(setErrorPrinting().count(), 0U);
+            EXPECT_EQ(setErrorPrinting.count(), 0U);
             EXPECT_NO_THROW(Hdf5Library::instance());
 
-            EXPECT_EQ(h5Open().count(), 3U);
+            EXPECT_EQ(h5Open.count(), 3U);
             EXPECT_THAT(log.lines(), ElementsAre(isLine(Log::Severity::Error, loggerName, "H5open failed with -1"),
                                                  isLine(Log::Severity::Error, loggerName, "H5open failed with -7")));
         });
 }
 
-TEST_F(Hdf5LibraryTest, TakesAnyResultFromZeroOnForSuccess)
+TEST_F(Hdf5LibraryTest, AnyResultFromZeroOnIsASuccess)
 {
     std::string const output = untilExit(
         []
         {
-            h5Open().failCall(1, 1, 0);
-            h5Close().failCall(1, 1, 0);
+            h5Open.failCall(1, 1, 0);
+            h5Close.failCall(1, 1, 0);
             EXPECT_NO_THROW(Hdf5Library::instance());
         });
 
     EXPECT_EQ(output, "exit\nend\n");
 }
 
-TEST_F(Hdf5LibraryTest, SwitchesErrorPrintingOffOnceHdf5IsOpen)
+TEST_F(Hdf5LibraryTest, ErrorPrintingIsSwitchedOffOnceHdf5IsOpen)
 {
     inChild(
         []
         {
-            h5Open().replace(
+            h5Open.replace(
                 []
                 {
-                    EXPECT_EQ(setErrorPrinting().count(), 0U);
-                    return h5Open().passOn();
+                    EXPECT_EQ(setErrorPrinting.count(), 0U);
+                    return h5Open.passOn();
                 });
 
             Hdf5Library::instance();
 
-            EXPECT_THAT(setErrorPrinting().calls(), ElementsAre(FieldsAre(H5E_DEFAULT, nullptr, nullptr)));
+            EXPECT_THAT(setErrorPrinting.calls(), ElementsAre(FieldsAre(H5E_DEFAULT, nullptr, nullptr)));
         });
 }
 
-TEST_F(Hdf5LibraryTest, KeepsErrorsOfTheFirstThreadOffTheTerminal)
+TEST_F(Hdf5LibraryTest, ErrorsOfTheFirstThreadStayOffTheTerminal)
 {
     std::string const output = inChild(
         []
@@ -244,7 +221,7 @@ TEST_F(Hdf5LibraryTest, KeepsErrorsOfTheFirstThreadOffTheTerminal)
     EXPECT_EQ(output, "");
 }
 
-TEST_F(Hdf5LibraryTest, LeavesItToEachOtherThreadToKeepItsErrorsOffTheTerminal)
+TEST_F(Hdf5LibraryTest, EachOtherThreadKeepsItsErrorsOffTheTerminalItself)
 {
     bool threadSafe = false;
     ASSERT_GE(H5is_library_threadsafe(&threadSafe), 0);
@@ -276,15 +253,15 @@ TEST_F(Hdf5LibraryTest, LeavesItToEachOtherThreadToKeepItsErrorsOffTheTerminal)
 
 void printCloses()
 {
-    h5Close().replace(
+    h5Close.replace(
         []
         {
             print("close");
-            return h5Close().passOn();
+            return h5Close.passOn();
         });
 }
 
-TEST_F(Hdf5LibraryTest, ClosesHdf5OnceAtExitWithoutAWord)
+TEST_F(Hdf5LibraryTest, Hdf5IsClosedOnceAtExitWithoutAWord)
 {
     std::string const output = untilExit(
         []
@@ -297,25 +274,25 @@ TEST_F(Hdf5LibraryTest, ClosesHdf5OnceAtExitWithoutAWord)
     EXPECT_THAT(output, StartsWith("exit\nclose\nend\n"));
 }
 
-TEST_F(Hdf5LibraryTest, LogsAFailedCloseAndLetsTheExitGoOn)
+TEST_F(Hdf5LibraryTest, FailedCloseIsLoggedAndTheExitGoesOn)
 {
     std::string const output = untilExit(
         []
         {
-            h5Close().failCall(1, -3, 0);
+            h5Close.failCall(1, -3, 0);
             Hdf5Library::instance();
         });
 
     EXPECT_EQ(output, "exit\n1 [Halden::Tavro::Utils::Hdf5Library] H5close failed with -3\nend\n");
 }
 
-TEST_F(Hdf5LibraryTest, ClosesNothingWhereItHasOpenedNothing)
+TEST_F(Hdf5LibraryTest, NothingIsClosedWhereNothingWasOpened)
 {
     std::string const output = untilExit(
         []
         {
             printCloses();
-            h5Open().failCall(1, -1, 0);
+            h5Open.failCall(1, -1, 0);
             EXPECT_THROW(Hdf5Library::instance(), std::runtime_error);
         });
 
@@ -345,140 +322,6 @@ TEST_F(Hdf5LibraryTest, FilesThatAreStillOpenAreWholeAfterTheExit)
         });
 }
 
-TEST_F(Hdf5LibraryTest, LockWaitsUntilTheOneBeforeIsDropped)
-{
-    inChild(
-        []
-        {
-            auto first = Hdf5Library::instance().lock();
-            std::atomic<bool> dropped{false};
-            auto second = std::async(std::launch::async,
-                                     [&dropped]
-                                     {
-                                         auto const lock = Hdf5Library::instance().lock();
-                                         return dropped.load();
-                                     });
-            EXPECT_EQ(second.wait_for(100ms), std::future_status::timeout);
-
-            dropped = true;
-            first.reset();
-
-            ASSERT_EQ(second.wait_for(10s), std::future_status::ready);
-            EXPECT_TRUE(second.get());
-        });
-}
-
-/// Appends the number to the file's only data set, in several steps.
-void append(std::filesystem::path const& path, int number)
-{
-    H5::H5File const file(path, H5F_ACC_RDWR);
-    H5::DataSet const numbers = file.openDataSet("numbers");
-    hsize_t const one = 1;
-    hsize_t count = 0;
-    numbers.getSpace().getSimpleExtentDims(&count);
-    hsize_t const extended = count + 1;
-    numbers.extend(&extended);
-    H5::DataSpace const target = numbers.getSpace();
-    target.selectHyperslab(H5S_SELECT_SET, &one, &count);
-    numbers.write(&number, H5::PredType::NATIVE_INT, H5::DataSpace(1, &one), target);
-}
-
-std::vector<int> numbersIn(std::filesystem::path const& path)
-{
-    H5::H5File const file(path, H5F_ACC_RDONLY);
-    H5::DataSet const numbers = file.openDataSet("numbers");
-    std::vector<int> result(static_cast<std::size_t>(numbers.getSpace().getSimpleExtentNpoints()));
-    numbers.read(result.data(), H5::PredType::NATIVE_INT);
-    return result;
-}
-
-void createNumbers(std::filesystem::path const& path)
-{
-    hsize_t const none = 0;
-    hsize_t const unlimited = H5S_UNLIMITED;
-    hsize_t const chunk = 64;
-    H5::DSetCreatPropList layout;
-    layout.setChunk(1, &chunk);
-    H5::H5File(path, H5F_ACC_TRUNC)
-        .createDataSet("numbers", H5::PredType::NATIVE_INT, H5::DataSpace(1, &none, &unlimited), layout);
-}
-
-TEST_F(Hdf5LibraryTest, TwoThreadsThatLockLoseNothingInOneFile)
-{
-    constexpr int perThread = 100;
-    auto const path = directory / "shared.h5";
-
-    inChild(
-        [&]
-        {
-            {
-                auto const lock = Hdf5Library::instance().lock();
-                createNumbers(path);
-            }
-            std::atomic<int> inside{0};
-            auto const work = [&](int first)
-            {
-                for (int number = first; number < first + perThread; ++number)
-                {
-                    auto const lock = Hdf5Library::instance().lock();
-                    EXPECT_EQ(++inside, 1);
-                    append(path, number);
-                    --inside;
-                }
-            };
-
-            std::thread other(work, perThread);
-            work(0);
-            other.join();
-
-            std::vector<int> expected(2 * perThread);
-            std::iota(expected.begin(), expected.end(), 0);
-            auto const lock = Hdf5Library::instance().lock();
-            EXPECT_THAT(numbersIn(path), UnorderedElementsAreArray(expected));
-        });
-}
-
-TEST(Hdf5LibraryLockTest, HoldsTheMutexForAsLongAsItLives)
-{
-    std::mutex mutex;
-    auto const isFree = [&mutex]
-    {
-        return std::async(std::launch::async,
-                          [&mutex] { return std::unique_lock(mutex, std::try_to_lock).owns_lock(); })
-            .get();
-    };
-    {
-        Hdf5LibraryLock const sut(mutex);
-
-        EXPECT_FALSE(isFree());
-    }
-    EXPECT_TRUE(isFree());
-}
-
-TEST(Hdf5LibraryLockTest, ThrowsASystemErrorWhenTheMutexCannotBeLocked)
-{
-    std::mutex mutex;
-    pthread_mutexattr_t errorChecking{};
-    ASSERT_EQ(pthread_mutexattr_init(&errorChecking), 0);
-    ASSERT_EQ(pthread_mutexattr_settype(&errorChecking, PTHREAD_MUTEX_ERRORCHECK), 0);
-    ASSERT_EQ(pthread_mutex_init(mutex.native_handle(), &errorChecking), 0);
-    Hdf5LibraryLock const held(mutex);
-
-    EXPECT_THROW(
-        {
-            try
-            {
-                Hdf5LibraryLock const sut(mutex);
-            }
-            catch (std::system_error const& error)
-            {
-                EXPECT_EQ(error.code(), std::errc::resource_deadlock_would_occur);
-                throw;
-            }
-        },
-        std::system_error);
-
-    EXPECT_EQ(pthread_mutex_lock(mutex.native_handle()), EDEADLK); // still held
 }
 
 }
