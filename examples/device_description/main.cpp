@@ -1,6 +1,8 @@
 // Says what a UPnP device description holds, once it has proved valid.
 
+#include "../support/Files.h"
 #include "../support/Program.h"
+#include "../support/Xml.h"
 
 #include <log/Logger.h>
 #include <utils/FileToString.h>
@@ -84,6 +86,7 @@ void printTexts(Utils::XmlHelper& xml, std::stringstream const& document, std::s
 int describe(std::string const& file, std::string const& xpath)
 {
     Log::LoggerProxy::instance().setSink(std::make_shared<FaultPrinter>(file));
+    requireReadable(file);
     try
     {
         std::stringstream const document(Utils::fileToString(file));
@@ -100,9 +103,9 @@ int describe(std::string const& file, std::string const& xpath)
     }
     catch (std::exception const& error)
     {
-        throw std::runtime_error(file + ": " + error.what());
+        throw std::runtime_error(file + ": " + faultOf(error));
     }
-    return std::cout.flush() ? 0 : 1;
+    return 0;
 }
 
 }

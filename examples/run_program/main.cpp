@@ -1,22 +1,34 @@
-// Runs a program with this one's standard input, and tells how it has ended.
+// Runs a program with this one's standard input, and ends as it has ended. What is done here by hand, execute() does
+// for who needs neither the child's process id nor the reason why a program cannot be started.
 //
 //     echo 3 1 2 | run_program --timeout 500 --env LC_ALL=C /usr/bin/wc -w
 
 #include "../support/Program.h"
+#include "Signals.h"
 
+#include <log/Logger.h>
 #include <utils/Execute.h>
 
+#include <signal.h> // NOLINT(modernize-deprecated-headers): SIGKILL is POSIX
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <cstring>
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
-using Halden::Tavro::Utils::Environment;
-using Halden::Tavro::Utils::execute;
-using Halden::Tavro::Utils::ExecutionResult;
+using namespace Halden::Tavro;
+using Utils::Environment;
+using Utils::ExecutionResult;
+using Utils::Pipe;
 
 namespace
 {
@@ -57,37 +69,91 @@ Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std:
     return options;
 }
 
-std::string verdictOf(ExecutionResult const& result)
+/// Ends the child, which is not to be the program, with a status as env(1) has it.
+[[noreturn]] void giveUp(std::string const& program, std::string_view reason)
 {
-    if (result.exitCode)
+    std::cerr << "run_program: " << program << ": " << reason << '\n';
+    _exit(reason == std::strerror(ENOENT) ? 127 : 126);
+}
+
+/// The log in the child, where one message matters: that the program could not be started.
+class StartLog : public Log::LoggerImplIfc
+{
+public:
+    explicit StartLog(std::string program)
+        : program(std::move(program))
     {
-        return "exit code " + std::to_string(*result.exitCode);
+    }
+
+    void write(Log::Record const& record) override
+    {
+        constexpr std::string_view failure = "execve() failed with ";
+        if (record.text.substr(0, failure.size()) == failure)
+        {
+            giveUp(program, record.text.substr(failure.size()));
+        }
+    }
+
+private:
+    std::string const program;
+};
+
+[[noreturn]] void becomeProgram(Options& options, Pipe& stdinPipe, Pipe& stdoutPipe)
+{
+    std::vector<char*> pointers{options.program.data()};
+    for (auto& argument : options.arguments)
+    {
+        pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
+    Log::LoggerProxy::instance().setSink(std::make_shared<StartLog>(options.program));
+    try
+    {
+        Utils::executeApp(stdinPipe, stdoutPipe, nullptr, options.program.c_str(), pointers.data(),
+                          options.environment);
+    }
+    catch (std::exception const& error)
+    {
+        giveUp(options.program, error.what());
+    }
+}
+
+/// As env(1) and timeout(1) end.
+int statusOf(ExecutionResult const& result, bool timeIsUp)
+{
+    if (result.termSignal == SIGKILL && timeIsUp)
+    {
+        return 124;
     }
     if (result.termSignal)
     {
-        return "signal " + std::to_string(*result.termSignal);
+        return 128 + *result.termSignal;
     }
-    return "not known how it ended";
+    return static_cast<std::uint8_t>(result.exitCode.value_or(-1));
 }
 
-int run(Options const& options)
+int run(Options options)
 {
-    pid_t const self = getpid();
-    try
+    auto const deadline = std::chrono::steady_clock::now() + options.timeout;
+    Pipe stdoutPipe;
+    Pipe stdinPipe;
+    Signals const signals;
+    pid_t const child = fork();
+    if (child < 0)
     {
-        auto const result = execute(options.program, options.arguments, options.environment, std::cin, options.timeout);
-        std::cout << result.output << std::flush;
-        std::cerr << verdictOf(result) << '\n';
-        return 0;
+        throw std::runtime_error(std::string("no process for the program: ") + std::strerror(errno));
     }
-    catch (std::exception const&)
+    if (child == 0)
     {
-        if (getpid() != self)
-        {
-            _exit(1); // the child, which could not attach its pipes
-        }
-        throw;
+        signals.leave();
+        becomeProgram(options, stdinPipe, stdoutPipe);
     }
+    stdinPipe.close(Pipe::End::Read);
+    signals.follow(child, options.timeout);
+    auto const result = Utils::getAppOutput(stdoutPipe, stdinPipe, child, std::cin, options.timeout);
+    bool const timeIsUp = std::chrono::steady_clock::now() >= deadline;
+    std::cout << result.output;
+    return statusOf(result, timeIsUp);
 }
 
 }
@@ -95,12 +161,17 @@ int run(Options const& options)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     std::ios::sync_with_stdio(false); // the standard input is copied whole
-    CLI::App app("Reads its standard input to the end, runs a program with it, and tells how that has ended:\n"
-                 "  run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...",
-                 "run_program");
+    CLI::App app(
+        "Runs a program with this one's standard input, and ends with its status; with 124 when the time was up, "
+        "126 when it cannot be started, 127 when there is none, 128 and a signal's number when that has ended "
+        "it. A SIGTERM goes on to the program.\n"
+        "  run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...",
+        "run_program");
     long long timeout = 10'000;
     std::vector<std::string> variables;
-    app.add_option("--timeout", timeout, "Kill the program when it takes longer")->option_text("MS (10000)");
+    app.add_option("--timeout", timeout, "Kill the program when it takes longer")
+        ->option_text("MS (10000)")
+        ->check(CLI::Range(1, 2'000'000'000));
     app.add_option("--env", variables, "Add to the environment, or change it")
         ->option_text("NAME=VALUE")
         ->allow_extra_args(false);

@@ -86,12 +86,13 @@ TEST_F(DeviceDescriptionTest, InvalidDescriptionIsAnsweredWithItsFaults)
 TEST_F(DeviceDescriptionTest, WhatCannotBeReadIsAnsweredWithAReason)
 {
     EXPECT_EQ(describe({"/nonexistent.xml"}).output,
-              "device_description: /nonexistent.xml: Failed to read file: /nonexistent.xml\n");
+              "device_description: /nonexistent.xml: No such file or directory\n");
+    EXPECT_EQ(describe({"/"}).output, "device_description: /: Is a directory\n");
 
     auto const path = file("<root>");
     auto const result = describe({path});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_THAT(result.output, EndsWith("device_description: " + path + ": Failed to open the HaldenDeviceId.xml\n"));
+    EXPECT_THAT(result.output, EndsWith("device_description: " + path + ": not well-formed XML\n"));
 }
 
 TEST_F(DeviceDescriptionTest, ExpressionSelectsOtherTexts)
@@ -119,6 +120,11 @@ TEST_F(DeviceDescriptionTest, HelpNamesTheOptions)
 
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, AllOf(HasSubstr("FILE"), HasSubstr("--xpath EXPRESSION")));
+}
+
+TEST_F(DeviceDescriptionTest, StandardOutputThatCannotBeWrittenIsAnError)
+{
+    expectComplaintAboutFullOutput(DEVICE_DESCRIPTION, {});
 }
 
 }

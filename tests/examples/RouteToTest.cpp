@@ -66,6 +66,11 @@ TEST(RouteToTest, HelpNamesTheHost)
     EXPECT_EQ(result.exitCode, 0);
 }
 
+TEST(RouteToTest, StandardOutputThatCannotBeWrittenIsAnError)
+{
+    expectComplaintAboutFullOutput(ROUTE_TO, {"127.0.0.1"});
+}
+
 }
 
 }

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -51,6 +52,17 @@ void expectRefusal(std::string const& program, std::vector<BadUse> const& uses)
         EXPECT_THAT(result.output, testing::MatchesRegex(name + ": [^\n]+\n"));
         EXPECT_THAT(result.output, testing::HasSubstr(named));
     }
+}
+
+void expectComplaintAboutFullOutput(std::string const& program, std::vector<std::string> const& arguments)
+{
+    ExampleOptions options;
+    options.prepare = [] { return dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO) == STDOUT_FILENO; };
+    auto const result = runExample(program, arguments, options);
+
+    std::string const name = std::filesystem::path(program).filename();
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.output, testing::EndsWith(name + ": the standard output cannot be written\n"));
 }
 
 }
