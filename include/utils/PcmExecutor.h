@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -40,14 +41,18 @@ public:
 /// Runs the items side by side on a pool of six threads per hardware thread, and on the calling thread, which takes up
 /// from the front of the batch what no pool thread has started. The call lasts as long as the slowest item.
 ///
-/// Where the number of hardware threads is unknown the pool has no threads, and the calling thread runs every item. A
-/// task of the pool that comes too late finds its item done; until it has run, it keeps the item alive.
+/// Threads: the pool's are made by the constructor and joined by the destructor; a service with two such executors on
+/// four hardware threads has 48 of them. Where the number of hardware threads is unknown there are none, and the
+/// calling thread runs every item.
+///
+/// Hazards of the exact build:
+/// - A task of the pool that comes too late finds its item done, but until it has run it keeps the item alive. The last
+///   reference to an item, and to all that its function holds, may so be dropped on a thread of the pool.
 class HALDEN_CPPUTILS_EXPORT PcmExecutorThreadPool : public PeriodicCallerManagerExecutorIfc,
                                                      protected virtual Log::Logger
 {
 public:
-    /// @throws boost::system::system_error when the first thread cannot be made. When a later one cannot, Boost's pool
-    ///         waits for the threads before it, which never end.
+    /// @throws boost::system::system_error when a thread cannot be made, the first or any other; none is left then
     PcmExecutorThreadPool();
 
     PcmExecutorThreadPool(PcmExecutorThreadPool const&) = delete;
@@ -56,15 +61,22 @@ public:
     void execute(std::vector<std::shared_ptr<PcmItemIfc>> const& items) noexcept override;
 
 private:
-    struct Pool : boost::asio::thread_pool
+    /// Boost's pool without threads of its own: were one of them not to be had, it would wait for the others for ever.
+    class HALDEN_CPPUTILS_EXPORT Pool : public boost::asio::thread_pool
     {
-        explicit Pool(std::size_t threads)
-            : boost::asio::thread_pool(threads)
-            , hasThreads(threads != 0)
-        {
-        }
+    public:
+        explicit Pool(std::size_t count);
+        ~Pool();
 
-        bool const hasThreads;
+        Pool(Pool const&) = delete;
+        Pool& operator=(Pool const&) = delete;
+
+        bool hasThreads() const;
+
+    private:
+        Pool();
+
+        std::vector<std::thread> threads; // attached to the pool
     };
 
     Pool pool;

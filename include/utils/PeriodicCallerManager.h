@@ -163,7 +163,7 @@ private:
     // As of the last add or remove; never written by the scheduler thread.
     std::atomic<std::chrono::steady_clock::time_point> schedulerNextDueTime{
         std::chrono::steady_clock::time_point::max()};
-    std::unique_ptr<PeriodicCallerManagerExecutorIfc> const executor;
+    std::unique_ptr<PeriodicCallerManagerExecutorIfc> executor;
     std::thread thread;
 };
 

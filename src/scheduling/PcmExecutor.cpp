@@ -1,12 +1,17 @@
 #include <utils/PcmExecutor.h>
 
+#include "build/Hardened.h"
 #include "log/Log.h"
+#include "scheduling/RunningScheduler.h"
 
 #include <boost/asio/post.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/system/system_error.hpp>
 
+#include <functional>
 #include <future>
 #include <stdexcept>
-#include <thread>
+#include <system_error>
 
 namespace Halden::Tavro::Utils
 {
@@ -15,6 +20,26 @@ namespace
 {
 
 constexpr std::size_t threadsPerHardwareThread = 6;
+
+/// What runs an item once, on whichever thread comes first.
+std::function<void()> taskOf(std::shared_ptr<PcmItemIfc> const& item)
+{
+    if constexpr (hardened)
+    {
+        // Lets go of the item while the batch still holds it, so that no thread of the pool ever drops the last
+        // reference.
+        return [held = item, scheduler = RunningScheduler::ofThisThread()]() mutable
+        {
+            RunningScheduler::Scope const scope(scheduler);
+            held->execute();
+            held.reset();
+        };
+    }
+    else
+    {
+        return [item] { item->execute(); };
+    }
+}
 
 }
 
@@ -36,6 +61,44 @@ void PcmExecutorSequential::execute(std::vector<std::shared_ptr<PcmItemIfc>> con
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "executed %u items sequentialy", count);
 }
 
+PcmExecutorThreadPool::Pool::Pool()
+    : boost::asio::thread_pool(std::size_t{0})
+{
+}
+
+// What the first constructor has made, the destructor ends when the second one throws.
+PcmExecutorThreadPool::Pool::Pool(std::size_t count)
+    : Pool()
+{
+    threads.reserve(count);
+    try
+    {
+        while (threads.size() < count)
+        {
+            threads.emplace_back([this] { attach(); });
+        }
+    }
+    catch (std::system_error const& error)
+    {
+        boost::system::error_code const code(error.code().value(), boost::system::system_category());
+        throw boost::system::system_error(code, "thread");
+    }
+}
+
+PcmExecutorThreadPool::Pool::~Pool()
+{
+    stop();
+    for (auto& thread : threads)
+    {
+        thread.join();
+    }
+}
+
+bool PcmExecutorThreadPool::Pool::hasThreads() const
+{
+    return !threads.empty();
+}
+
 PcmExecutorThreadPool::PcmExecutorThreadPool()
     : Log::Logger("Halden::Tavro::Utils::PcmExecutorThreadPool", "", std::make_shared<Log::LoggerImpl>())
     , pool(std::thread::hardware_concurrency() * threadsPerHardwareThread)
@@ -51,9 +114,9 @@ void PcmExecutorThreadPool::execute(std::vector<std::shared_ptr<PcmItemIfc>> con
     futures.reserve(items.size());
     for (auto const& item : items)
     {
-        futures.emplace_back(std::async(std::launch::deferred, [item] { item->execute(); }));
+        futures.emplace_back(std::async(std::launch::deferred, taskOf(item)));
     }
-    if (pool.hasThreads) // without threads a task would never run, and keep its item for ever
+    if (pool.hasThreads()) // without threads a task would never run, and keep its item for ever
     {
         for (auto const& future : futures)
         {

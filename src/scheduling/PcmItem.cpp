@@ -1,12 +1,66 @@
 #include <utils/PcmItem.h>
 
+#include "build/Hardened.h"
 #include "log/Log.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
 namespace Halden::Tavro::Utils
 {
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// What still fits the clock: 292 years.
+constexpr milliseconds longestPeriod = std::chrono::duration_cast<milliseconds>(steady_clock::duration::max());
+
+// The builtin operations leave the field what it is in both builds, and read and write it whole on 32 bits, too.
+
+void store(steady_clock::time_point& field, steady_clock::time_point value)
+{
+    if constexpr (hardened)
+    {
+        __atomic_store(&field, &value, __ATOMIC_RELAXED);
+    }
+    else
+    {
+        field = value;
+    }
+}
+
+steady_clock::time_point load(steady_clock::time_point const& field)
+{
+    if constexpr (hardened)
+    {
+        steady_clock::time_point value;
+        __atomic_load(&field, &value, __ATOMIC_RELAXED);
+        return value;
+    }
+    else
+    {
+        return field; // kept: without the lock under which it is written
+    }
+}
+
+/// Sets the flag, and tells whether it was set before.
+bool testAndSet(bool& flag)
+{
+    if constexpr (hardened)
+    {
+        return __atomic_exchange_n(&flag, true, __ATOMIC_RELAXED);
+    }
+    else
+    {
+        return std::exchange(flag, true); // kept: outside the lock
+    }
+}
+
+}
 
 PcmItem::PcmItem(std::function<void()> function, std::chrono::milliseconds period)
     : Log::Logger("Halden::Tavro::Utils::PcmItem", "", std::make_shared<Log::LoggerImpl>())
@@ -22,7 +76,8 @@ void PcmItem::execute()
     try
     {
         std::lock_guard const lock(executionMutex);
-        lastExecutionStart = std::chrono::steady_clock::now(); // before the test: a refused execution counts as well
+        // kept: before the test; a refused execution moves the due time on, or it would be due again at once
+        store(lastExecutionStart, steady_clock::now());
         if (executionForbidden)
         {
             TAVRO_LOG_TO(*this, Log::Severity::Warning, "Execution of PCM item is forbidden");
@@ -32,7 +87,7 @@ void PcmItem::execute()
     }
     catch (std::exception const& exception)
     {
-        if (exceptionAlreadyLogged)
+        if (testAndSet(exceptionAlreadyLogged))
         {
             TAVRO_LOG_TO(*this, Log::Severity::Trace, "PcmItem execution threw exception. Exception: %s.\n",
                          exception.what());
@@ -42,30 +97,31 @@ void PcmItem::execute()
                      "PcmItem execution threw exception. Exception: %s.\n"
                      "Further exceptions will be logged with trace level",
                      exception.what());
-        exceptionAlreadyLogged = true;
     }
     catch (...)
     {
-        if (exceptionAlreadyLogged)
+        if (testAndSet(exceptionAlreadyLogged))
         {
             TAVRO_LOG_TO(*this, Log::Severity::Trace, "PcmItem execution threw unknown exception.");
             return;
         }
         TAVRO_LOG_TO(*this, Log::Severity::Error,
                      "PcmItem execution threw unknown exception. Further exceptions will be logged with trace level");
-        exceptionAlreadyLogged = true;
     }
 }
 
 bool PcmItem::isDueWithin(std::chrono::milliseconds within) const
 {
-    std::chrono::steady_clock::time_point const due = nextDueTime();
-    return due < std::chrono::steady_clock::now() + within;
+    steady_clock::time_point const due = nextDueTime();
+    return due < steady_clock::now() + within;
 }
 
-std::chrono::steady_clock::time_point PcmItem::nextDueTime() const
+steady_clock::time_point PcmItem::nextDueTime() const
 {
-    return lastExecutionStart + period_;
+    steady_clock::time_point const start = load(lastExecutionStart);
+    steady_clock::duration const period = std::clamp(period_, -longestPeriod, longestPeriod);
+    bool const fits = period <= period.zero() || start <= steady_clock::time_point::max() - period;
+    return fits ? start + period : steady_clock::time_point::max();
 }
 
 std::chrono::milliseconds PcmItem::period() const

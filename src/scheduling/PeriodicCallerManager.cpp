@@ -1,6 +1,8 @@
 #include <utils/PeriodicCallerManager.h>
 
+#include "build/Hardened.h"
 #include "log/Log.h"
+#include "scheduling/RunningScheduler.h"
 
 #include <utils/PcmExecutor.h>
 
@@ -20,8 +22,11 @@ using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// The time_t of a 32-bit system holds a due time that is this far ahead.
-constexpr std::chrono::duration<double> longestPeriod = std::chrono::seconds(1 << 30);
+/// What 64 bits hold in nanoseconds: 292 years.
+constexpr milliseconds longestPeriod = duration_cast<milliseconds>(steady_clock::duration::max());
+
+/// The time_t of a 32-bit system holds a time that is this far ahead.
+constexpr std::chrono::seconds longestWait{1 << 30};
 
 milliseconds toMilliseconds(std::chrono::duration<double> period)
 {
@@ -29,8 +34,8 @@ milliseconds toMilliseconds(std::chrono::duration<double> period)
     {
         return milliseconds::zero();
     }
-    double const seconds = std::clamp(period, -longestPeriod, longestPeriod).count();
-    return milliseconds(static_cast<milliseconds::rep>(seconds * 1000.0));
+    constexpr auto limit = static_cast<double>(longestPeriod.count());
+    return milliseconds(static_cast<milliseconds::rep>(std::clamp(period.count() * 1000.0, -limit, limit)));
 }
 
 milliseconds::rep sinceEpochInMs(steady_clock::time_point time)
@@ -51,13 +56,25 @@ std::string loweredText(steady_clock::time_point before, steady_clock::time_poin
     return text.str();
 }
 
+/// As far as 64 bits hold it: a due time may be 292 years back.
+milliseconds untilFromNow(steady_clock::time_point time)
+{
+    steady_clock::time_point const now = steady_clock::now();
+    return duration_cast<milliseconds>(std::max(time, steady_clock::time_point::min() + now.time_since_epoch()) - now);
+}
+
 std::string passText(std::size_t count, steady_clock::time_point start, steady_clock::time_point next)
 {
     std::ostringstream text;
     text << "Executing (" << count << ") took (" << duration_cast<milliseconds>(steady_clock::now() - start).count()
-         << ")ms. Now waiting until (" << sinceEpochInMs(next) << ")ms which means ("
-         << duration_cast<milliseconds>(next - steady_clock::now()).count() << ")ms from now";
+         << ")ms. Now waiting until (" << sinceEpochInMs(next) << ")ms which means (" << untilFromNow(next).count()
+         << ")ms from now";
     return text.str();
+}
+
+bool managerHasEnded()
+{
+    return hardened && RunningScheduler::ofThisThread()->isOrphaned();
 }
 
 }
@@ -88,6 +105,17 @@ PeriodicCallerManager::PeriodicCallerManager(ExecutionStrategy strategy, std::st
 
 PeriodicCallerManager::~PeriodicCallerManager()
 {
+    RunningScheduler* const scheduler = RunningScheduler::ofThisThread();
+    if (hardened && scheduler != nullptr && scheduler->runs(*this))
+    {
+        // One of the functions that this thread runs has held the last reference. The scheduler thread has to end
+        // alone.
+        TAVRO_LOG_TO(*this, Log::Severity::Info, "stop requested: leaving wait");
+        TAVRO_LOG_TO(*this, Log::Severity::Info, "-schedulerThread: exiting without error");
+        scheduler->orphan(std::move(executor));
+        thread.detach();
+        return;
+    }
     if (thread.joinable())
     {
         stopRequested = true;
@@ -107,9 +135,14 @@ std::unique_ptr<PeriodicCallerManagerTokenIfc> PeriodicCallerManager::add(std::f
     }
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Adding item with period (%lu)ms",
                  static_cast<unsigned long>(periodInMs.count()));
+    if constexpr (hardened)
+    {
+        static_cast<void>(shared_from_this()); // throws before anything is registered
+    }
 
     std::lock_guard const lock(itemsMutex);
-    auto const item = std::make_shared<PcmItem>(function, periodInMs);
+    // kept: a copy; callers see how often their function is copied
+    auto const item = std::make_shared<PcmItem>(function, periodInMs); // NOLINT(performance-unnecessary-value-param)
     items.push_back(item);
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Item added. Having (%lu) now", static_cast<unsigned long>(items.size()));
     updateSchedulerNextDueTime();
@@ -182,16 +215,23 @@ void PeriodicCallerManager::updateSchedulerNextDueTime()
 
 void PeriodicCallerManager::requestWakeUp()
 {
+    std::unique_lock lock(waitMutex, std::defer_lock);
+    if constexpr (hardened)
+    {
+        lock.lock(); // so it comes before the scheduler's last look or after the begin of its sleep
+    }
     wakeUpRequested = true;
-    schedulerWakeup.notify_all(); // kept: without waitMutex
+    schedulerWakeup.notify_all(); // kept: without the lock; a request just before the sleep waits for its end
 }
 
 void PeriodicCallerManager::schedulerThread()
 {
+    RunningScheduler scheduler(*this);
+    RunningScheduler::Scope const scope(&scheduler);
     TAVRO_LOG_TO(*this, Log::Severity::Info, "+schedulerThread: starting");
     try
     {
-        while (!stopRequested)
+        while (!managerHasEnded() && !stopRequested)
         {
             runPass();
         }
@@ -206,36 +246,66 @@ void PeriodicCallerManager::schedulerThread()
         TAVRO_LOG_TO(*this, Log::Severity::Critical, "Scheduler thread failed with unknown error");
         throw;
     }
-    TAVRO_LOG_TO(*this, Log::Severity::Info, "-schedulerThread: exiting without error");
+    if (!managerHasEnded())
+    {
+        TAVRO_LOG_TO(*this, Log::Severity::Info, "-schedulerThread: exiting without error");
+    }
 }
 
 void PeriodicCallerManager::runPass()
 {
     steady_clock::time_point const start = steady_clock::now();
-    auto const batch = dueUntil(start); // kept until after the wait
-    wakeUpRequested = false;            // before the execution, whose own requests must not get lost
+    auto batch = dueUntil(start);
+    wakeUpRequested = false; // before the execution, whose own requests must not get lost
     executor->execute(batch);
-    steady_clock::time_point const next = nextPcmDueTime(); // kept: without itemsMutex
+    if (managerHasEnded())
+    {
+        return;
+    }
+    std::unique_lock lock(itemsMutex, std::defer_lock);
+    if constexpr (hardened)
+    {
+        lock.lock();
+    }
+    steady_clock::time_point const next =
+        nextPcmDueTime(); // kept: without the lock; adds and removals do not wait for it
+    if constexpr (hardened)
+    {
+        lock.unlock();
+    }
     if (!batch.empty() && isTraceEnabled())
     {
         TAVRO_LOG_TO(*this, Log::Severity::Trace, "%s", passText(batch.size(), start, next).c_str());
     }
+    if (hardened && next == steady_clock::time_point::max())
+    {
+        batch.clear(); // or what its functions hold, perhaps the manager itself, would stay for good
+        if (managerHasEnded())
+        {
+            return;
+        }
+    }
     waitUntil(next);
+    // kept: the batch until here; an item that has been removed is destroyed on this thread and not beside its function
 }
 
 void PeriodicCallerManager::waitUntil(steady_clock::time_point const& next)
 {
+    auto const isRequested = [this]
+    {
+        if (stopRequested)
+        {
+            TAVRO_LOG_TO(*this, Log::Severity::Info, "stop requested: leaving wait");
+            return true;
+        }
+        return wakeUpRequested.load();
+    };
     std::unique_lock lock(waitMutex);
-    schedulerWakeup.wait_until(lock, next,
-                               [this]
-                               {
-                                   if (stopRequested)
-                                   {
-                                       TAVRO_LOG_TO(*this, Log::Severity::Info, "stop requested: leaving wait");
-                                       return true;
-                                   }
-                                   return wakeUpRequested.load();
-                               });
+    steady_clock::time_point until; // a 32-bit clock reaches it, from both sides
+    do
+    {
+        until = std::clamp(next, steady_clock::time_point(), steady_clock::now() + longestWait);
+    } while (!schedulerWakeup.wait_until(lock, until, isRequested) && until < next);
 }
 
 }
