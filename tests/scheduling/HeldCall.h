@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/WaitFor.h"
+
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -22,11 +24,11 @@ public:
         if (calls++ == 0)
         {
             entered.set_value();
-            gate.get_future().wait_for(std::chrono::seconds(20));
+            becomesReady(gate.get_future(), std::chrono::seconds(20));
         }
     }
 
-    bool awaitEntered() { return entering.wait_for(std::chrono::seconds(10)) == std::future_status::ready; }
+    bool awaitEntered() { return becomesReady(entering); }
 
     void release()
     {

@@ -1,10 +1,8 @@
 #include "scheduling/HeldCall.h"
+#include "scheduling/ManagerTest.h"
 #include "scheduling/SchedulerSleep.h"
-#include "support/LogCapture.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
-
-#include <utils/PeriodicCallerManager.h>
 
 #include <gtest/gtest.h>
 
@@ -15,24 +13,21 @@
 #include <memory>
 #include <vector>
 
-using namespace Halden::Tavro;
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
-using namespace std::chrono_literals;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
 
-using Strategy = PeriodicCallerManager::ExecutionStrategy;
-using Token = std::unique_ptr<PeriodicCallerManagerTokenIfc>;
+using namespace std::chrono_literals;
+using namespace testing;
+using namespace TestSupport;
 
-constexpr std::chrono::seconds sixYears{200'000'000};
-constexpr std::chrono::seconds thirtyYears{1'000'000'000};
-
-class PeriodicCallerManagerHeapTest : public testing::Test
+class PeriodicCallerManagerHeapTest : public ManagerTest
 {
 protected:
-    LogCapture log{Log::Severity::Warning}; // trace texts are off
+    /// Without texts at Trace, which are composed on the heap.
+    PeriodicCallerManagerHeapTest() { Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning); }
 };
 
 TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
@@ -45,8 +40,7 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
     std::vector<Token> tokens(100);
     std::promise<void> registered;
     std::promise<void> measured;
-    auto const sut = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
-    SchedulerSleep::await();
+    auto const sut = makeAsleep();
 
     // A negative period makes an item part of every pass.
     tokens[0] = sut->add(
@@ -55,7 +49,7 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
             ++calls;
             if (calls == 1)
             {
-                registered.get_future().wait_for(20s);
+                becomesReady(registered.get_future(), 20s);
             }
             if (calls == passesBefore)
             {
@@ -73,10 +67,9 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
     {
         tokens[i] = sut->add([] {}, -1s);
     }
-    log.expect(isLine(Log::Severity::Warning, "Halden::Tavro::Utils::PcmItem",
-                      std::string("Execution of PCM item is forbidden"))); // the rest of the last batch
+    log.expect(forbidden); // the rest of the last batch
     registered.set_value();
-    ASSERT_EQ(measured.get_future().wait_for(20s), std::future_status::ready);
+    ASSERT_TRUE(becomesReady(measured.get_future(), 20s));
     SchedulerSleep::await();
 
     EXPECT_GT(allocations, 0); // else nothing is counted
@@ -85,8 +78,7 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
 
 TEST_F(PeriodicCallerManagerHeapTest, ChangeOfTheNextDueTimeComposesNoTextWhileTraceIsOff)
 {
-    auto const sut = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
-    SchedulerSleep::await();
+    auto const sut = makeAsleep();
     Token const later = sut->add([] {}, thirtyYears);
     SchedulerSleep::await();
     Token earlier = sut->add([] {}, sixYears);
@@ -104,8 +96,7 @@ protected:
     static void liveOnce()
     {
         std::atomic<int> calls{0};
-        auto manager = std::make_shared<PeriodicCallerManager>(GetParam(), "sensors");
-        SchedulerSleep::await(); // a request just before the sleep would get lost
+        auto manager = makeAsleep(GetParam());
         Token const rare = manager->add([] {}, sixYears);
         SchedulerSleep::await();
         Token token = manager->add([&calls] { ++calls; }, 100ms);
@@ -116,10 +107,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerLeakTest,
-                         testing::Values(Strategy::ThreadPool, Strategy::Sequential),
-                         [](auto const& strategy)
-                         { return strategy.param == Strategy::ThreadPool ? "ThreadPool" : "Sequential"; });
+INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerLeakTest, bothStrategies(), nameOfStrategy);
 
 TEST_P(PeriodicCallerManagerLeakTest, HundredManagersLeaveNothingBehind)
 {
@@ -136,6 +124,8 @@ TEST_P(PeriodicCallerManagerLeakTest, HundredManagersLeaveNothingBehind)
     EXPECT_EQ(heapBlocks(), blocks);
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_TRUE(waitFor([&] { return runningThreads() <= threads; })); // a joined thread is listed a moment longer
+}
+
 }
 
 }

@@ -1,45 +1,34 @@
+#include "scheduling/ManagerTest.h"
 #include "scheduling/SchedulerSleep.h"
-#include "support/LogCapture.h"
 #include "support/WaitFor.h"
-
-#include <utils/PeriodicCallerManager.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <thread>
 
-using namespace Halden::Tavro;
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
-using namespace std::chrono_literals;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
 
-using Strategy = PeriodicCallerManager::ExecutionStrategy;
-using Token = std::unique_ptr<PeriodicCallerManagerTokenIfc>;
+using namespace std::chrono_literals;
+using namespace TestSupport;
 
-class PeriodicCallerManagerSoakTest : public testing::TestWithParam<Strategy>
-{
-};
+using PeriodicCallerManagerSoakTest = ManagerStrategyTest;
 
-INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerSoakTest,
-                         testing::Values(Strategy::ThreadPool, Strategy::Sequential),
-                         [](auto const& strategy)
-                         { return strategy.param == Strategy::ThreadPool ? "ThreadPool" : "Sequential"; });
+INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerSoakTest, bothStrategies(), nameOfStrategy);
 
 TEST_P(PeriodicCallerManagerSoakTest, HundredAddsAndRemovesASecondBesideRunningFunctions)
 {
     constexpr int changes = 2000;
     constexpr auto between = 10ms;
-    LogCapture const log(Log::Severity::Warning);
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning);
     std::atomic<int> steadyCalls{0};
-    auto sut = std::make_shared<PeriodicCallerManager>(GetParam(), "sensors");
-    SchedulerSleep::await(); // a request just before the sleep would get lost
-    Token const rare = sut->add([] {}, std::chrono::seconds(200'000'000));
+    auto sut = makeAsleep(GetParam());
+    Token const rare = sut->add([] {}, sixYears);
     SchedulerSleep::await();
     Token steadyTwenty = sut->add([&] { ++steadyCalls; }, 20ms);
     Token steadyFifty = sut->add([&] { ++steadyCalls; }, 50ms);
@@ -49,7 +38,7 @@ TEST_P(PeriodicCallerManagerSoakTest, HundredAddsAndRemovesASecondBesideRunningF
     for (int i = 0; i < changes; ++i)
     {
         std::atomic<int> calls{0};
-        Token token = sut->add([&calls] { ++calls; }, 1h);
+        Token token = sut->add([&calls] { ++calls; }, longPeriod);
         std::this_thread::sleep_until(begin + i * between);
         missed += waitFor([&calls] { return calls > 0; }) ? 0 : 1;
         SchedulerSleep::await(1ms); // an item taken off the list during a scan is beyond what the manager promises
@@ -64,6 +53,8 @@ TEST_P(PeriodicCallerManagerSoakTest, HundredAddsAndRemovesASecondBesideRunningF
 
     EXPECT_EQ(missed, 0);
     EXPECT_GE(steadyCalls, elapsed / 20ms / 4); // far behind would mean that it had stalled
+}
+
 }
 
 }

@@ -30,18 +30,27 @@ std::function<void()> hook; // guarded by mutex
 std::atomic<std::size_t> sleeps{0};
 std::atomic<std::size_t> broadcasts{0};
 
-/// In seconds, for an endless sleep does not fit nanoseconds.
-double timeLeft(timespec const& until)
+/// From the time that the program's steady clock reads, which may be a double.
+std::chrono::nanoseconds timeLeft(timespec const& until)
+{
+    auto const time = std::chrono::seconds(until.tv_sec) + std::chrono::nanoseconds(until.tv_nsec);
+    return time - std::chrono::steady_clock::now().time_since_epoch();
+}
+
+/// The same time on the system's clock.
+timespec onSystemsClock(timespec const& until)
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(until.tv_sec - now.tv_sec) + static_cast<double>(until.tv_nsec - now.tv_nsec) / 1e9;
+    auto const time = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec) + timeLeft(until);
+    auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
 }
 
-pthread_mutex_t* sleeper(std::chrono::duration<double> atLeast)
+pthread_mutex_t* sleeper(std::chrono::milliseconds atLeast)
 {
     std::lock_guard const lock(mutex);
-    bool const found = current.condition != nullptr && timeLeft(current.until) >= atLeast.count();
+    bool const found = current.condition != nullptr && timeLeft(current.until) >= atLeast;
     return found ? current.released : nullptr;
 }
 
@@ -65,7 +74,8 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
         current = {condition, released, *until};
     }
     ++sleeps;
-    int const result = system(condition, released, clock, until);
+    timespec const systemsUntil = onSystemsClock(*until);
+    int const result = system(condition, released, clock, &systemsUntil);
     std::lock_guard const lock(mutex);
     current = {};
     return result;

@@ -14,9 +14,10 @@ namespace
 struct State
 {
     std::mutex mutex;
-    std::optional<std::chrono::nanoseconds> now; // guarded by mutex; empty while the real clock answers
-    std::chrono::nanoseconds step{0};            // guarded by mutex
-    std::size_t readings{0};                     // guarded by mutex
+    std::optional<std::chrono::nanoseconds> now;         // guarded by mutex; empty while the real clock answers
+    std::chrono::nanoseconds step{0};                    // guarded by mutex
+    std::optional<std::chrono::nanoseconds> goesOnSince; // guarded by mutex; on the real clock; empty while it stands
+    std::size_t readings{0};                             // guarded by mutex
 };
 
 State& state()
@@ -40,6 +41,10 @@ std::chrono::nanoseconds read()
         return realNow();
     }
     ++state().readings;
+    if (state().goesOnSince.has_value())
+    {
+        return *state().now + (realNow() - *state().goesOnSince);
+    }
     auto const answer = *state().now;
     auto const last = std::chrono::nanoseconds::max() - state().step;
     state().now = answer < last ? answer + state().step : std::chrono::nanoseconds::max();
@@ -52,6 +57,7 @@ SteadyClockDouble::SteadyClockDouble(std::chrono::nanoseconds now)
 {
     std::lock_guard const lock(state().mutex);
     state().now = now;
+    state().goesOnSince.reset();
     state().step = std::chrono::nanoseconds(0);
     state().readings = 0;
 }
@@ -66,6 +72,13 @@ void SteadyClockDouble::set(std::chrono::nanoseconds now)
 {
     std::lock_guard const lock(state().mutex);
     state().now = now;
+    state().goesOnSince.reset();
+}
+
+void SteadyClockDouble::goOn()
+{
+    std::lock_guard const lock(state().mutex);
+    state().goesOnSince = realNow();
 }
 
 void SteadyClockDouble::advanceWithEachReading(std::chrono::nanoseconds step)

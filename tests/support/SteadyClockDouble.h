@@ -24,6 +24,12 @@ public:
     /// From now on each reading moves the clock on, so that the next one is later; it stops at the greatest time.
     void advanceWithEachReading(std::chrono::nanoseconds step);
 
+    /// From now on time passes as on the machine's own clock, until the next set().
+    ///
+    /// std::future's wait_for() then hands the system a time that its clock reaches much later or earlier;
+    /// becomesReady() does not. The condition variables' needs the double in scheduling/SchedulerSleep.cpp.
+    void goOn();
+
     /// Readings since the construction.
     std::size_t readings() const;
 };
