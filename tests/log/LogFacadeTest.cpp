@@ -10,15 +10,16 @@
 #include <string>
 #include <string_view>
 
-using namespace Halden::Tavro;
-using namespace Halden::Tavro::Utils;
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
 using namespace testing;
 using Log::Severity;
 using TestSupport::LogCapture;
 using TestSupport::LogLine;
-
-namespace
-{
 
 // What a 64-bit build lets through must fit the 32-bit target too, where std::uint64_t is unsigned long long and "%lu"
 // takes 32 bits. LogFacade.Rejects* in ctest show that a call with anything else does not compile.
@@ -129,6 +130,8 @@ TEST(LogFacadeTest, DisabledSeverityWritesNothing)
     TAVRO_LOG(Severity::Trace, "executeApp()");
 
     EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 }
 
 }

@@ -21,7 +21,7 @@ namespace
 {
 
 using namespace testing;
-using namespace Halden::Tavro::TestSupport;
+using namespace TestSupport;
 using Log::Severity;
 
 /// One format of the library, logged with the widest values that its specifiers carry.

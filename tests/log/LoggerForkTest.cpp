@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-using namespace Halden::Tavro;
-using Log::Severity;
+namespace Halden::Tavro::Log
+{
 
 namespace
 {
@@ -48,7 +48,7 @@ int hungChildren(std::function<void()> const& function)
         if (child == 0)
         {
             alarm(20);
-            Log::tavroDoLog(Severity::Info, "%s", {}, "in the child");
+            tavroDoLog(Severity::Info, "%s", {}, "in the child");
             _exit(0);
         }
         int status = 0;
@@ -64,31 +64,33 @@ int hungChildren(std::function<void()> const& function)
     return hung;
 }
 
-class NullSink : public Log::LoggerImplIfc
+class NullSink : public LoggerImplIfc
 {
 public:
-    void write(Log::Record const& /*record*/) override {}
+    void write(Record const& /*record*/) override {}
 };
 
 class LoggerForkTest : public testing::Test
 {
 protected:
-    ~LoggerForkTest() override { Log::LoggerProxy::instance().setSink(nullptr); }
+    ~LoggerForkTest() override { LoggerProxy::instance().setSink(nullptr); }
 };
 
 TEST_F(LoggerForkTest, ChildLogsWhileOthersSetTheSink)
 {
     auto const sink = std::make_shared<NullSink>();
 
-    EXPECT_EQ(hungChildren([&sink] { Log::LoggerProxy::instance().setSink(sink); }), 0);
+    EXPECT_EQ(hungChildren([&sink] { LoggerProxy::instance().setSink(sink); }), 0);
 }
 
 TEST_F(LoggerForkTest, ChildLogsWhileOthersLogThroughSpdlog)
 {
     auto const target = std::make_shared<spdlog::logger>("", std::make_shared<spdlog::sinks::null_sink_mt>());
-    Log::LoggerProxy::instance().setSink(std::make_shared<Log::SpdlogSink>(target));
+    LoggerProxy::instance().setSink(std::make_shared<SpdlogSink>(target));
 
-    EXPECT_EQ(hungChildren([] { Log::tavroDoLog(Severity::Info, "text", {}); }), 0);
+    EXPECT_EQ(hungChildren([] { tavroDoLog(Severity::Info, "text", {}); }), 0);
+}
+
 }
 
 }

@@ -10,12 +10,13 @@
 #include <string>
 #include <string_view>
 
-using namespace Halden::Tavro;
-using namespace testing;
-using Log::Severity;
+namespace Halden::Tavro::Log
+{
 
 namespace
 {
+
+using namespace testing;
 
 class SpdlogSinkTest : public Test
 {
@@ -34,7 +35,7 @@ protected:
     std::ostringstream stream;
     std::shared_ptr<spdlog::logger> const target =
         std::make_shared<spdlog::logger>("own name", std::make_shared<spdlog::sinks::ostream_sink_mt>(stream));
-    Log::SpdlogSink sut{target};
+    SpdlogSink sut{target};
 };
 
 TEST_F(SpdlogSinkTest, EachSeverityHasItsLevel)
@@ -86,6 +87,8 @@ TEST_F(SpdlogSinkTest, TimeIsThatOfTheRecord)
         {std::chrono::system_clock::time_point(std::chrono::milliseconds(1234567890123)), Severity::Info, "", "text"});
 
     EXPECT_EQ(stream.str(), "1234567890.123|text\n");
+}
+
 }
 
 }
