@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Compares what a library exports with what its public headers declare, and names each difference.
+"""Compares what libraries export with what their public headers declare, and names each difference.
 
-usage: exports.py LIBRARY INCLUDE-FOLDER NAMESPACE [COMPILER-OPTION]...
+usage: exports.py LIBRARY[,LIBRARY]... INCLUDE-FOLDER NAMESPACE [COMPILER-OPTION]...
 """
 import json
 import pathlib
@@ -9,7 +9,7 @@ import re
 import subprocess
 import sys
 
-library, include, namespace, options = sys.argv[1], pathlib.Path(sys.argv[2]), sys.argv[3], sys.argv[4:]
+libraries, include, namespace, options = sys.argv[1].split(","), pathlib.Path(sys.argv[2]), sys.argv[3], sys.argv[4:]
 FUNCTIONS = {"FunctionDecl", "CXXMethodDecl", "CXXConstructorDecl", "CXXDestructorDecl", "CXXConversionDecl"}
 
 
@@ -52,7 +52,9 @@ if not wanted:
 
 scope = "".join(f"{len(part)}{part}" for part in namespace.split("::"))
 exported, foreign = set(), set()
-for line in run("nm", "--dynamic", "--defined-only", library).splitlines():
+for line in run("nm", "--dynamic", "--defined-only", *libraries).splitlines():
+    if len(line.split()) < 2:  # the name of the library
+        continue
     symbol = line.split()[-1].split("@")[0]
     if re.match(rf"_ZNK?{scope}", symbol):
         exported.add(one_variant(symbol))
@@ -63,7 +65,7 @@ failures = [("declared, but not exported", wanted - exported), ("exported, but n
             ("exported, but of somebody else", foreign)]
 for reason, symbols in failures:
     for name in run("c++filt", text="\n".join(sorted(symbols))).splitlines():
-        print(f"{library}: {reason}: {name}")
+        print(f"{' '.join(libraries)}: {reason}: {name}")
 if any(symbols for _, symbols in failures):
     sys.exit(1)
-print(f"{library}: exports the {len(wanted)} functions of its headers, and nothing else")
+print(f"{' '.join(libraries)}: exports the {len(wanted)} functions of its headers, and nothing else")

@@ -1,19 +1,20 @@
 #!/usr/bin/env python3
-"""Compares the order of fields in a description by libabigail with the list in fields.txt.
+"""Compares the order of fields in descriptions by libabigail with the list in fields.txt.
 
-usage: fields.py DESCRIPTION
+usage: fields.py DESCRIPTION...
 """
 import pathlib
 import sys
 import xml.etree.ElementTree
 
-description = sys.argv[1]
+descriptions = sys.argv[1:]
 found = {}
-for node in xml.etree.ElementTree.parse(description).iter("class-decl"):
-    members = sorted((int(member.get("layout-offset-in-bits")), member.find("var-decl").get("name"))
-                     for member in node.findall("data-member") if member.get("static") != "yes")
-    if members:
-        found.setdefault(node.get("name"), []).append([name for _, name in members])
+for description in descriptions:
+    for node in xml.etree.ElementTree.parse(description).iter("class-decl"):
+        members = sorted((int(member.get("layout-offset-in-bits")), member.find("var-decl").get("name"))
+                         for member in node.findall("data-member") if member.get("static") != "yes")
+        if members:
+            found.setdefault(node.get("name"), []).append([name for _, name in members])
 
 failed = False
 for line in (pathlib.Path(__file__).parent / "fields.txt").read_text().splitlines():
@@ -21,6 +22,6 @@ for line in (pathlib.Path(__file__).parent / "fields.txt").read_text().splitline
         continue
     name, fields = line.split(": ")
     if fields.split() not in found.get(name, []):
-        print(f"{description}: {name} has the fields {found.get(name)} instead of {fields}")
+        print(f"{name} has the fields {found.get(name)} instead of {fields}, says {' '.join(descriptions)}")
         failed = True
 sys.exit(failed)

@@ -2,55 +2,47 @@
 
 readonly architectures=(amd64 armhf)
 
+# The libraries, as their files are called without "lib" and ".so.1", and where they lie in a build.
+readonly released_libraries=(haldencpputils haldencpputils-xml haldencpputils-hdf5 logger/haldencpplogger)
+
+# released LIBRARY: its file below the folder of a build.
+released() {
+    case $1 in
+    */*) echo "${1%/*}/lib${1##*/}.so.1" ;;
+    *) echo "lib$1.so.1" ;;
+    esac
+}
+
 # ensure_release_packages: what building for both architectures needs.
 ensure_release_packages() {
-    ensure_packages "${build_packages[@]}" dpkg-dev file g++-arm-linux-gnueabihf git qemu-user "$@"
+    ensure_packages "${build_packages[@]}" debhelper dpkg-dev file g++-arm-linux-gnueabihf git qemu-user "$@"
     ensure_armhf_sysroot
 }
 
-# build_release ARCHITECTURE [FOLDER]: builds the library in build/release-ARCHITECTURE of the folder (this one), with
-# Debian's flags and full RELRO. Nothing of the folder's name gets into the libraries.
+# in_release ARCHITECTURE FOLDER TARGET...: runs the rules of the packages there.
+in_release() {
+    local -r architecture=$1 folder=$2
+    shift 2
+    (cd "$folder" && DEB_RULES_REQUIRES_ROOT=no DEB_BUILD_OPTIONS="parallel=$(nproc)" \
+        dpkg-architecture -f -a "$architecture" -c debian/rules "$@" 2>&1)
+}
+
+# build_release ARCHITECTURE [FOLDER]: builds both builds of the library in build/release-ARCHITECTURE of the folder (this
+# one), as the packages have them. Nothing of the folder's name gets into the libraries.
 build_release() {
     local -r architecture=$1 folder=${2:-$PWD}
-    local -r build=$folder/build/release-$architecture
-    local flags linker_flags toolchain=()
-    local -x DEB_HOST_ARCH=$architecture DEB_BUILD_MAINT_OPTIONS=hardening=+bindnow
-    flags="$(dpkg-buildflags --get CPPFLAGS) $(cd / && dpkg-buildflags --get CXXFLAGS)"
-    flags=${flags//-ffile-prefix-map=\/=./-ffile-prefix-map=$folder=.}
-    linker_flags=$(dpkg-buildflags --get LDFLAGS)
-    if [[ $architecture == armhf ]]; then
-        toolchain=(-DCMAKE_TOOLCHAIN_FILE="$folder/cmake/toolchains/armhf.cmake")
-    fi
-    quietly "configure-release-$architecture" cmake -S "$folder" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=None \
-        -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -f -a "$architecture" -q DEB_HOST_MULTIARCH 2>/dev/null)" \
-        -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_SHARED_LINKER_FLAGS="$linker_flags" \
-        -DCMAKE_SKIP_RPATH=ON "${toolchain[@]}"
-    quietly "build-release-$architecture" cmake --build "$build"
+    quietly "clean-release-$architecture" in_release "$architecture" "$folder" clean
+    quietly "build-release-$architecture" in_release "$architecture" "$folder" build
 }
 
-# repair_sums PACKAGE: CPack gives the checksums of debug symbols the paths of the folder that it has worked in.
-repair_sums() {
-    local -r content=$1.content
-    dpkg-deb --raw-extract "$1" "$content"
-    sed -i 's|  .*-dbgsym/|  |' "$content/DEBIAN/md5sums"
-    (cd "$content" && md5sum --check --quiet DEBIAN/md5sums)
-    quietly repack dpkg-deb --root-owner-group --build "$content" "$1"
-    rm -r "$content"
-}
-
-# pack_release ARCHITECTURE FOLDER [SOURCE]: puts the packages of a build of the source folder (this one) into FOLDER.
+# pack_release ARCHITECTURE FOLDER [SOURCE]: puts the packages of that build of the source folder (this one) into FOLDER.
 pack_release() {
-    local -r architecture=$1 folder=$2 source=${3:-$PWD}
-    local package
-    local -x DEB_HOST_ARCH=$architecture SOURCE_DATE_EPOCH
-    SOURCE_DATE_EPOCH=$(dpkg-parsechangelog --file "$source/packaging/changelog" --show-field Timestamp)
+    local -r architecture=$1 source=${3:-$PWD}
+    local -x PACKAGES=$2
+    local target=binary
     if [[ $architecture != $(dpkg --print-architecture) ]]; then
-        local -x DPKG_ADMINDIR=$PWD/$armhf_sysroot/dpkg
+        target=binary-arch
     fi
-    quietly "pack-$architecture" cpack --config "$source/build/release-$architecture/CPackConfig.cmake" -B "$folder/work-$architecture"
-    mv "$folder/work-$architecture"/*.*deb "$folder/"
-    rm -r "$folder/work-$architecture"
-    for package in "$folder"/*_"$architecture".ddeb; do
-        repair_sums "$package"
-    done
+    quietly "pack-$architecture" in_release "$architecture" "$source" "$target"
+    quietly "clean-release-$architecture" in_release "$architecture" "$source" clean
 }
