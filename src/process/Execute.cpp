@@ -1,15 +1,17 @@
 #include <utils/Execute.h>
 
+#include "build/Hardened.h"
 #include "log/Log.h"
-#include "log/LogErrno.h"
+#include "process/ChildEnd.h"
+#include "process/Conversation.h"
+#include "process/PipeEnds.h"
+#include "process/SigpipeBlock.h"
+#include "process/Spawn.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -19,75 +21,8 @@
 namespace Halden::Tavro::Utils
 {
 
-/// Keeps a Pipe from closing a number again, which may be that of another thread's file by then.
-struct PipeEnds
-{
-    /// A Pipe whose ends no program inherits, not even one that another thread is about to start.
-    static Pipe makeCloseOnExec()
-    {
-        return Pipe([](int* ends) { return pipe2(ends, O_CLOEXEC); });
-    }
-
-    static void close(Pipe& pipe, Pipe::End end)
-    {
-        pipe.close(end);
-        forget(pipe, end);
-    }
-
-    /// For an end that a stream buffer closes.
-    static void forget(Pipe& pipe, Pipe::End end) { (end == Pipe::End::Read ? pipe.readFd : pipe.writeFd) = -1; }
-};
-
 namespace
 {
-
-constexpr std::chrono::milliseconds pollPeriod{10};
-
-/// Keeps SIGPIPE from the calling thread, as a child may end without reading.
-class SigpipeBlock
-{
-public:
-    SigpipeBlock()
-    {
-        sigemptyset(&sigpipe);
-        sigaddset(&sigpipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &sigpipe, &maskBefore);
-        sigset_t pending;
-        sigpending(&pending);
-        wasPending = sigismember(&pending, SIGPIPE) == 1;
-    }
-
-    SigpipeBlock(SigpipeBlock const&) = delete;
-    SigpipeBlock& operator=(SigpipeBlock const&) = delete;
-
-    ~SigpipeBlock()
-    {
-        if (!wasPending)
-        {
-            consume();
-        }
-        pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr);
-    }
-
-private:
-    void consume() const
-    {
-        timespec const noTime{};
-        while (sigtimedwait(&sigpipe, nullptr, &noTime) == -1 && errno == EINTR)
-        {
-        }
-    }
-
-    sigset_t sigpipe{};
-    sigset_t maskBefore{};
-    bool wasPending{false};
-};
-
-[[noreturn]] void failWithoutStatus(int error)
-{
-    TAVRO_LOG(Log::Severity::Error, "Failed to get status of child process");
-    throw std::runtime_error(strerror(error));
-}
 
 void writeInput(Pipe& stdinPipe, std::istream const& input)
 {
@@ -136,76 +71,59 @@ void sleepOnePeriod()
     }
 }
 
-void killChild(pid_t child)
-{
-    TAVRO_LOG(Log::Severity::Debug, "Send kill signal to child process %d", child);
-    int const result = kill(child, SIGKILL);
-    if (result == 0)
-    {
-        TAVRO_LOG(Log::Severity::Info, "kill(%d, SIGKILL) succeeded with %d", child, result);
-        return;
-    }
-    TAVRO_LOG_ERRNO("kill(%d, SIGKILL) failed with %d errno = %d (%s)", child, result);
-    if (errno == EPERM)
-    {
-        TAVRO_LOG(Log::Severity::Error, "Parent has no permission to kill child process");
-        throw std::runtime_error(strerror(EPERM));
-    }
-}
-
-/// @return nothing when a signal handler has interrupted the wait
-std::optional<int> reap(pid_t child)
-{
-    int status = 0;
-    pid_t answer = 0;
-    while (answer == 0)
-    {
-        answer = waitpid(child, &status, 0);
-    }
-    int const error = errno;
-    if (answer == child)
-    {
-        TAVRO_LOG(Log::Severity::Debug, "Child finished after kill");
-        return status;
-    }
-    if (answer == -1 && error != EINTR)
-    {
-        failWithoutStatus(error);
-    }
-    return std::nullopt; // kept: leaves a zombie
-}
-
 /// @return nothing when a signal handler has interrupted the last wait
 std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds timeout)
 {
     std::int64_t const limit = timeout / pollPeriod;
     for (std::int64_t i = 0;; ++i)
     {
-        int status = 0;
-        pid_t const answer = waitpid(child, &status, WNOHANG);
-        int const error = errno;
-        if (answer == child)
+        ChildLook const seen = lookAt(child);
+        if (seen.answer == ChildLook::Answer::Ended)
         {
-            TAVRO_LOG(Log::Severity::Debug, "Child finished");
-            return status;
+            return seen.status;
         }
-        if (answer == -1 && error != EINTR)
-        {
-            failWithoutStatus(error);
-        }
-        if (answer == 0)
+        if (seen.answer == ChildLook::Answer::Running)
         {
             sleepOnePeriod();
         }
         if (i >= limit)
         {
-            if (answer != 0)
-            {
-                return std::nullopt; // kept: the child is neither killed nor reaped
-            }
-            killChild(child);
-            return reap(child);
+            // kept: after an interrupted look the child is neither killed nor reaped
+            return seen.answer == ChildLook::Answer::Running ? killAndReap(child) : std::nullopt;
         }
+    }
+}
+
+/// What getAppOutput() does in the exact build: one thing after the other.
+ExecutionResult talkInTurn(Pipe& stdoutPipe, Pipe& stdinPipe, pid_t child, std::istream const& input,
+                           std::chrono::milliseconds timeout)
+{
+    writeInput(stdinPipe, input);
+    auto output = openOutput(stdoutPipe);
+    PipeEnds::close(stdoutPipe, Pipe::End::Write);
+    auto const status = waitForEnd(child, timeout);
+    return makeResult(status, readToEnd(output));
+}
+
+void attach(Pipe const& stdinPipe, Pipe const& stdoutPipe, Pipe const* stderrPipe)
+{
+    stdinPipe.useAsStdin();
+    stdoutPipe.useAsStdout();
+    if (stderrPipe != nullptr)
+    {
+        stderrPipe->useAsStderr();
+    }
+}
+
+void attachOrExit(Pipe const& stdinPipe, Pipe const& stdoutPipe, Pipe const* stderrPipe)
+{
+    try
+    {
+        attach(stdinPipe, stdoutPipe, stderrPipe);
+    }
+    catch (...)
+    {
+        _exit(255); // as where the program cannot be started
     }
 }
 
@@ -225,6 +143,34 @@ std::vector<char*> toArgumentVector(std::string const& path, std::vector<std::st
     return pointers;
 }
 
+/// Forks a child that becomes the program.
+pid_t forkInto(Pipe& stdinPipe, Pipe& stdoutPipe, char const* path, char* const* arguments,
+               Environment const& environment)
+{
+    pid_t const child = fork();
+    if (child == -1)
+    {
+        throw std::runtime_error("Failed to fork to execute the other process");
+    }
+    if (child == 0)
+    {
+        executeApp(stdinPipe, stdoutPipe, nullptr, path, arguments, environment);
+    }
+    return child;
+}
+
+pid_t start(Pipe& stdinPipe, Pipe& stdoutPipe, char const* path, char* const* arguments, Environment const& environment)
+{
+    if constexpr (hardened)
+    {
+        if (auto const child = spawn(stdinPipe, stdoutPipe, path, arguments, environment))
+        {
+            return *child;
+        }
+    }
+    return forkInto(stdinPipe, stdoutPipe, path, arguments, environment);
+}
+
 }
 
 ExecutionResult execute(std::string const& path, std::vector<std::string> const& arguments,
@@ -234,15 +180,7 @@ ExecutionResult execute(std::string const& path, std::vector<std::string> const&
     Pipe stdoutPipe = PipeEnds::makeCloseOnExec();
     Pipe stdinPipe = PipeEnds::makeCloseOnExec();
     auto const pointers = toArgumentVector(path, arguments);
-    pid_t const child = fork();
-    if (child == -1)
-    {
-        throw std::runtime_error("Failed to fork to execute the other process");
-    }
-    if (child == 0)
-    {
-        executeApp(stdinPipe, stdoutPipe, nullptr, path.c_str(), pointers.data(), environment);
-    }
+    auto const child = start(stdinPipe, stdoutPipe, path.c_str(), pointers.data(), environment);
     PipeEnds::close(stdinPipe, Pipe::End::Read); // while it is open, a write to a dead child would wait for ever
     return getAppOutput(stdoutPipe, stdinPipe, child, input, timeout);
 }
@@ -251,11 +189,13 @@ void executeApp(Pipe& stdinPipe, Pipe& stdoutPipe, Pipe* stderrPipe, char const*
                 Environment const& environment)
 {
     TAVRO_LOG(Log::Severity::Trace, "executeApp()");
-    stdinPipe.useAsStdin();
-    stdoutPipe.useAsStdout();
-    if (stderrPipe != nullptr)
+    if constexpr (hardened)
     {
-        stderrPipe->useAsStderr();
+        attachOrExit(stdinPipe, stdoutPipe, stderrPipe);
+    }
+    else
+    {
+        attach(stdinPipe, stdoutPipe, stderrPipe); // kept: what it throws goes on in the child, into the caller's code
     }
     stdinPipe.close();
     stdoutPipe.close();
@@ -269,6 +209,7 @@ void executeApp(Pipe& stdinPipe, Pipe& stdoutPipe, Pipe* stderrPipe, char const*
     }
     int const result = execv(path, arguments);
     int const error = errno;
+    // kept: the text names execve(), as those expect who search logs for it
     TAVRO_LOG(Log::Severity::Error, "execve() failed with %s", strerror(error));
     _exit(result);
 }
@@ -278,23 +219,14 @@ ExecutionResult getAppOutput(Pipe& stdoutPipe, Pipe& stdinPipe, pid_t child, std
 {
     TAVRO_LOG(Log::Severity::Trace, "getAppOutput()");
     TAVRO_LOG(Log::Severity::Debug, "Timeout is set to %fs", std::chrono::duration<double>(timeout).count());
-    writeInput(stdinPipe, input);
-    auto output = openOutput(stdoutPipe);
-    PipeEnds::close(stdoutPipe, Pipe::End::Write);
-
-    auto const status = waitForEnd(child, timeout);
-
-    ExecutionResult result;
-    result.output = readToEnd(output);
-    if (status && WIFEXITED(*status))
+    if constexpr (hardened)
     {
-        result.exitCode = static_cast<std::int8_t>(WEXITSTATUS(*status));
+        return converse(stdoutPipe, stdinPipe, child, input, timeout);
     }
-    else if (status && WIFSIGNALED(*status))
+    else
     {
-        result.termSignal = static_cast<std::int8_t>(WTERMSIG(*status));
+        return talkInTurn(stdoutPipe, stdinPipe, child, input, timeout);
     }
-    return result;
 }
 
 }

@@ -1,5 +1,6 @@
 #include <utils/FirmwareVersionTavro.h>
 
+#include "build/Hardened.h"
 #include "log/Log.h"
 
 #include <algorithm>
@@ -12,6 +13,14 @@
 
 namespace Halden::Tavro::Utils
 {
+
+namespace
+{
+
+/// Of popen(3). Without close-on-exec, programs that other threads start meanwhile hold the pipe as well.
+constexpr char const* readMode = hardened ? "re" : "r"; // kept: "r", the exact build's
+
+}
 
 FirmwareVersionIfc::~FirmwareVersionIfc() = default;
 
@@ -60,7 +69,8 @@ bool FirmwareVersionTavro::initCompatibleId()
 std::string FirmwareVersionTavro::execGetStdout(std::string const& command)
 {
     TAVRO_LOG_TO(*this, Log::Severity::Debug, "executing cmd '%s'", command.c_str());
-    std::FILE* const output = popen(command.c_str(), "r"); // NOLINT(cert-env33-c): the command is meant for the shell
+    std::FILE* const output =
+        popen(command.c_str(), readMode); // NOLINT(cert-env33-c): the command is meant for the shell
     if (output == nullptr)
     {
         TAVRO_LOG_TO(*this, Log::Severity::Error, "Failed to execute the command '%s'", command.c_str());

@@ -1,5 +1,7 @@
 #include <utils/Pipe.h>
 
+#include "build/Hardened.h"
+
 #include <unistd.h>
 
 #include <array>
@@ -24,6 +26,18 @@ void closeOnce(int& descriptor)
         ::close(descriptor);
     }
     descriptor = -1;
+}
+
+void closeEnd(int& descriptor)
+{
+    if constexpr (hardened)
+    {
+        closeOnce(descriptor);
+    }
+    else
+    {
+        ::close(descriptor); // kept: the field holds the number on, and users close it again
+    }
 }
 
 int use(int end, int standardDescriptor, char const* name)
@@ -73,10 +87,10 @@ void Pipe::close(End end) // NOLINT(readability-make-member-function-const): the
     switch (end)
     {
     case End::Read:
-        ::close(readFd); // kept: the field holds the number on
+        closeEnd(readFd);
         break;
     case End::Write:
-        ::close(writeFd); // kept: likewise
+        closeEnd(writeFd);
         break;
     }
 }

@@ -1,5 +1,11 @@
 #include "process/ExecuteFixture.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+
 namespace Halden::Tavro::TestSupport
 {
 
@@ -9,6 +15,8 @@ CallDouble<int(int, int)> dup2Double{"dup2"};
 CallDouble<int(int)> closeDouble{"close"};
 CallDouble<int(std::FILE*)> fcloseDouble{"fclose"};
 CallDouble<std::FILE*(int, char const*)> fdopenDouble{"fdopen"};
+CallDouble<int(int, int, long)> fcntlDouble{"fcntl"};
+CallDouble<int(pid_t, unsigned)> pidfdOpenDouble{"pidfd_open"};
 CallDouble<pid_t()> forkDouble{"fork"};
 CallDouble<pid_t(pid_t, int*, int)> waitpidDouble{"waitpid"};
 CallDouble<int(pid_t, int)> killDouble{"kill"};
@@ -59,9 +67,37 @@ extern "C"
         return call(fdopenDouble, descriptor, mode);
     }
 
+    int fcntlOfTest(int descriptor, int command, ...)
+    {
+        va_list arguments;
+        va_start(arguments, command);
+        long const argument = va_arg(arguments, long);
+        va_end(arguments);
+        return call(fcntlDouble, descriptor, command, argument);
+    }
+
     pid_t fork() noexcept
     {
         return call(forkDouble);
+    }
+
+    /// Only of interest for the descriptor of a process, and the C library's own way for all else.
+    long syscall(long number, ...) noexcept
+    {
+        va_list values;
+        va_start(values, number);
+        std::array<long, 6> arguments{};
+        for (long& argument : arguments)
+        {
+            argument = va_arg(values, long);
+        }
+        va_end(values);
+        if (number == SYS_pidfd_open && underTest)
+        {
+            return pidfdOpenDouble(static_cast<pid_t>(arguments[0]), static_cast<unsigned>(arguments[1]));
+        }
+        return systemFunction<long (*)(long, ...)>("syscall")(number, arguments[0], arguments[1], arguments[2],
+                                                              arguments[3], arguments[4], arguments[5]);
     }
 
     pid_t waitpid(pid_t process, int* status, int options)
@@ -89,3 +125,4 @@ extern "C"
         return call(execvDouble, path, arguments);
     }
 }
+HALDEN_DOUBLE(fcntl, fcntlOfTest)

@@ -23,6 +23,8 @@ extern CallDouble<int(int, int)> dup2Double;
 extern CallDouble<int(int)> closeDouble;
 extern CallDouble<int(std::FILE*)> fcloseDouble;
 extern CallDouble<std::FILE*(int, char const*)> fdopenDouble;
+extern CallDouble<int(int, int, long)> fcntlDouble;
+extern CallDouble<int(pid_t, unsigned)> pidfdOpenDouble;
 extern CallDouble<pid_t()> forkDouble;
 extern CallDouble<pid_t(pid_t, int*, int)> waitpidDouble;
 extern CallDouble<int(pid_t, int)> killDouble;
@@ -42,6 +44,13 @@ protected:
         reset();
         closeDouble.replace([this](int descriptor) { return closeAndTell(descriptor); });
         fcloseDouble.replace([this](std::FILE* file) { return fcloseAndTell(file); });
+        pidfdOpenDouble.replace(
+            [this](pid_t process, unsigned flags)
+            {
+                int const result = pidfdOpenDouble.passOn(process, flags);
+                names.erase(result); // a number that was an end's before
+                return result;
+            });
         underTest = true;
     }
 
@@ -58,6 +67,8 @@ protected:
         closeDouble.reset();
         fcloseDouble.reset();
         fdopenDouble.reset();
+        fcntlDouble.reset();
+        pidfdOpenDouble.reset();
         forkDouble.reset();
         waitpidDouble.reset();
         killDouble.reset();
@@ -95,6 +106,19 @@ protected:
             events.add("fclose " + nameOf(fileno(file)));
         }
         return fcloseDouble.passOn(file);
+    }
+
+    /// Lets the parent find no open descriptor where it wants to use this end.
+    void failToOpen(std::string const& end)
+    {
+        fdopenDouble.replace([this, end](int descriptor, char const* mode)
+                             { return nameOf(descriptor) == end ? nullptr : fdopenDouble.passOn(descriptor, mode); });
+        fcntlDouble.replace(
+            [this, end](int descriptor, int command, long argument)
+            {
+                errno = EBADF;
+                return nameOf(descriptor) == end ? -1 : fcntlDouble.passOn(descriptor, command, argument);
+            });
     }
 
     /// Tells the log lines as events, with the severity as a number, and leaves logging with another errno.

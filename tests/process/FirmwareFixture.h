@@ -1,0 +1,112 @@
+#pragma once
+
+#include <utils/FirmwareVersionTavro.h>
+#include <utils/TempDir.h>
+
+#include "support/CallDouble.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Halden::Tavro::TestSupport
+{
+
+inline char const* const loggerName = "Halden::Tavro::Utils::FirmwareVersionTavro";
+inline std::string const versionCommand = "tavro-fw-version";
+inline std::string const compatibleIdCommand =
+    R"(rauc status --output-format=shell | grep RAUC_SYSTEM_COMPATIBLE | cut -f2 -d\')";
+
+extern CallDouble<std::FILE*(char const*, char const*)> popenDouble;
+extern CallDouble<std::size_t(void*, std::size_t, std::size_t, std::FILE*)> freadDouble;
+extern CallDouble<int(std::FILE*)> pcloseDouble;
+
+/// What happens around one stream, in order: calls of the system with their values, and log lines.
+extern std::vector<std::string> calls;
+
+/// Opens the steps to the tests.
+class Steps : public Utils::FirmwareVersionTavro
+{
+public:
+    using FirmwareVersionTavro::execGetStdout;
+    using FirmwareVersionTavro::initCompatibleId;
+    using FirmwareVersionTavro::initVersion;
+
+    Steps()
+        : Log::Logger("steps", "", std::make_shared<Log::LoggerImpl>())
+    {
+    }
+};
+
+/// Gives the device's commands as scripts, found first in PATH.
+class FirmwareFixture : public testing::Test
+{
+protected:
+    FirmwareFixture()
+    {
+        reset();
+        setenv("PATH", (commands.path() + ":" + pathBefore).c_str(), 1);
+    }
+
+    ~FirmwareFixture() override
+    {
+        setenv("PATH", pathBefore.c_str(), 1);
+        reset();
+    }
+
+    static void reset()
+    {
+        popenDouble.reset();
+        freadDouble.reset();
+        pcloseDouble.reset();
+        calls.clear();
+    }
+
+    void giveCommand(std::string const& name, std::string const& script) const
+    {
+        auto const file = std::filesystem::path(commands.path()) / name;
+        std::ofstream(file) << "#!/bin/sh\n" << script << '\n';
+        std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+    }
+
+    void giveBoth() const
+    {
+        giveCommand("tavro-fw-version", "echo 1.2.3");
+        giveCommand("rauc", R"(test "$*" = "status --output-format=shell" || exit 1
+            echo "RAUC_SYSTEM_VARIANT='rev-b'"
+            echo "RAUC_SYSTEM_COMPATIBLE='board-x'"
+            echo "RAUC_BOOT_PRIMARY='rootfs.0'")");
+    }
+
+    /// Of the shell: octal escapes.
+    static std::string printfCommand(std::string const& output)
+    {
+        std::string command = "printf '";
+        for (char const byte : output)
+        {
+            char escaped[8]{};
+            static_cast<void>(std::snprintf(escaped, sizeof escaped, "\\%03o", static_cast<unsigned char>(byte)));
+            command += escaped;
+        }
+        return command + "'";
+    }
+
+    void expectFailure(std::string const& logger, std::string const& text)
+    {
+        log.expect(isLine(Log::Severity::Error, logger, text));
+    }
+
+    Utils::TempDir const commands{"FirmwareVersionTavroTest-", std::filesystem::temp_directory_path()};
+    std::string const pathBefore = std::getenv("PATH");
+    LogCapture log;
+};
+
+}
