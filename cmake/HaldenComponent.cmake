@@ -7,9 +7,7 @@ function(halden_install_component component)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "" "DESCRIPTION" "DEPENDENCIES;REQUIRES")
     set(target haldencpputils_${component})
     set(directory ${CMAKE_INSTALL_LIBDIR}/cmake/haldencpputils)
-    install(TARGETS ${target} EXPORT ${target}-targets
-        LIBRARY COMPONENT ${target}-runtime NAMELINK_COMPONENT ${target}-dev
-        ARCHIVE COMPONENT ${target}-dev)
+    halden_install_targets(${target} ${target})
     install(EXPORT ${target}-targets NAMESPACE Halden:: DESTINATION ${directory} COMPONENT ${target}-dev)
 
     set(HALDEN_COMPONENT_DEPENDENCIES "")

@@ -6,7 +6,7 @@
 # LIBDIR                       the folder of the libraries below ROOT
 # SHARED                       ON or OFF
 # INSTALLED_LOGGER             ON to install the logging library first, from its own folder alone, and let the project
-#                              find it there
+#                              find it there; else with all components
 
 include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
 
@@ -34,8 +34,11 @@ if(INSTALLED_LOGGER)
     if(EXISTS ${BUILD_DIR}/stage${prefix}/project/include/log)
         message(FATAL_ERROR "the project has installed a logging library of its own")
     endif()
+    if(EXISTS ${BUILD_DIR}/stage${prefix}/project/include/utils/testing)
+        message(FATAL_ERROR "the project has installed a component that nobody has asked for")
+    endif()
 elseif(BUILT)
     stage(${BUILT} ${prefix})
 else()
-    install_staged(${SOURCE_DIR} project)
+    install_staged(${SOURCE_DIR} project -DHALDEN_BUILD_TESTING_LIBRARY=ON)
 endif()

@@ -251,7 +251,7 @@ TEST_F(LogCaptureTest, LoggerInsideTheSinkAtTheEndOfTheCaptureMayFinish)
     EXPECT_EQ(logging.wait_for(20s), std::future_status::ready);
 }
 
-TEST(LogLineTest, LinesAreEqualInAllTheirParts)
+TEST(LogCaptureLineTest, LinesAreEqualInAllTheirParts)
 {
     LogLine const line{Severity::Info, "Service", "text"};
 
@@ -261,7 +261,7 @@ TEST(LogLineTest, LinesAreEqualInAllTheirParts)
     EXPECT_NE(line, (LogLine{Severity::Info, "Service", "other"}));
 }
 
-TEST(LogLineTest, IsPrintedWithItsSeverityAndLogger)
+TEST(LogCaptureLineTest, IsPrintedWithItsSeverityAndLogger)
 {
     std::ostringstream stream;
 

@@ -400,16 +400,16 @@ TEST_P(ManagerContractTest, RemovalOfAStrangerIsAWarning)
 }
 
 /// What the managers do that call one function after the other.
-class SequentialManagerContractTest : public ManagerContractTest
+class ManagerContractSequentialTest : public ManagerContractTest
 {
 protected:
     /// The period of a function that is due since that long when it is fresh.
     milliseconds dueSince(milliseconds time) const { return uptime() - time; }
 };
 
-INSTANTIATE_TEST_SUITE_P(, SequentialManagerContractTest, Values(Kind::Manual, Kind::Sequential), nameOfKind);
+INSTANTIATE_TEST_SUITE_P(, ManagerContractSequentialTest, Values(Kind::Manual, Kind::Sequential), nameOfKind);
 
-TEST_P(SequentialManagerContractTest, BatchRunsTheMostOverdueFirst)
+TEST_P(ManagerContractSequentialTest, BatchRunsTheMostOverdueFirst)
 {
     std::vector<std::string> order;
     std::atomic<int> calls{0};
@@ -434,7 +434,7 @@ TEST_P(SequentialManagerContractTest, BatchRunsTheMostOverdueFirst)
     EXPECT_THAT(order, ElementsAre("due since 50 ms", "due since 30 ms", "due since 10 ms"));
 }
 
-TEST_P(SequentialManagerContractTest, FunctionThatTakesTimeDelaysThoseBehindIt)
+TEST_P(ManagerContractSequentialTest, FunctionThatTakesTimeDelaysThoseBehindIt)
 {
     steady_clock::time_point startOfSlow;
     steady_clock::time_point startOfNext;
@@ -461,7 +461,7 @@ TEST_P(SequentialManagerContractTest, FunctionThatTakesTimeDelaysThoseBehindIt)
     EXPECT_GE(startOfNext - startOfSlow, 30ms);
 }
 
-TEST_P(SequentialManagerContractTest, FunctionRemovedByAnEarlierOneOfItsBatchIsRefused)
+TEST_P(ManagerContractSequentialTest, FunctionRemovedByAnEarlierOneOfItsBatchIsRefused)
 {
     auto const refused = isLine(Severity::Warning, itemLogger, std::string("Execution of PCM item is forbidden"));
     log.expect(refused);

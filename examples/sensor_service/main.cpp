@@ -1,0 +1,62 @@
+// Reads a sensor, which is made up, and reports what it has found; its tests are the point of this example.
+//
+//     sensor_service --seconds 1
+
+#include "../support/Program.h"
+#include "../support/Scheduler.h"
+#include "SensorService.h"
+
+#include <chrono>
+#include <iostream>
+#include <random>
+#include <thread>
+
+using namespace Halden::Tavro;
+
+namespace
+{
+
+/// Around 21.5, with an answer that is missing now and then.
+class MadeUpSensor
+{
+public:
+    std::optional<double> operator()()
+    {
+        double const value = values(generator);
+        return value < 20.5 ? std::nullopt : std::optional(value);
+    }
+
+private:
+    std::minstd_rand generator{1}; // NOLINT(cert-msc51-cpp,cert-msc32-c): noise, no secret
+    std::normal_distribution<double> values{21.5, 0.5};
+};
+
+int serve(int seconds)
+{
+    auto const manager = std::make_shared<Utils::PeriodicCallerManager>(
+        Utils::PeriodicCallerManager::ExecutionStrategy::Sequential, "sensor");
+    letSchedulerSleep();
+    Utils::SystemTimeHandler systemTime(manager);
+    systemTime.initialize();
+    Utils::FirmwareVersionTavro firmware;
+    firmware.init();
+    {
+        SensorService const service(*manager, systemTime, firmware, MadeUpSensor());
+        std::this_thread::sleep_for(std::chrono::seconds(seconds));
+        std::cout << service.report() << '\n';
+    }
+    letSchedulerSleep(std::chrono::milliseconds(100));
+    return 0;
+}
+
+}
+
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
+{
+    int seconds = 1;
+    CLI::App app("Reads a made-up sensor and reports what it has found.", "sensor_service");
+    app.add_option("--seconds", seconds, "Ends after that many seconds")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    return runProgram(app, argc, argv, [&] { return serve(seconds); });
+}
