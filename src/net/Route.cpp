@@ -1,5 +1,6 @@
 #include <utils/Route.h>
 
+#include "build/Hardened.h"
 #include "log/LogErrno.h"
 #include "net/AddrinfoList.h"
 #include "net/IfaddrsList.h"
@@ -55,6 +56,10 @@ std::string localAddressOf(int descriptor)
         close(descriptor);
         throw std::runtime_error("failed to get local socket name, errno=" + std::to_string(error));
     }
+    if constexpr (hardened)
+    {
+        close(descriptor);
+    }                                 // else kept: the socket stays open
     return inet_ntoa(local.sin_addr); // its buffer is the thread's own
 }
 
@@ -100,7 +105,7 @@ std::string internalLocalIpForRemote(std::string const& remote)
         int const descriptor = connectedSocket(*entry);
         if (descriptor >= 0)
         {
-            return localAddressOf(descriptor); // kept: the socket stays open
+            return localAddressOf(descriptor);
         }
     }
     throw std::runtime_error("could not resolve IP or hostname");

@@ -1,8 +1,8 @@
-// Asks the real kernel, about interfaces that a test makes in a network namespace of its own.
+// Asks the real kernel.
 
 #include <utils/Route.h>
 
-#include "support/ChildProcess.h"
+#include "net/RouteKernelFixture.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"
 
@@ -10,15 +10,7 @@
 
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <sched.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <functional>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,72 +25,9 @@ using Log::Severity;
 using testing::ElementsAre;
 using testing::StrEq;
 using testing::ThrowsMessage;
-using TestSupport::isLine;
-using TestSupport::LogCapture;
-using TestSupport::openDescriptors;
+using namespace TestSupport;
 
-constexpr int refused = 77;
-
-/// Into an empty network that goes away with this process. @return false when the system does not allow it
-bool enterEmptyNetwork()
-{
-    if (unshare(CLONE_NEWNET) == 0)
-    {
-        return true;
-    }
-    auto const user = geteuid();
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-    {
-        std::cerr << strerror(errno);
-        return false;
-    }
-    std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
-    return true;
-}
-
-/// Runs a command of ip(8).
-void ip(std::string const& command)
-{
-    if (std::system(("ip " + command).c_str()) != 0)
-    {
-        ADD_FAILURE() << "ip " << command;
-    }
-}
-
-/// Two interfaces, of which eth0 has two IPv4 addresses and the first of them is on eth1 too; both have fe80::1.
-void makeInterfaces()
-{
-    ip("link set lo up");
-    ip("link add eth0 type veth peer name eth1");
-    ip("address add 192.0.2.1/24 dev eth0");
-    ip("address add 198.51.100.1/24 dev eth0");
-    ip("address add 192.0.2.1/32 dev eth1");
-    ip("address add fe80::1/64 dev eth0 nodad");
-    ip("address add fe80::1/64 dev eth1 nodad");
-    ip("link set eth0 up");
-    ip("link set eth1 up");
-}
-
-/// Runs checks beside these interfaces, in a child process.
-void runBesideInterfaces(std::function<void()> const& checks)
-{
-    auto const result = TestSupport::runInChild(
-        [&checks]
-        {
-            if (!enterEmptyNetwork())
-            {
-                return refused;
-            }
-            makeInterfaces();
-            checks();
-            return testing::Test::HasFailure() ? 1 : 0;
-        });
-    if (result.exitCode == refused)
-    {
-        GTEST_SKIP() << "not allowed to make a network namespace: " << result.output;
-    }
-    EXPECT_EQ(result.exitCode, 0) << result.output;
-}
+using RouteKernelTest = RouteKernelFixture;
 
 /// The interfaces with the address, in the order of the system's list.
 std::vector<std::string> interfacesWith(IpAddress const& address)
@@ -121,50 +50,34 @@ std::vector<std::string> interfacesWith(IpAddress const& address)
     return names;
 }
 
-std::vector<std::string> interfacesOfThisProcess()
+TEST_F(RouteKernelTest, LoopbackIsReachedFromItself)
 {
-    std::vector<std::string> names;
-    auto* const all = if_nameindex();
-    for (auto const* entry = all; entry->if_index != 0; ++entry)
-    {
-        names.emplace_back(entry->if_name);
-    }
-    if_freenameindex(all);
-    return names;
-}
-
-class RouteKernelTest : public testing::Test
-{
-protected:
-    ~RouteKernelTest() override { EXPECT_EQ(interfacesOfThisProcess(), interfacesBefore); }
-
-    std::vector<std::string> const interfacesBefore = interfacesOfThisProcess();
-    LogCapture log;
-};
-
-TEST_F(RouteKernelTest, LoopbackIsReachedFromItselfAndEachLookUpCostsADescriptor)
-{
-    auto const before = openDescriptors();
-
-    EXPECT_EQ(Ip::internalLocalIpForRemote("127.0.0.1"), "127.0.0.1");
-    EXPECT_EQ(openDescriptors(), before + 1);
-    EXPECT_EQ(Ip::getLocalIpForRemote("127.0.0.1", 0), "127.0.0.1");
-    EXPECT_EQ(Ip::getLocalIpForRemote("127.0.0.1", 5), "127.0.0.1");
-    EXPECT_EQ(Ip::internalLocalIpForRemote("::ffff:127.0.0.1"), "127.0.0.1"); // the resolver's doing
-    EXPECT_EQ(openDescriptors(), before + 4);
+    runBesideInterfaces(
+        []
+        {
+            EXPECT_EQ(Ip::internalLocalIpForRemote("127.0.0.1"), "127.0.0.1");
+            EXPECT_EQ(Ip::getLocalIpForRemote("127.0.0.1", 0), "127.0.0.1");
+            EXPECT_EQ(Ip::getLocalIpForRemote("127.0.0.1", 5), "127.0.0.1");
+            EXPECT_EQ(Ip::internalLocalIpForRemote("::ffff:127.0.0.1"), "127.0.0.1"); // the resolver's doing
+        });
 }
 
 TEST_F(RouteKernelTest, LookUpThatFailsCostsNoDescriptor)
 {
-    auto const before = openDescriptors();
+    runBesideInterfaces(
+        []
+        {
+            auto const before = openDescriptors();
 
-    EXPECT_THAT(
-        [] { Ip::internalLocalIpForRemote("::1"); },
-        ThrowsMessage<std::runtime_error>(StrEq("getaddrinfo failed with Address family for hostname not supported")));
-    EXPECT_THAT([] { Ip::internalLocalIpForRemote("255.255.255.255"); }, // a socket must ask for broadcasts first
-                ThrowsMessage<std::runtime_error>(StrEq("could not resolve IP or hostname")));
+            EXPECT_THAT([] { Ip::internalLocalIpForRemote("::1"); },
+                        ThrowsMessage<std::runtime_error>(
+                            StrEq("getaddrinfo failed with Address family for hostname not supported")));
+            EXPECT_THAT([]
+                        { Ip::internalLocalIpForRemote("255.255.255.255"); }, // a socket must ask for broadcasts first
+                        ThrowsMessage<std::runtime_error>(StrEq("could not resolve IP or hostname")));
 
-    EXPECT_EQ(openDescriptors(), before);
+            EXPECT_EQ(openDescriptors(), before);
+        });
 }
 
 TEST_F(RouteKernelTest, LocalAddressIsThatOfTheRoute)

@@ -77,11 +77,16 @@ public:
     }
 
     /// Lets the n-th call from the last reset(), counted from 1, return the result with that errno.
-    void failCall(std::size_t n, Result result, int error)
+    template <typename Answer>
+    void failCall(std::size_t n, Answer result, int error)
     {
         State& present = state();
         std::lock_guard const lock(present.mutex);
-        present.failures[n] = {result, error};
+        present.failures[n] = [result, error]() -> Result
+        {
+            errno = error;
+            return result;
+        };
     }
 
     /// Answers every call that is not meant to fail.
@@ -111,8 +116,7 @@ public:
             auto const failure = present.failures.find(present.recorded.size());
             if (failure != present.failures.end())
             {
-                errno = failure->second.second;
-                return failure->second.first;
+                return failure->second();
             }
             answer = present.replacement;
         }
@@ -126,9 +130,9 @@ private:
     struct State
     {
         std::mutex mutex;
-        std::vector<std::tuple<Arguments...>> recorded;         // guarded by mutex
-        std::map<std::size_t, std::pair<Result, int>> failures; // guarded by mutex
-        std::function<Result(Arguments...)> replacement;        // guarded by mutex
+        std::vector<std::tuple<Arguments...>> recorded;          // guarded by mutex
+        std::map<std::size_t, std::function<Result()>> failures; // guarded by mutex
+        std::function<Result(Arguments...)> replacement;         // guarded by mutex
     };
 
     State& state() const

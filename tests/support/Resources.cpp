@@ -2,6 +2,8 @@
 
 #include "support/HeapCounters.h"
 
+#include <malloc.h>
+
 #include <filesystem>
 #include <iterator>
 
@@ -45,6 +47,12 @@ std::size_t heapAllocations()
 std::size_t heapBlocks()
 {
     return HeapCounters::allocations - HeapCounters::frees;
+}
+
+std::size_t heapBytes()
+{
+    auto const state = mallinfo2();
+    return state.uordblks + state.hblkhd;
 }
 
 }

@@ -18,4 +18,7 @@ std::size_t heapAllocations();
 /// Blocks of operator new that are not freed yet; otherwise as heapAllocations().
 std::size_t heapBlocks();
 
+/// What is allocated of the heap, by whomever; 0 with a sanitizer, which has a heap of its own.
+std::size_t heapBytes();
+
 }
