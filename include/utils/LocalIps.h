@@ -99,6 +99,8 @@ protected:
     void initialAddrList();
 
 private:
+    struct Receiver;
+
     void receiveOnce();
     void reportReceiveError();
 

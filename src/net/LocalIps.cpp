@@ -1,10 +1,11 @@
 #include <utils/LocalIps.h>
 
+#include "build/Hardened.h"
 #include "log/LogErrno.h"
+#include "net/IfaddrsList.h"
 #include "net/IpFamily.h"
 
 #include <fcntl.h>
-#include <ifaddrs.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
@@ -21,6 +22,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -48,6 +50,224 @@ void copyAddress(sockaddr_storage& storage, std::size_t offset, char const* byte
     std::memcpy(reinterpret_cast<char*>(&storage) + offset, bytes, std::min(length, sizeof(storage) - offset));
 }
 
+/// Puts the payload of an attribute that holds an address of that family into the storage.
+void takeAddress(Log::Logger const& logger, sockaddr_storage& storage, unsigned family, char const* payload,
+                 std::size_t length)
+{
+    switch (family)
+    {
+    case AF_INET:
+        TAVRO_LOG_TO(logger, Log::Severity::Trace, "nlToIpAddress: got IPv4");
+        storage.ss_family = AF_INET;
+        copyAddress(storage, offsetof(sockaddr_in, sin_addr), payload, length);
+        break;
+    case AF_INET6:
+        TAVRO_LOG_TO(logger, Log::Severity::Trace, "nlToIpAddress: got IPv6");
+        storage.ss_family = AF_INET6;
+        copyAddress(storage, offsetof(sockaddr_in6, sin6_addr), payload, length);
+        break;
+    default:
+        TAVRO_LOG_TO(logger, Log::Severity::Error, "ifaToSockaddr, got an invalid ifa_family %u", family);
+        throw std::invalid_argument("Unknown address family");
+    }
+}
+
+/// The address in the message's attributes of one type, of which the last one counts.
+std::optional<sockaddr_storage> addressIn(char const* message, unsigned short type, Log::Logger const& logger)
+{
+    sockaddr_storage storage{};
+    bool found = false;
+    // Signed: a message that is too short for attributes gives a negative rest.
+    int remaining = static_cast<int>(readAt<nlmsghdr>(message).nlmsg_len - attributesOffset);
+    char const* place = message + attributesOffset;
+    while (remaining >= static_cast<int>(sizeof(rtattr)))
+    {
+        auto const attribute = readAt<rtattr>(place);
+        if (attribute.rta_len < sizeof(rtattr) || attribute.rta_len > remaining)
+        {
+            break;
+        }
+        if (attribute.rta_type == type)
+        {
+            auto const family = readAt<ifaddrmsg>(message + sizeof(nlmsghdr)).ifa_family;
+            takeAddress(logger, storage, family, place + sizeof(rtattr), attribute.rta_len - sizeof(rtattr));
+            found = true;
+        }
+        int const step = RTA_ALIGN(attribute.rta_len);
+        place += step;
+        remaining -= step;
+    }
+    return found ? std::optional(storage) : std::nullopt;
+}
+
+/// The IP addresses of all interfaces, in the system's order.
+std::vector<IpAddress> addressesOfInterfaces(Log::Logger const& logger)
+{
+    ifaddrs* found = nullptr;
+    if (getifaddrs(&found) == -1)
+    {
+        TAVRO_LOG_ERRNO_TO(logger, "initialAddrList: getifaddrs failed with %d(%s)");
+        throw std::runtime_error("Failed to get initial list of IP addresses.");
+    }
+    IfaddrsList const owner(hardened ? found : nullptr); // kept: else it stays allocated
+    std::vector<IpAddress> addresses;
+    for (ifaddrs const* entry = found; entry != nullptr; entry = entry->ifa_next)
+    {
+        if (entry->ifa_addr != nullptr && isIp(entry->ifa_addr->sa_family))
+        {
+            addresses.push_back(IpAddress::fromSockaddr(entry->ifa_addr));
+        }
+    }
+    return addresses;
+}
+
+bool contains(std::vector<IpAddress> const& addresses, IpAddress const& ip)
+{
+    return std::find(addresses.begin(), addresses.end(), ip) != addresses.end();
+}
+
+/// Calls what may throw anything. In the hardened build nothing but a std::exception comes out.
+template <typename Function>
+void callGuarded(Function const& function)
+{
+    if constexpr (hardened)
+    {
+        try
+        {
+            function();
+        }
+        catch (std::exception const&)
+        {
+            throw;
+        }
+        catch (...)
+        {
+            throw std::runtime_error("unknown exception");
+        }
+    }
+    else
+    {
+        function(); // kept: what is no std::exception ends the process
+    }
+}
+
+/// Does one step of the receiver thread. @return false when it has thrown, which is logged
+template <typename Step>
+bool succeeds(Step const& step, Log::Logger const& logger)
+{
+    try
+    {
+        callGuarded(step);
+        return true;
+    }
+    catch (std::exception const& error)
+    {
+        TAVRO_LOG_TO(logger, Log::Severity::Error, "processAllNetlinkMessages: ignoring exception %s", error.what());
+        return false;
+    }
+}
+
+/// Ends a wait for events: the kernel acknowledges a message that asks for nothing. Where it cannot be sent, the wait
+/// ends with its time-out.
+void wakeReceiver(int socket)
+{
+    nlmsghdr message{};
+    message.nlmsg_len = sizeof(message);
+    message.nlmsg_type = NLMSG_NOOP;
+    message.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    static_cast<void>(send(socket, &message, sizeof(message), 0));
+}
+
+}
+
+/// What a receiver thread knows beside the fields of its monitor.
+struct [[gnu::visibility("hidden")]] LocalIps::Receiver
+{
+    enum class List
+    {
+        Complete,
+        EventsLost, // by the kernel; those that are queued are handled, then the list is read again
+        Unreadable  // so far; tried again whenever no event has come for a while
+    };
+
+    LocalIps const* monitor{nullptr};
+    Log::Logger const* logger{nullptr};
+    List list{List::Complete};
+
+    static thread_local Receiver ofThisThread;
+
+    static void start(LocalIps & monitor);
+    static void end(LocalIps & monitor);
+    static Log::Logger const& loggerOf(LocalIps const& monitor);
+    static void catchUp(LocalIps & monitor);
+    static void reportDifferences(LocalIps & monitor, std::vector<IpAddress> const& present);
+};
+
+thread_local LocalIps::Receiver LocalIps::Receiver::ofThisThread;
+
+void LocalIps::Receiver::start(LocalIps& monitor)
+{
+    Log::Logger const* const logger = &monitor;
+    monitor.receiver = std::thread(
+        [&monitor, logger]
+        {
+            ofThisThread = {&monitor, logger, List::Complete};
+            monitor.receiverThread();
+        });
+}
+
+/// Waits for the receiver thread, if there is one, and closes its socket.
+void LocalIps::Receiver::end(LocalIps& monitor)
+{
+    monitor.stopRequested = true;
+    if (monitor.receiver.joinable())
+    {
+        wakeReceiver(monitor.netlinkSocket);
+        monitor.receiver.join();
+    }
+    if (monitor.netlinkSocket >= 0)
+    {
+        close(monitor.netlinkSocket);
+    }
+}
+
+/// The receiver thread does not look for the logger in the monitor: the way to a virtual base changes while the
+/// constructor or the destructor of a derived class is at work.
+Log::Logger const& LocalIps::Receiver::loggerOf(LocalIps const& monitor)
+{
+    return ofThisThread.monitor == &monitor ? *ofThisThread.logger : monitor;
+}
+
+/// To be called when no event is queued, for else one that was reported already would be undone.
+void LocalIps::Receiver::catchUp(LocalIps& monitor)
+{
+    std::vector<IpAddress> present;
+    bool const read = succeeds([&] { present = addressesOfInterfaces(loggerOf(monitor)); }, loggerOf(monitor));
+    ofThisThread.list = read ? List::Complete : List::Unreadable;
+    if (read)
+    {
+        reportDifferences(monitor, present);
+    }
+}
+
+void LocalIps::Receiver::reportDifferences(LocalIps& monitor, std::vector<IpAddress> const& present)
+{
+    std::vector<IpAddress> known = monitor.addresses();
+    for (auto const& ip : known)
+    {
+        if (!monitor.stopRequested && !contains(present, ip))
+        {
+            succeeds([&] { monitor.handleLostAddress(ip); }, loggerOf(monitor));
+        }
+    }
+    for (auto const& ip : present)
+    {
+        if (!monitor.stopRequested && !contains(known, ip))
+        {
+            known.push_back(ip); // which several interfaces may carry
+            succeeds([&] { monitor.handleNewAddress(ip); }, loggerOf(monitor));
+        }
+    }
 }
 
 LocalIps::LocalIps(std::function<void(IpAddress const&)> onNewAddress,
@@ -57,24 +277,50 @@ LocalIps::LocalIps(std::function<void(IpAddress const&)> onNewAddress,
     , onLostAddress(std::move(onLostAddress))
     , onReceiveError(std::move(onReceiveError))
 {
-    openNetlinkRouteSocket();
-    receiver = std::thread(&LocalIps::receiverThread, this);
-    initialAddrList();
+    try
+    {
+        openNetlinkRouteSocket();
+        Receiver::start(*this);
+        initialAddrList();
+    }
+    catch (...)
+    {
+        if constexpr (hardened)
+        {
+            Receiver::end(*this);
+        }
+        throw; // kept: with the socket open, and with the thread running, which ends the process
+    }
 }
 
 LocalIps::~LocalIps()
 {
     TAVRO_LOG_TO(*this, Log::Severity::Info, "+LocalIps destructor");
-    stopRequested = true;
-    if (netlinkSocket >= 0)
+    bool const hasSocket = netlinkSocket >= 0;
+    bool const hasReceiver = receiver.joinable();
+    if constexpr (hardened)
     {
-        close(netlinkSocket);
+        Receiver::end(*this); // so that nobody uses the socket when it is closed; the lines stay in their order
+    }
+    else
+    {
+        stopRequested = true;
+        if (hasSocket)
+        {
+            close(netlinkSocket); // kept: while the receiver thread uses it
+        }
+    }
+    if (hasSocket)
+    {
         TAVRO_LOG_TO(*this, Log::Severity::Info, "socket closed");
     }
-    if (receiver.joinable())
+    if (hasReceiver)
     {
         TAVRO_LOG_TO(*this, Log::Severity::Info, "waiting for receiver thread to stop...");
-        receiver.join();
+        if constexpr (!hardened)
+        {
+            receiver.join();
+        }
         TAVRO_LOG_TO(*this, Log::Severity::Info, "receiver thread stopped");
     }
 }
@@ -111,65 +357,32 @@ void LocalIps::openNetlinkRouteSocket()
 
 IpAddress LocalIps::nlToIpAddress(nlmsghdr const* message)
 {
+    auto const& logger = Receiver::loggerOf(*this);
     char const* const begin = reinterpret_cast<char const*>(message);
-    sockaddr_storage storage{};
-    bool found = false;
-
-    // Signed: a message that is too short for attributes gives a negative rest.
-    int remaining = static_cast<int>(readAt<nlmsghdr>(begin).nlmsg_len - attributesOffset);
-    char const* place = begin + attributesOffset;
-    while (remaining >= static_cast<int>(sizeof(rtattr)))
+    auto address = addressIn(begin, IFA_LOCAL, logger);
+    if constexpr (hardened)
     {
-        auto const attribute = readAt<rtattr>(place);
-        if (attribute.rta_len < sizeof(rtattr) || attribute.rta_len > remaining)
+        if (!address.has_value())
         {
-            break;
+            address = addressIn(begin, IFA_ADDRESS, logger); // beside IFA_LOCAL it is the peer's, alone our own
         }
-        if (attribute.rta_type == IFA_LOCAL) // kept: IFA_ADDRESS is not read, and the last of several counts
-        {
-            char const* const payload = place + sizeof(rtattr);
-            std::size_t const length = attribute.rta_len - sizeof(rtattr);
-            auto const family = readAt<ifaddrmsg>(begin + NLMSG_HDRLEN).ifa_family;
-            switch (family)
-            {
-            case AF_INET:
-                TAVRO_LOG_TO(*this, Log::Severity::Trace, "nlToIpAddress: got IPv4");
-                storage.ss_family = AF_INET;
-                copyAddress(storage, offsetof(sockaddr_in, sin_addr), payload, length);
-                break;
-            case AF_INET6:
-                TAVRO_LOG_TO(*this, Log::Severity::Trace, "nlToIpAddress: got IPv6");
-                storage.ss_family = AF_INET6;
-                copyAddress(storage, offsetof(sockaddr_in6, sin6_addr), payload, length);
-                break;
-            default:
-                TAVRO_LOG_TO(*this, Log::Severity::Error, "ifaToSockaddr, got an invalid ifa_family %u",
-                             static_cast<unsigned>(family));
-                throw std::invalid_argument("Unknown address family");
-            }
-            found = true;
-        }
-        int const step = RTA_ALIGN(attribute.rta_len);
-        place += step;
-        remaining -= step;
-    }
-
-    if (!found)
+    } // else kept: IFA_ADDRESS is not read
+    if (!address.has_value())
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS");
+        TAVRO_LOG_TO(logger, Log::Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS");
         throw std::invalid_argument("IFA message contains no IP address");
     }
-    return IpAddress::fromSockaddr(reinterpret_cast<sockaddr const*>(&storage));
+    return IpAddress::fromSockaddr(reinterpret_cast<sockaddr const*>(&*address));
 }
 
 void LocalIps::handleNewAddress(IpAddress const& ip)
 {
-    TAVRO_LOG_TO(*this, Log::Severity::Info, "new IP address: %s", ip.string().c_str());
+    TAVRO_LOG_TO(Receiver::loggerOf(*this), Log::Severity::Info, "new IP address: %s", ip.string().c_str());
     {
         std::lock_guard const lock(addressMutex);
         if (std::find(addressList.begin(), addressList.end(), ip) != addressList.end())
         {
-            TAVRO_LOG_TO(*this, Log::Severity::Warning,
+            TAVRO_LOG_TO(Receiver::loggerOf(*this), Log::Severity::Warning,
                          "handleNewAddress(%s): IP is already in our list, doing nothing", ip.string().c_str());
             return;
         }
@@ -183,14 +396,14 @@ void LocalIps::handleNewAddress(IpAddress const& ip)
 
 void LocalIps::handleLostAddress(IpAddress const& ip)
 {
-    TAVRO_LOG_TO(*this, Log::Severity::Info, "lost IP address: %s", ip.string().c_str());
+    TAVRO_LOG_TO(Receiver::loggerOf(*this), Log::Severity::Info, "lost IP address: %s", ip.string().c_str());
     {
         std::lock_guard const lock(addressMutex);
         auto const position = std::find(addressList.begin(), addressList.end(), ip);
         if (position == addressList.end())
         {
-            TAVRO_LOG_TO(*this, Log::Severity::Warning, "handleLostAddress(%s): IP is NOT in our list, doing nothing",
-                         ip.string().c_str());
+            TAVRO_LOG_TO(Receiver::loggerOf(*this), Log::Severity::Warning,
+                         "handleLostAddress(%s): IP is NOT in our list, doing nothing", ip.string().c_str());
             return;
         }
         addressList.erase(position);
@@ -213,7 +426,7 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
             return;
         }
         auto const* const message = reinterpret_cast<nlmsghdr const*>(begin + at);
-        try
+        auto const handle = [&]
         {
             if (header.nlmsg_type == RTM_NEWADDR)
             {
@@ -223,19 +436,18 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
             {
                 handleLostAddress(nlToIpAddress(message));
             }
-            at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));
-        }
-        catch (std::exception const& error)
+        };
+        if (succeeds(handle, Receiver::loggerOf(*this)) || hardened) // kept: what fails is handled again
         {
-            // kept: without a step, so that the same message is handled again
-            TAVRO_LOG_TO(*this, Log::Severity::Error, "processAllNetlinkMessages: ignoring exception %s", error.what());
+            at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));
         }
     }
 }
 
 void LocalIps::receiverThread()
 {
-    TAVRO_LOG_TO(*this, Log::Severity::Info, "+receiverThread");
+    auto const& logger = Receiver::loggerOf(*this);
+    TAVRO_LOG_TO(logger, Log::Severity::Info, "+receiverThread");
     try
     {
         while (!stopRequested)
@@ -245,47 +457,61 @@ void LocalIps::receiverThread()
     }
     catch (std::exception const& error)
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "-receiverThread caught exception %s", error.what());
+        TAVRO_LOG_TO(logger, Log::Severity::Error, "-receiverThread caught exception %s", error.what());
     }
-    TAVRO_LOG_TO(*this, Log::Severity::Info, "-receiverThread");
+    TAVRO_LOG_TO(logger, Log::Severity::Info, "-receiverThread");
 }
 
 void LocalIps::receiveOnce()
 {
+    auto const& logger = Receiver::loggerOf(*this);
+    auto& list = Receiver::ofThisThread.list;
     pollfd polled{netlinkSocket, POLLIN, 0};
-    int const ready = poll(&polled, 1, pollTimeoutInMs);
+    int const ready = poll(&polled, 1, list == Receiver::List::EventsLost ? 0 : pollTimeoutInMs);
+    if (hardened && stopRequested)
+    {
+        return; // kept: else it looks at a socket that is closed by now
+    }
     if (ready == 0)
     {
+        if (list != Receiver::List::Complete)
+        {
+            Receiver::catchUp(*this);
+        }
         return;
     }
     if (ready < 0)
     {
-        TAVRO_LOG_ERRNO_TO(*this, "poll failed with %d(%s)");
+        TAVRO_LOG_ERRNO_TO(logger, "poll failed with %d(%s)");
         reportReceiveError(); // kept: then receives all the same
     }
 
     alignas(nlmsghdr) char buffer[4096];
     auto const received = static_cast<int>(recv(netlinkSocket, buffer, sizeof(buffer), 0));
     int const error = errno;
-    TAVRO_LOG_TO(*this, Log::Severity::Trace, "receiverThread: recv returned %d", received);
+    TAVRO_LOG_TO(logger, Log::Severity::Trace, "receiverThread: recv returned %d", received);
     if (received > 0)
     {
         processAllNetlinkMessages(reinterpret_cast<nlmsghdr const*>(buffer), received);
     }
     else if (received == 0)
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Debug, "receiverThread: returned 0: now sleeping a bit");
+        TAVRO_LOG_TO(logger, Log::Severity::Debug, "receiverThread: returned 0: now sleeping a bit");
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
     else if (error == EAGAIN)
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Debug, "no data to read, going back to select loop");
+        TAVRO_LOG_TO(logger, Log::Severity::Debug, "no data to read, going back to select loop");
     }
     else
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Error, "receiverThread: recv on NETLINK_ROUTE socket failed, errno %d (%s),",
-                     error, strerror(error));
+        TAVRO_LOG_TO(logger, Log::Severity::Error,
+                     "receiverThread: recv on NETLINK_ROUTE socket failed, errno %d (%s),", error, strerror(error));
         reportReceiveError();
+        if (hardened && error == ENOBUFS)
+        {
+            list = Receiver::List::EventsLost;
+        }
     }
 }
 
@@ -293,24 +519,15 @@ void LocalIps::reportReceiveError()
 {
     if (!stopRequested && onReceiveError)
     {
-        onReceiveError();
+        callGuarded(onReceiveError);
     }
 }
 
 void LocalIps::initialAddrList()
 {
-    ifaddrs* list = nullptr; // kept: never freed
-    if (getifaddrs(&list) == -1)
+    for (auto const& ip : addressesOfInterfaces(*this))
     {
-        TAVRO_LOG_ERRNO_TO(*this, "initialAddrList: getifaddrs failed with %d(%s)");
-        throw std::runtime_error("Failed to get initial list of IP addresses.");
-    }
-    for (ifaddrs const* entry = list; entry != nullptr; entry = entry->ifa_next)
-    {
-        if (entry->ifa_addr != nullptr && isIp(entry->ifa_addr->sa_family))
-        {
-            handleNewAddress(IpAddress::fromSockaddr(entry->ifa_addr));
-        }
+        handleNewAddress(ip);
     }
 }
 

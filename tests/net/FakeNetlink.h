@@ -1,9 +1,17 @@
 #pragma once
 
-#include <netinet/in.h>
+#include <ifaddrs.h>
+#include <poll.h>
+#include <sys/socket.h>
 
-#include <cstddef>
+#include <condition_variable>
+#include <ctime>
+#include <deque>
 #include <functional>
+#include <list>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,7 +19,7 @@ namespace Halden::Tavro::TestSupport
 {
 
 /// Stands in for the kernel towards LocalIps, for as long as it lives: the socket, its events, the addresses of the
-/// start and the sleep of the receiver thread. One at a time.
+/// interfaces and the sleep of the receiver thread. One at a time.
 ///
 /// For test programs that list net/FakeNetlink.cpp among their sources.
 class FakeNetlink
@@ -25,24 +33,31 @@ public:
     FakeNetlink(FakeNetlink const&) = delete;
     FakeNetlink& operator=(FakeNetlink const&) = delete;
 
-    /// Lets socket, bind, fcntl or getifaddrs fail.
+    /// Lets socket, bind, fcntl, send or getifaddrs fail; with 0 no longer.
     void fail(std::string const& function, int error);
 
-    /// What getifaddrs gives: numeric addresses, with "" for an entry without one and "packet" for another family.
-    void setStart(std::vector<std::string> const& addresses);
+    /// What getifaddrs gives from now on: numeric addresses, with "" for an entry without one and "packet" for another
+    /// family.
+    void setAddresses(std::vector<std::string> const& addresses);
 
     /// Called by getifaddrs before it answers.
-    void beforeStart(std::function<void()> function);
+    void beforeAddresses(std::function<void()> function);
+
+    /// Called by send before it answers.
+    void beforeSend(std::function<void()> function);
+
+    /// How many lists of getifaddrs have not been given back.
+    int listsInUse() const;
 
     /// The answers to one poll, and to the recv that follows unless the poll's result is 0. Without any left, poll
-    /// waits for more, or for close, and then gives 0.
+    /// gives 0: at once when asked not to wait, else when the socket is closed or the kernel is sent a message.
     struct Pass
     {
         int pollResult{1};
         int pollError{0};
         std::string bytes{}; ///< what recv gives, unless there is an error
         int recvError{0};
-        bool atClose{false}; ///< the poll waits for close before it answers
+        bool atEnd{false}; ///< the poll waits for that end before it answers
     };
     void add(Pass pass);
 
@@ -52,8 +67,8 @@ public:
     /// Lets the next sleep be interrupted so long before its end.
     void interruptSleep(timespec remaining);
 
-    /// @return false when the receiver thread has not used up all passes, but those at close, and come back to poll
-    ///         within 10 s
+    /// @return false when the receiver thread has not used up all passes, but those at the end, and come back to poll
+    ///         within a minute
     bool waitUntilIdle() const;
 
     /// What was called so far, with all arguments: on the owner's side, and by the receiver thread (passes that were
@@ -64,7 +79,36 @@ public:
     /// Adds a line of the test's own to the owner's calls.
     void note(std::string const& line);
 
-    class State;
+private:
+    struct List
+    {
+        std::list<ifaddrs> entries;
+        std::list<sockaddr_storage> storage;
+    };
+
+    void addEntry(List& list, std::string const& address);
+    void runBefore(std::function<void()> const& function) const;
+    int call(char const* function, std::string const& arguments);
+    int answerPoll(pollfd const& polled, nfds_t count, int timeout);
+    ssize_t answerRecv(int socket, void* buffer, std::size_t size, int flags);
+    int answerSleep(timespec const& duration, timespec* remaining);
+    ssize_t answerSend(void const* bytes, std::size_t size, int flags);
+    int answerClose();
+    int answerAddresses(ifaddrs** result);
+
+    mutable std::mutex mutex; // guards all that follows
+    mutable std::condition_variable changed;
+    bool ending{false};
+    bool waiting{false}; // the receiver thread, in poll, with nothing to answer yet
+    int inUse{0};
+    std::map<std::string, int> failures;
+    std::deque<Pass> passes;
+    std::optional<timespec> interruption;
+    std::vector<std::string> owner;
+    std::vector<std::string> receiver;
+    std::function<void()> onAddresses;
+    std::function<void()> onSend;
+    std::list<List> lists{1}; // the last is the present one; the others may still be read
 };
 
 }

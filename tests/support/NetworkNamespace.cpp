@@ -63,8 +63,18 @@ void prepareNamespace()
     {
         throw std::runtime_error(std::string("no network namespace: ") + strerror(errno));
     }
-    std::ofstream("/proc/sys/net/ipv6/conf/default/addr_gen_mode") << 1 << std::flush; // no link-local addresses
+    // Whatever the machine's own network has: IPv6, but no link-local addresses.
+    for (std::string const interfaces : {"default", "lo"})
+    {
+        std::ofstream("/proc/sys/net/ipv6/conf/" + interfaces + "/disable_ipv6") << 0 << std::flush;
+    }
+    std::ofstream("/proc/sys/net/ipv6/conf/default/addr_gen_mode") << 1 << std::flush;
     NetworkControl().setUp("lo");
+    std::string address;
+    if (!(std::ifstream("/proc/thread-self/net/if_inet6") >> address))
+    {
+        throw std::runtime_error("no IPv6 in a network namespace");
+    }
 }
 
 }
@@ -144,9 +154,19 @@ void NetworkControl::addInterface(std::string const& name, std::string const& ki
 
 void NetworkControl::setUp(std::string const& interface)
 {
+    setFlags(interface, IFF_UP);
+}
+
+void NetworkControl::setDown(std::string const& interface)
+{
+    setFlags(interface, 0);
+}
+
+void NetworkControl::setFlags(std::string const& interface, unsigned flags)
+{
     ifinfomsg body{};
     body.ifi_index = indexOf(interface);
-    body.ifi_flags = IFF_UP;
+    body.ifi_flags = flags;
     body.ifi_change = IFF_UP;
     request(RTM_NEWLINK, 0, bytesOf(body));
 }

@@ -34,8 +34,10 @@ public:
     /// @param kind as `ip link add type` has it
     void addInterface(std::string const& name, std::string const& kind);
     void setUp(std::string const& interface);
+    void setDown(std::string const& interface);
 
 private:
+    void setFlags(std::string const& interface, unsigned flags);
     void changeAddress(std::uint16_t type, std::uint16_t flags, std::string const& interface,
                        std::string const& address, std::string const& peer);
     void request(std::uint16_t type, std::uint16_t flags, std::string const& body);

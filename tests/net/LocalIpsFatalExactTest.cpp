@@ -1,4 +1,4 @@
-// What ends the process, each in a child process.
+// The hazards of the exact build that end the process, each in a child process.
 
 #include <utils/LocalIps.h>
 
@@ -46,7 +46,8 @@ ChildResult inChild(std::function<void(FakeNetlink&)> const& piece)
         });
 }
 
-TEST(LocalIpsFatalTest, UnreadableAddressesAreLoggedAndEndTheProcess)
+// kept: services end and are started again
+TEST(LocalIpsFatalExactTest, UnreadableAddressesAreLoggedAndEndTheProcess)
 {
     auto const result = inChild(
         [](FakeNetlink& kernel)
@@ -61,12 +62,13 @@ TEST(LocalIpsFatalTest, UnreadableAddressesAreLoggedAndEndTheProcess)
                       Not(HasSubstr("came out")), Not(HasSubstr("destructor"))));
 }
 
-TEST(LocalIpsFatalTest, ExceptionOfACallbackDuringConstructionEndsTheProcess)
+// kept: as above
+TEST(LocalIpsFatalExactTest, ExceptionOfACallbackDuringConstructionEndsTheProcess)
 {
     auto const result = inChild(
         [](FakeNetlink& kernel)
         {
-            kernel.setStart({"10.0.0.1"});
+            kernel.setAddresses({"10.0.0.1"});
             LocalIps const sut([](IpAddress const& /*ip*/) { throw std::runtime_error("no use"); }, {}, {});
         });
 
@@ -74,7 +76,8 @@ TEST(LocalIpsFatalTest, ExceptionOfACallbackDuringConstructionEndsTheProcess)
     EXPECT_THAT(result.output, AllOf(HasSubstr("3 [LocalIps] new IP address: 10.0.0.1\n"), Not(HasSubstr("came out"))));
 }
 
-TEST(LocalIpsFatalTest, CallbackThatThrowsNoStandardExceptionEndsTheProcess)
+// kept: as above
+TEST(LocalIpsFatalExactTest, CallbackThatThrowsNoStandardExceptionEndsTheProcess)
 {
     auto const onEvent = inChild(
         [](FakeNetlink& kernel)
