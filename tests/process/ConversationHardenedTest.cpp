@@ -4,6 +4,7 @@
 #include "process/InputThatCalls.h"
 #include "process/PipeNumbers.h"
 #include "process/Programs.h"
+#include "support/FailingNew.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -286,6 +287,18 @@ TEST_F(ConversationHardenedTest, OutputThatCannotBeReadEndsTheChild)
 
     EXPECT_THROW(waiting.getOutput(input), std::ios_base::failure);
 
+    EXPECT_FALSE(hasChildren());
+}
+
+TEST_F(ConversationHardenedTest, OutputThatDoesNotFitInMemoryEndsTheChild)
+{
+    underTest = false; // the doubles need memory themselves
+    InputThatCalls buffer([] { failNextAllocation(AllocationFailure::BadAlloc); }); // that for the output
+    std::istream const input(&buffer);
+
+    EXPECT_THROW(execute("/usr/bin/yes", {}, {}, input, 1h), std::bad_alloc);
+
+    EXPECT_TRUE(allocationHasFailed());
     EXPECT_FALSE(hasChildren());
 }
 

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <sstream>
@@ -75,11 +76,24 @@ private:
     std::vector<std::thread> threads;
 };
 
-/// Runs a function so many times, spread over eight threads, or for 40 s where forks are slow, as under a sanitizer.
-void runOnEightThreads(int times, std::function<void()> const& function)
+/// How often eight threads run something, and for how long at most, as forks are slow under a sanitizer.
+struct Runs
 {
-    auto const deadline = std::chrono::steady_clock::now() + 40s;
-    std::atomic<int> left{times};
+    int times;
+    std::chrono::seconds limit;
+};
+
+/// Some hundred; for a soak by hand as many as the environment variable HALDEN_EXECUTE_RUNS says.
+Runs soakRuns()
+{
+    char const* const wanted = std::getenv("HALDEN_EXECUTE_RUNS");
+    return wanted == nullptr ? Runs{200, 40s} : Runs{std::stoi(wanted), 24h};
+}
+
+void runOnEightThreads(Runs runs, std::function<void()> const& function)
+{
+    auto const deadline = std::chrono::steady_clock::now() + runs.limit;
+    std::atomic<int> left{runs.times};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
     {
@@ -129,7 +143,7 @@ TEST(ExecuteThreadsTest, RunsOnEightThreadsDoNotDisturbEachOtherAndLeaveNothingB
     std::atomic<int> next{0};
     std::atomic<int> wrong{0};
 
-    runOnEightThreads(200,
+    runOnEightThreads(soakRuns(),
                       [&]
                       {
                           std::string const text(1'000, static_cast<char>('a' + next++ % 26));
@@ -163,7 +177,7 @@ TEST(ExecuteThreadsTest, DescriptorsOfOtherThreadsAreNeverClosed)
                                      }
                                  });
 
-        runOnEightThreads(100, [] { EXPECT_EQ(outputOf("/bin/cat", {}, "text"), "text"); });
+        runOnEightThreads({100, 40s}, [] { EXPECT_EQ(outputOf("/bin/cat", {}, "text"), "text"); });
     }
 
     EXPECT_GT(opened, 100);
@@ -186,7 +200,7 @@ TEST(ExecuteThreadsTest, ChildrenLogWhileEightThreadsDo)
                                      localtime_r(&now, &brokenDown); // as other code does, under a lock
                                  });
 
-        runOnEightThreads(runs,
+        runOnEightThreads({runs, 40s},
                           [&]
                           {
                               std::istringstream const input;

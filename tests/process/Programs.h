@@ -3,6 +3,7 @@
 #include <utils/Execute.h>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,16 @@ inline Utils::ExecutionResult shell(std::string const& script, Utils::Environmen
 inline bool hasChildren()
 {
     return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD;
+}
+
+/// Whether a child of posix_spawn(3) runs in a copy of this process, as under an emulator: nobody hears then of a
+/// program that cannot be started, and the library forks instead.
+inline bool runsChildrenInCopies()
+{
+    std::array<char*, 1> const noArguments{};
+    pid_t child = 0;
+    bool const isSilent = posix_spawn(&child, "", nullptr, nullptr, noArguments.data(), environ) == 0;
+    return isSilent && waitpid(child, nullptr, 0) == child;
 }
 
 inline std::size_t pipeCapacity()

@@ -1,0 +1,147 @@
+// Programs that the hardened build starts without a copy of this process: nothing else may be different.
+
+#include "process/ExecuteFixture.h"
+#include "process/Programs.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace TestSupport;
+using Log::Severity;
+using testing::Optional;
+
+class SpawnHardenedTest : public ExecuteFixture
+{
+protected:
+    SpawnHardenedTest() { spawn(); }
+
+    void SetUp() override
+    {
+        if (runsChildrenInCopies())
+        {
+            GTEST_SKIP() << "the system runs each child in a copy of this process";
+        }
+    }
+
+    static void spawn() { Log::LoggerProxy::instance().setThreshold(Severity::Debug); }
+
+    /// As it is where the child has lines to log.
+    static void fork() { Log::LoggerProxy::instance().setThreshold(Severity::Trace); }
+
+    /// The output of a program that is started in either way.
+    void expectTheSame(std::string const& program, std::vector<std::string> const& arguments,
+                       Environment const& environment = {})
+    {
+        std::istringstream const input;
+        forkDouble.reset();
+        spawn();
+        auto const spawned = execute(program, arguments, environment, input, longEnough);
+        EXPECT_EQ(forkDouble.count(), 0U);
+        fork();
+        auto const forked = execute(program, arguments, environment, input, longEnough);
+        EXPECT_EQ(forkDouble.count(), 1U);
+
+        EXPECT_EQ(spawned.output, forked.output);
+        EXPECT_NE(spawned.output, "");
+        EXPECT_EQ(spawned.exitCode, forked.exitCode);
+    }
+};
+
+TEST_F(SpawnHardenedTest, EnvironmentIsTheSame)
+{
+    ASSERT_EQ(setenv("HALDEN_CHANGED", "before", 1), 0);
+    ASSERT_EQ(setenv("HALDEN_CHANGED_NOT", "kept", 1), 0);
+
+    expectTheSame("/usr/bin/env", {"-0"},
+                  {{"HALDEN_CHANGED", "after"},
+                   {"HALDEN_NEW", "first"},
+                   {"HALDEN_NEW", "a value longer than any short string, = and\nall"},
+                   {"HALDEN_EMPTY", ""},
+                   {"", "no name"},
+                   {"HALDEN=NAME", "no name either"},
+                   {std::string("HALDEN_NUL\0x", 12), std::string("cut\0off", 7)}});
+
+    EXPECT_STREQ(std::getenv("HALDEN_CHANGED"), "before");
+    EXPECT_EQ(std::getenv("HALDEN_NEW"), nullptr);
+}
+
+TEST_F(SpawnHardenedTest, EnvironmentMayBeEmpty)
+{
+    char** const before = environ;
+    environ = nullptr;
+
+    expectTheSame("/usr/bin/env", {}, {{"HALDEN_ONLY", "one"}});
+
+    environ = before;
+}
+
+TEST_F(SpawnHardenedTest, DescriptorsAreTheSame)
+{
+    expectTheSame("/bin/ls", {"/proc/self/fd"});
+}
+
+TEST_F(SpawnHardenedTest, ArgumentsAreTheSame)
+{
+    expectTheSame("/bin/sh", {"-c", "printf '[%s]' \"$0\" \"$@\"", "zero", "", "a b", "*"});
+}
+
+TEST_F(SpawnHardenedTest, BlockedAndIgnoredSignalsAreTheSame)
+{
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+    auto const before = signal(SIGUSR2, SIG_IGN);
+
+    expectTheSame("/bin/grep", {"SigBlk", "/proc/self/status"});
+    // Without the two signals that the C library keeps for itself.
+    expectTheSame("/bin/sed", {"-n", "s/^SigIgn:.*\\(.......\\)$/\\1/p", "/proc/self/status"});
+
+    signal(SIGUSR2, before);
+    pthread_sigmask(SIG_UNBLOCK, &usr1, nullptr);
+}
+
+TEST_F(SpawnHardenedTest, ProgramThatCannotBeStartedIsForkedToSayWhy)
+{
+    for (std::string const path : {"/no/such/program", "/etc/passwd", "/"})
+    {
+        forkDouble.reset();
+
+        auto const result = run(path);
+
+        EXPECT_THAT(result.exitCode, Optional(-1)) << path;
+        EXPECT_EQ(result.output, "") << path;
+        EXPECT_EQ(forkDouble.count(), 1U) << path;
+    }
+    EXPECT_FALSE(hasChildren());
+}
+
+TEST_F(SpawnHardenedTest, NoHandlerOfForksRuns)
+{
+    static int forks;
+    forks = 0;
+    ASSERT_EQ(pthread_atfork([] { ++forks; }, nullptr, nullptr), 0);
+
+    run("/bin/true");
+    EXPECT_EQ(forks, 0);
+
+    fork();
+    run("/bin/true");
+    EXPECT_EQ(forks, 1);
+}
+
+}
+
+}
