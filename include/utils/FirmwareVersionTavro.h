@@ -27,13 +27,16 @@ public:
 ///     if (!firmware.init()) ... // the log says why
 ///     firmware.version();
 ///
+/// Threads: init() excludes every other use; afterwards version() and compatibleId() may be called from any thread.
+///
 /// A command's exit status counts for nothing: whatever it prints is the answer, and only silence is a failure. Of what
 /// it prints the first 2047 bytes up to the first NUL are taken, without their newlines, so that several lines become
-/// one. A command that goes on printing is ended by SIGPIPE, or sees its write fail with EPIPE where it, or this
-/// process, ignores that signal; not before the end of a program that another thread has started meanwhile, which
-/// inherits the reading end. Compare the values with what is expected before relying on them.
+/// one. Compare the values with what is expected before relying on them. A command that goes on printing is ended by
+/// SIGPIPE, or sees its write fail with EPIPE where it, or this process, ignores that signal.
 ///
-/// Threads: init() excludes every other use; afterwards version() and compatibleId() may be called from any thread.
+/// Hazards of the exact build:
+/// A program that another thread starts meanwhile inherits the reading end of the command's
+/// pipe, so that a command that goes on printing does not end before that program.
 class HALDEN_CPPUTILS_EXPORT FirmwareVersionTavro : public FirmwareVersionIfc, protected virtual Log::Logger
 {
 public:

@@ -9,16 +9,27 @@ namespace Halden::Tavro::Utils
 
 /// Both ends of one anonymous pipe, see pipe(7), with what parent and child do with them around a fork(2).
 ///
+///     Pipe pipe;
+///     if (fork() == 0)
+///     {
+///         pipe.useAsStdout();
+///         pipe.close(); // and so on, up to execv(3) or _exit(2)
+///     }
+///     pipe.close(Pipe::End::Write); // else there is no end of file
+///     auto buffer = pipe.bufferRead();
+///
 /// To run a program, use execute(): it takes care of all that is said here.
 ///
-/// A number may be closed twice: close(End) and the stream buffers leave the number in the Pipe, so that close() and
-/// the destructor close it again, when it may belong to a file that another thread has opened since. Use them only
-/// where nothing else opens descriptors until the Pipe is gone: in a process with one thread, or in a forked child.
+/// Threads: a Pipe belongs to one thread at a time. Every program that any thread starts meanwhile inherits the ends: a
+/// reader sees no end of file before that program has ended as well.
 ///
-/// Every program that any thread starts meanwhile inherits the ends: a reader sees no end of file before that program
-/// has ended as well.
+/// A stream buffer closes its end and leaves the number in the Pipe, so that close() and the destructor close it again,
+/// when it may belong to a file that another thread has opened since. Use the buffers where nothing else opens
+/// descriptors until the Pipe is gone: in a process with one thread, or in a forked child.
 ///
-/// Threads: a Pipe belongs to one thread at a time.
+/// Hazards of the exact build:
+/// close(End) leaves the number in the Pipe as well, to be closed again in the same way.
+/// The hardened build forgets it.
 class HALDEN_CPPUTILS_EXPORT Pipe
 {
 public:
@@ -40,7 +51,7 @@ public:
     /// Closes both ends and forgets them, so that a second call does nothing. Errors are ignored.
     void close();
 
-    /// Closes one end without forgetting it: see above. Errors are ignored.
+    /// Closes one end; whether it is forgotten, see above. Errors are ignored.
     void close(End end);
 
     /// Makes the read end the process's standard input as well, see dup2(2).
