@@ -1,24 +1,16 @@
 #include <utils/IpAddress.h>
 
-#include "support/CallDouble.h"
-#include "support/LogCapture.h"
+#include "net/IpAddressFixture.h"
 
 #include <gmock/gmock.h>
 
-#include <arpa/inet.h>
-#include <dlfcn.h>
-#include <net/if.h>
-#include <netdb.h>
 #include <sys/mman.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -30,105 +22,11 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-using Log::Severity;
 using testing::Each;
-using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StrEq;
-using testing::ThrowsMessage;
-using TestSupport::CallDouble;
-using TestSupport::isLine;
-using TestSupport::LogCapture;
-using TestSupport::LogLine;
+using namespace TestSupport;
 
-CallDouble<int(char const*, char const*, addrinfo const*, addrinfo**)> getaddrinfoDouble{"getaddrinfo"};
-CallDouble<char const*(int, void const*, char*, socklen_t)> inetNtopDouble{"inet_ntop"};
-
-addrinfo const* listOfTest = nullptr; // which the system must not free
-std::vector<addrinfo*> freedLists;
-
-}
-
-extern "C"
-{
-
-    int getaddrinfo(char const* node, char const* service, addrinfo const* hints, addrinfo** list)
-    {
-        return getaddrinfoDouble(node, service, hints, list);
-    }
-
-    void freeaddrinfo(addrinfo* list) noexcept
-    {
-        freedLists.push_back(list);
-        if (list != listOfTest)
-        {
-            reinterpret_cast<decltype(&freeaddrinfo)>(dlsym(RTLD_NEXT, "freeaddrinfo"))(list);
-        }
-    }
-
-    char const* inet_ntop(int family, void const* address, char* text, socklen_t size) noexcept
-    {
-        return inetNtopDouble(family, address, text, size);
-    }
-}
-
-namespace
-{
-
-sockaddr_in v4Source(std::array<std::uint8_t, 4> const& bytes, std::uint16_t port = 0)
-{
-    sockaddr_in source{};
-    source.sin_family = AF_INET;
-    source.sin_port = htons(port);
-    std::memcpy(&source.sin_addr, bytes.data(), bytes.size());
-    return source;
-}
-
-using V6Bytes = std::array<std::uint8_t, 16>;
-
-sockaddr_in6 v6Source(V6Bytes const& bytes)
-{
-    sockaddr_in6 source{};
-    source.sin6_family = AF_INET6;
-    std::memcpy(&source.sin6_addr, bytes.data(), bytes.size());
-    return source;
-}
-
-template <typename Source>
-sockaddr const* generic(Source const& source)
-{
-    return reinterpret_cast<sockaddr const*>(&source);
-}
-
-IpAddress v4(std::array<std::uint8_t, 4> const& bytes)
-{
-    return IpAddress(generic(v4Source(bytes)));
-}
-
-IpAddress v6(V6Bytes const& bytes)
-{
-    return IpAddress(generic(v6Source(bytes)));
-}
-
-V6Bytes const loopbackBytes = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-
-/// What no constructor makes: an object that somebody wrote to.
-IpAddress inFamily(sa_family_t family)
-{
-    IpAddress address = v4({127, 0, 0, 1});
-    const_cast<sockaddr*>(address.sockaddr())->sa_family = family;
-    return address;
-}
-
-/// The bytes of an object's storage, or of a source.
-template <typename Source>
-std::vector<unsigned char> bytesOf(Source const* source, std::size_t count)
-{
-    std::vector<unsigned char> bytes(count);
-    std::memcpy(bytes.data(), source, count);
-    return bytes;
-}
+using IpAddressTest = IpAddressFixture;
 
 /// Bytes right in front of a page that nobody can read.
 class Fenced
@@ -158,65 +56,6 @@ private:
     std::size_t const page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     void* pages;
     char* first{nullptr};
-};
-
-class IpAddressTest : public testing::Test
-{
-protected:
-    IpAddressTest()
-    {
-        getaddrinfoDouble.reset();
-        inetNtopDouble.reset();
-        freedLists.clear();
-    }
-
-    ~IpAddressTest() override
-    {
-        getaddrinfoDouble.reset();
-        inetNtopDouble.reset();
-        listOfTest = nullptr;
-    }
-
-    void expectError(std::string const& text) { log.expect(isLine(Severity::Error, "", text)); }
-
-    /// That this one line is all that was logged.
-    void expectOnlyError(std::string const& text)
-    {
-        EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Error, "", text)));
-    }
-
-    void expectRefusal(std::function<void()> const& action, std::string const& logged, std::string const& thrown)
-    {
-        expectError(logged);
-        log.clear();
-        EXPECT_THAT(action, ThrowsMessage<std::invalid_argument>(StrEq(thrown)));
-        expectOnlyError(logged);
-    }
-
-    /// Lets getaddrinfo find these, in this order, each with a family of its own beside that of its address.
-    void letResolverFind(std::vector<std::pair<int, sockaddr const*>> const& entries)
-    {
-        found.assign(entries.size(), {});
-        for (std::size_t i = 0; i < entries.size(); ++i)
-        {
-            found[i].ai_family = entries[i].first;
-            found[i].ai_addr = const_cast<sockaddr*>(entries[i].second);
-            found[i].ai_next = i + 1 < entries.size() ? &found[i + 1] : nullptr;
-        }
-        listOfTest = found.data();
-        getaddrinfoDouble.replace(
-            [this](char const*, char const*, addrinfo const*, addrinfo** list)
-            {
-                *list = found.empty() ? nullptr : found.data();
-                return 0;
-            });
-    }
-
-    /// That the list was given back, once and from its start.
-    void expectListFreed() { EXPECT_THAT(freedLists, ElementsAre(found.data())); }
-
-    LogCapture log;
-    std::vector<addrinfo> found;
 };
 
 TEST_F(IpAddressTest, IsAPolymorphicCopyableStorageAndNothingElse)
@@ -323,6 +162,7 @@ TEST_F(IpAddressTest, FamilyIsThatOfTheSource)
     EXPECT_TRUE(v6(loopbackBytes).isv6());
 }
 
+// kept: services tell 255.255.255.255 from their own addresses by it
 TEST_F(IpAddressTest, V4LoopbackIsToldByTheLowSevenBitsOfTheFirstOctet)
 {
     EXPECT_TRUE(IpAddress::fromString("127.0.0.1").isLoopback());
@@ -423,182 +263,6 @@ TEST_F(IpAddressTest, AddressesOfAnotherFamilyAreLoggedAndNeverEqual)
     EXPECT_FALSE(address == address);
 
     expectOnlyError(text);
-}
-
-TEST_F(IpAddressTest, TextIsMadeByInetNtopOfTheAddressInside)
-{
-    auto const ip4 = v4({192, 0, 2, 1});
-    auto const ip6 = v6(loopbackBytes);
-
-    EXPECT_EQ(ip4.string(), "192.0.2.1");
-    EXPECT_EQ(ip6.string(), "::1");
-
-    auto const calls = inetNtopDouble.calls();
-    ASSERT_EQ(calls.size(), 2U);
-    EXPECT_EQ(std::get<0>(calls[0]), AF_INET);
-    EXPECT_EQ(std::get<1>(calls[0]), &ip4.sockaddr_in()->sin_addr);
-    EXPECT_EQ(std::get<3>(calls[0]), 46U);
-    EXPECT_EQ(std::get<0>(calls[1]), AF_INET6);
-    EXPECT_EQ(std::get<1>(calls[1]), &ip6.sockaddr_in6()->sin6_addr);
-    EXPECT_EQ(std::get<3>(calls[1]), 46U);
-}
-
-TEST_F(IpAddressTest, TextHasNoPortNoBracketsAndNoScope)
-{
-    auto scoped = v6Source({0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
-    scoped.sin6_port = htons(80);
-    scoped.sin6_scope_id = 1;
-
-    EXPECT_EQ(IpAddress(generic(scoped)).string(), "fe80::1");
-    EXPECT_EQ(IpAddress(generic(v4Source({10, 0, 0, 1}, 80))).string(), "10.0.0.1");
-}
-
-TEST_F(IpAddressTest, LongestTextFits)
-{
-    EXPECT_EQ(v4({255, 255, 255, 255}).string(), "255.255.255.255");
-    V6Bytes bytes{};
-    bytes.fill(0xFF);
-    EXPECT_EQ(v6(bytes).string(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
-}
-
-TEST_F(IpAddressTest, FailureOfInetNtopIsLoggedWithItsErrnoAndThrown)
-{
-    inetNtopDouble.failCall(1, nullptr, ENOSPC);
-    log.onLine([](LogLine const&) { errno = 0; });
-    std::string const text = "inet_ntop failed with errno 28 (No space left on device)";
-    expectError(text);
-
-    EXPECT_THAT(
-        [] {
-            v4({192, 0, 2, 1}).string();
-        },
-        ThrowsMessage<std::runtime_error>(StrEq("IP address conversion to string failed.")));
-
-    expectOnlyError(text);
-}
-
-TEST_F(IpAddressTest, TextOfAnotherFamilyIsLoggedAndThrows)
-{
-    std::string const text = "Neither IPv4 nor IPv6: cannot convert to string";
-    expectError(text);
-
-    EXPECT_THAT([] { inFamily(AF_UNIX).string(); },
-                ThrowsMessage<std::runtime_error>(
-                    StrEq("IP address is neither v4 nor v6: don't now how to convert it to string")));
-
-    expectOnlyError(text);
-    EXPECT_EQ(inetNtopDouble.count(), 0U);
-}
-
-TEST_F(IpAddressTest, ParsingAsksTheResolverForNumbersOnly)
-{
-    getaddrinfoDouble.replace(
-        [](char const* node, char const* service, addrinfo const* hints, addrinfo** list)
-        {
-            EXPECT_STREQ(node, "192.0.2.1");
-            EXPECT_EQ(service, nullptr);
-            addrinfo expected{};
-            expected.ai_flags = AI_NUMERICHOST;
-            EXPECT_EQ(bytesOf(hints, sizeof(addrinfo)), bytesOf(&expected, sizeof(addrinfo)));
-            return getaddrinfoDouble.passOn(node, service, hints, list);
-        });
-
-    EXPECT_EQ(IpAddress::fromString("192.0.2.1").string(), "192.0.2.1");
-
-    EXPECT_EQ(getaddrinfoDouble.count(), 1U);
-    EXPECT_THAT(freedLists, SizeIs(1));
-    EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(IpAddressTest, FailureOfTheResolverIsLoggedWithItsCodeAndThrown)
-{
-    getaddrinfoDouble.failCall(1, EAI_MEMORY, 0);
-
-    expectRefusal([] { IpAddress::fromString("192.0.2.1"); },
-                  "IpAddress::fromString(192.0.2.1): getaddrinfo failed with -10 (Memory allocation failure)",
-                  "Failed to parse the IP address.");
-
-    EXPECT_THAT(freedLists, IsEmpty());
-}
-
-TEST_F(IpAddressTest, FirstEntryOfEitherFamilyIsTaken)
-{
-    auto const unixSource = sockaddr_un{AF_UNIX, {}};
-    auto const first = v6Source(loopbackBytes);
-    auto const second = v4Source({192, 0, 2, 1});
-    letResolverFind({{AF_UNIX, generic(unixSource)}, {AF_INET6, generic(first)}, {AF_INET, generic(second)}});
-
-    EXPECT_EQ(IpAddress::fromString("text").string(), "::1");
-
-    expectListFreed();
-}
-
-TEST_F(IpAddressTest, ListWithoutAnIpAddressIsFreedBeforeTheFailureIsLogged)
-{
-    auto const unixSource = sockaddr_un{AF_UNIX, {}};
-    letResolverFind({{AF_UNIX, generic(unixSource)}, {AF_PACKET, generic(unixSource)}});
-    log.onLine([](LogLine const&) { EXPECT_THAT(freedLists, SizeIs(1)); });
-
-    expectRefusal([] { IpAddress::fromString("text"); },
-                  "IpAddress::fromString(text): no IP address found in getaddrinfo result",
-                  "Failed to parse the IP address.");
-
-    expectListFreed();
-}
-
-TEST_F(IpAddressTest, EmptyListIsAFailure)
-{
-    letResolverFind({});
-
-    expectRefusal([] { IpAddress::fromString("text"); },
-                  "IpAddress::fromString(text): no IP address found in getaddrinfo result",
-                  "Failed to parse the IP address.");
-}
-
-TEST_F(IpAddressTest, ListIsFreedWhenTheConstructorThrows)
-{
-    auto const unixSource = sockaddr_un{AF_UNIX, {}};
-    letResolverFind({{AF_INET, generic(unixSource)}});
-
-    expectRefusal([] { IpAddress::fromString("text"); }, "IpAddress ctor got unsupported AI_FAMILY",
-                  "Invalid IP address family");
-
-    expectListFreed();
-}
-
-TEST_F(IpAddressTest, WhatIsNotANumericAddressIsRefused)
-{
-    for (std::string const text :
-         {"localhost", "www.example.com", "", " 127.0.0.1", "127.0.0.1 ", "127.0.0.1:80", "127.0.0.1%lo", "[::1]",
-          "256.1.1.1", "1.2.3.4.5", "1.2.3.", ":::", "1::2::3", "12345::", "fe80::1%", "fe80::1%no-such-if"})
-    {
-        expectRefusal([&] { IpAddress::fromString(text); },
-                      "IpAddress::fromString(" + text + "): getaddrinfo failed with -2 (Name or service not known)",
-                      "Failed to parse the IP address.");
-    }
-}
-
-TEST_F(IpAddressTest, FormsOfInetAtonAreUnderstood)
-{
-    EXPECT_EQ(IpAddress::fromString("127.1").string(), "127.0.0.1");
-    EXPECT_EQ(IpAddress::fromString("192.0.513").string(), "192.0.2.1");
-    EXPECT_EQ(IpAddress::fromString("0x7f000001").string(), "127.0.0.1");
-    EXPECT_EQ(IpAddress::fromString("010.0.0.1").string(), "8.0.0.1");
-    EXPECT_EQ(IpAddress::fromString("1").string(), "0.0.0.1");
-}
-
-TEST_F(IpAddressTest, TextEndsAtItsFirstNul)
-{
-    EXPECT_EQ(IpAddress::fromString(std::string("127.0.0.1\0.5", 12)).string(), "127.0.0.1");
-}
-
-TEST_F(IpAddressTest, ScopeIsUnderstoodAndKeptButTakesNoPart)
-{
-    auto const scoped = IpAddress::fromString("fe80::1%lo");
-
-    EXPECT_EQ(scoped.sockaddr_in6()->sin6_scope_id, if_nametoindex("lo"));
-    EXPECT_EQ(scoped.string(), "fe80::1");
-    EXPECT_TRUE(scoped == IpAddress::fromString("fe80::1"));
 }
 
 }

@@ -2,19 +2,18 @@
 
 #include <utils/LocalIps.h>
 
-#include "net/MessageFixture.h"
-#include "support/Resources.h"
+#include "net/LocalIpsFixture.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -33,12 +32,6 @@ using testing::ThrowsMessage;
 using namespace TestSupport;
 
 using LocalIpsHardenedTest = LocalIpsFixture;
-using LocalIpsMessageHardenedTest = MessageFixture;
-
-std::string addressOnly(std::uint16_t type, std::string const& address)
-{
-    return addressMessage(type, AF_INET6, attribute(IFA_ADDRESS, addressBytes(address)));
-}
 
 TEST_F(LocalIpsHardenedTest, StepThatFailsClosesTheDescriptor)
 {
@@ -311,57 +304,6 @@ TEST_F(LocalIpsHardenedTest, DestructorOfAMonitorWhoseReceiverThreadHasEndedRetu
 
     EXPECT_EQ(capture.lines().back(), line(Severity::Info, "receiver thread stopped"));
     EXPECT_THAT(kernel.ownerCalls(), Contains("close"));
-}
-
-TEST_F(LocalIpsMessageHardenedTest, AddressAttributeCountsWhereThereIsNoLocalOne)
-{
-    EXPECT_EQ(addressIn(addressOnly(RTM_NEWADDR, "fe80::1")), "fe80::1");
-    EXPECT_EQ(addressIn(v4Message(attribute(IFA_ADDRESS, addressBytes("10.0.0.1")))), "10.0.0.1");
-
-    EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Trace, "nlToIpAddress: got IPv6"),
-                                             line(Severity::Trace, "nlToIpAddress: got IPv4")));
-}
-
-TEST_F(LocalIpsMessageHardenedTest, AddressAttributeBesideALocalOneIsThePeersAndDoesNotCount)
-{
-    auto const peer = attribute(IFA_ADDRESS, addressBytes("fd00::2"));
-
-    EXPECT_EQ(addressIn(addressMessage(RTM_NEWADDR, AF_INET6, peer + local("fd00::1"))), "fd00::1");
-    EXPECT_EQ(addressIn(addressMessage(RTM_NEWADDR, AF_INET6, local("fd00::1") + peer)), "fd00::1");
-    EXPECT_EQ(linesWith("got IPv6").size(), 2U);
-}
-
-TEST_F(LocalIpsMessageHardenedTest, AddressAttributeOfAnotherFamilyIsRefused)
-{
-    expect(Severity::Error, "ifaToSockaddr, got an invalid ifa_family 17");
-
-    EXPECT_THAT([&] { addressIn(addressMessage(RTM_NEWADDR, AF_PACKET, attribute(IFA_ADDRESS, "123456"))); },
-                ThrowsMessage<std::invalid_argument>(StrEq("Unknown address family")));
-}
-
-TEST_F(LocalIpsMessageHardenedTest, AddressesWithoutLocalAttributeComeAndGoLikeOthers)
-{
-    capture.expect(isLine(Severity::Warning, "LocalIps", HasSubstr("IP is already in our list")));
-
-    handle(addressOnly(RTM_NEWADDR, "fe80::1") + addressOnly(RTM_NEWADDR, "fe80::2") +
-           addressOnly(RTM_NEWADDR, "fe80::1") + addressOnly(RTM_DELADDR, "fe80::1"));
-
-    EXPECT_THAT(addressesOf(sut), ElementsAre("fe80::2"));
-    EXPECT_EQ(linesWith("IP is already in our list").size(), 1U); // as the kernel reports a change of its lifetime
-}
-
-TEST_F(LocalIpsMessageHardenedTest, MessageThatCannotBeHandledIsLoggedOnceAndTheNextOneHandled)
-{
-    capture.onLine(nullptr);
-    std::string const none = "IFA message contains no RTA of type IFA_ADDRESS";
-    expect(Severity::Error, noAddress);
-    expect(Severity::Error, none);
-
-    handle(added("10.0.0.1") + message(RTM_NEWADDR, "") + v4Message("") + added("10.0.0.2"));
-
-    EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1", "10.0.0.2"));
-    EXPECT_THAT(linesWith("contains no"), ElementsAre(line(Severity::Error, none), line(Severity::Error, noAddress),
-                                                      line(Severity::Error, none), line(Severity::Error, noAddress)));
 }
 
 }

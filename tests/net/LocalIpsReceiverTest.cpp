@@ -88,6 +88,7 @@ TEST_F(LocalIpsReceiverTest, NothingIsReceivedWhenPollRunsIntoItsTimeOut)
     EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Info, "+receiverThread")));
 }
 
+// kept: what is queued is not left lying
 TEST_F(LocalIpsReceiverTest, FailedPollIsLoggedAndReportedAndThenReceivedAllTheSame)
 {
     std::string const failed = "poll failed with 12(Cannot allocate memory)";
@@ -160,6 +161,7 @@ TEST_F(LocalIpsReceiverTest, EmptyAnswerIsFollowedByASleepOfOneSecondThatASignal
                                              line(Severity::Debug, "receiverThread: returned 0: now sleeping a bit")));
 }
 
+// kept: the owner is expected to construct the monitor anew
 TEST_F(LocalIpsReceiverTest, ExceptionOfTheErrorCallbackEndsTheReceiverThread)
 {
     capture.expect(isLine(Severity::Error, "LocalIps", HasSubstr("recv on NETLINK_ROUTE socket failed")));

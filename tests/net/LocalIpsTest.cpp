@@ -115,6 +115,7 @@ TEST_F(LocalIpsTest, ConstructorListsAndReportsTheAddressesOfTheStart)
                                                  line(Severity::Info, "new IP address: ::1")));
 }
 
+// kept: an address counts once
 TEST_F(LocalIpsTest, AddressesThatDifferOnlyInScopeIdAreOne)
 {
     kernel.setAddresses({"fe80::1%2", "fe80::1%3"});

@@ -118,6 +118,7 @@ TEST_F(RouteInterfaceTest, InterfaceWithTheAddressIsFoundAndLoggedAfterTheListIs
                 ElementsAre(isLine(Severity::Debug, "", "Found IP address 192.0.2.1 on network interface eth0")));
 }
 
+// kept: an earlier one would be another interface than services get today
 TEST_F(RouteInterfaceTest, LastInterfaceWithTheAddressWins)
 {
     letSystemHave(

@@ -138,6 +138,7 @@ TEST_F(RouteThreadTest, FailureOfTheWorkerComesOutUnchanged)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+// kept: services have no answer to a call that gives up
 TEST_F(RouteThreadTest, TimeOutEndsOneWaitButNotTheCall)
 {
     SteadyClockDouble const clock(1s); // long ago: the time-out is over at once
