@@ -13,27 +13,12 @@
 
 #include <exception>
 #include <iostream>
-#include <memory>
 #include <string>
 
 using namespace Halden::Tavro;
 
 namespace
 {
-
-/// Ends the program when the monitor cannot get past an event: then not even its destructor returns, see LocalIps.h.
-class EndOfRetry : public Log::LoggerImplIfc
-{
-public:
-    void write(Log::Record const& record) override
-    {
-        if (record.text.rfind("processAllNetlinkMessages: ignoring exception ", 0) == 0)
-        {
-            std::cerr << "addresses: an IPv6 address has changed that cannot be followed; start again\n";
-            _exit(3);
-        }
-    }
-};
 
 std::string interfaceOf(Utils::IpAddress const& ip)
 {
@@ -63,12 +48,22 @@ int list()
     return 0;
 }
 
+/// Ends the watch where nobody can see any more what it shows.
+void show(std::string const& line)
+{
+    print(line);
+    if (!std::cout)
+    {
+        kill(getpid(), SIGTERM);
+    }
+}
+
 int watch()
 {
     StopSignals const signals;
-    Utils::LocalIps const localIps([](auto const& ip) { print("+ " + ip.string() + " " + interfaceOf(ip)); },
-                                   [](auto const& ip) { print("- " + ip.string()); },
-                                   [] { print("! events were lost: what follows may be incomplete; start again"); });
+    Utils::LocalIps const localIps([](auto const& ip) { show("+ " + ip.string() + " " + interfaceOf(ip)); },
+                                   [](auto const& ip) { show("- " + ip.string()); },
+                                   [] { show("! events were lost; what has changed meanwhile follows"); });
     signals.wait();
     return 0;
 }
@@ -80,7 +75,6 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     CLI::App app("Prints the addresses of this machine with their interfaces.", "addresses");
     bool follow = false;
     app.add_flag("--watch", follow, "Then prints what is added (+) and lost (-), until Ctrl-C");
-    Log::LoggerProxy::instance().setSink(std::make_shared<EndOfRetry>());
-    Log::LoggerProxy::instance().setThreshold(Log::Severity::Error);
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Critical); // what matters is shown
     return runProgram(app, argc, argv, [&] { return follow ? watch() : list(); });
 }

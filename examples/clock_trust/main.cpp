@@ -1,7 +1,6 @@
 // Tells whether this machine's clock can be believed, and why.
 
 #include "../support/Program.h"
-#include "../support/Scheduler.h"
 
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
@@ -74,13 +73,6 @@ public:
 class EverySecond : public Utils::PeriodicCallerManagerIfc
 {
 public:
-    EverySecond() { letSchedulerSleep(); }
-
-    EverySecond(EverySecond const&) = delete;
-    EverySecond& operator=(EverySecond const&) = delete;
-
-    ~EverySecond() override { letSchedulerSleep(); }
-
     std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
                                                               std::chrono::duration<double> /*period*/) override
     {

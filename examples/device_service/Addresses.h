@@ -2,7 +2,7 @@
 
 #include <utils/LocalIps.h>
 
-#include <memory>
+#include <mutex>
 #include <string>
 
 namespace DeviceService
@@ -14,20 +14,14 @@ class Addresses
 public:
     Addresses();
 
-    /// Leaves the monitor behind when it is stuck: its destructor would never return. It uses up a core until the
-    /// process ends: see LocalIps.h, whose advice for services a demonstration on any machine cannot follow.
-    ~Addresses();
-
-    Addresses(Addresses const&) = delete;
-    Addresses& operator=(Addresses const&) = delete;
-
-    std::string reading() const;
+    std::string reading();
 
 private:
-    struct State;
+    void change(std::string const& what);
 
-    std::shared_ptr<State> state; // shared with the callbacks and the log, which may stay
-    std::unique_ptr<Halden::Tavro::Utils::LocalIps> monitor;
+    std::mutex mutex;
+    std::string lastChange;                 // guarded by mutex
+    Halden::Tavro::Utils::LocalIps monitor; // its callbacks use what is above
 };
 
 }

@@ -117,7 +117,7 @@ std::string upload(unsigned& uploads)
 
 }
 
-std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime, Addresses const& addresses)
+std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime, Addresses& addresses)
 {
     auto const sensor = std::make_shared<PressureSensor>();
     return {

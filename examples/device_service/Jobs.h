@@ -23,6 +23,6 @@ struct Job
 /// The jobs of a small device: it watches itself, samples a sensor, sends data away and now and then fails.
 ///
 /// The arguments outlive the jobs.
-std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime, Addresses const& addresses);
+std::vector<Job> makeJobs(Halden::Tavro::Utils::SystemTimeHandlerIfc const& systemTime, Addresses& addresses);
 
 }

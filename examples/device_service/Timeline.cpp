@@ -73,7 +73,7 @@ public:
     {
     }
 
-    void head()
+    void head(std::string const& strategy)
     {
         stream << std::fixed << std::setprecision(2) << R"(<?xml version="1.0" encoding="UTF-8"?>)" << '\n'
                << R"(<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 )" << width << ' ' << bottom + 90
@@ -90,7 +90,8 @@ text { font: 14px sans-serif; fill: #333 }
 </style>
 <rect width="100%" height="100%" fill="white"/>
 )"
-               << R"(<text class="title" x="20" y="36">Executions of the periodic functions</text>)" << '\n';
+               << R"(<text class="title" x="20" y="36">Executions of the periodic functions: )" << escaped(strategy)
+               << "</text>\n";
     }
 
     void grid()
@@ -160,11 +161,11 @@ private:
 
 }
 
-void writeTimeline(std::ostream& stream, std::list<JobRecord> const& records, Clock::time_point begin,
-                   Clock::time_point end)
+void writeTimeline(std::ostream& stream, std::string const& strategy, std::list<JobRecord> const& records,
+                   Clock::time_point begin, Clock::time_point end)
 {
     Drawing drawing(stream, records.size(), begin, end);
-    drawing.head();
+    drawing.head(strategy);
     drawing.grid();
     std::size_t index = 0;
     for (JobRecord const& record : records)

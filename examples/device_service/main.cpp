@@ -1,5 +1,11 @@
-#include "../support/Scheduler.h"
+// A whole service: periodic functions, how punctual they are, and what the service knows of its device.
+//
+//     device_service --seconds 10 --timeline timeline.svg
+
+#include "../support/Files.h"
+#include "../support/Program.h"
 #include "../support/StopSignals.h"
+#include "../support/Xml.h"
 #include "Addresses.h"
 #include "JobRecord.h"
 #include "Options.h"
@@ -19,7 +25,9 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -38,34 +46,25 @@ public:
         : manager(std::make_shared<PeriodicCallerManager>(strategy, name))
         , systemTime(std::in_place, manager)
     {
-        letSchedulerSleep();
         systemTime->initialize();
         for (Job& job : makeJobs(*systemTime, addresses))
         {
-            shortestPeriod = std::min(shortestPeriod, job.period);
             JobRecord& record = records.emplace_back(std::move(job), Clock::now());
             tokens.push_back(manager->add([&record] { record.run(); }, record.period()));
         }
     }
 
-    ~Service() { stop(); }
-
+    /// From here on no job runs.
     void stop()
     {
-        if (manager == nullptr)
-        {
-            return;
-        }
-        tokens.clear(); // from here on no job runs
+        tokens.clear();
         systemTime.reset();
-        letSchedulerSleep(shortestPeriod);
         manager.reset();
     }
 
     std::list<JobRecord> const& jobs() const { return records; }
 
 private:
-    std::chrono::milliseconds shortestPeriod{std::chrono::hours(1)};
     Addresses addresses;
     std::list<JobRecord> records; // a list, for the jobs refer to its elements
     std::shared_ptr<PeriodicCallerManager> manager;
@@ -73,11 +72,8 @@ private:
     std::vector<std::unique_ptr<PeriodicCallerManagerTokenIfc>> tokens;
 };
 
-/// A machine that is no device has no commands to ask; the log says so.
-void showFirmware()
+void show(Halden::Tavro::Utils::FirmwareVersionIfc const& firmware)
 {
-    Halden::Tavro::Utils::FirmwareVersionTavro firmware;
-    firmware.init();
     auto const orUnknown = [](std::string const& value) { return value.empty() ? "unknown" : value; };
     std::cout << "firmware " << orUnknown(firmware.version()) << ", compatible id "
               << orUnknown(firmware.compatibleId()) << std::endl;
@@ -87,7 +83,8 @@ void showFirmware()
 void showUntil(Clock::time_point deadline, StopSignals const& signals, Service const& service)
 {
     bool const onTerminal = isatty(STDOUT_FILENO) == 1;
-    for (auto next = Clock::now() + 1s; !signals.waitUntil(std::min(next, deadline)) && next < deadline; next += 1s)
+    for (auto next = Clock::now() + 1s; std::cout && !signals.waitUntil(std::min(next, deadline)) && next < deadline;
+         next += 1s)
     {
         std::cout << (onTerminal ? "\r\033[K\033[?7l" : ""); // cut off where the terminal ends
         writeStatus(std::cout, service.jobs());
@@ -96,9 +93,9 @@ void showUntil(Clock::time_point deadline, StopSignals const& signals, Service c
     std::cout << (onTerminal ? "\n" : "");
 }
 
-/// Before any thread starts: XML is the work of one thread at a time.
-std::optional<std::string> nameFrom(std::string const& description)
+std::string nameFrom(std::string const& description)
 {
+    requireReadable(description);
     try
     {
         return Halden::Tavro::Utils::XmlHelper().singleNodeText(description,
@@ -106,85 +103,71 @@ std::optional<std::string> nameFrom(std::string const& description)
     }
     catch (std::exception const& error)
     {
-        std::cerr << "device_service: no name in " << description << ": " << error.what() << '\n';
-        return std::nullopt;
+        throw std::runtime_error(description + ": no name in it: " + faultOf(error));
+    }
+}
+
+void drawTimeline(Options const& options, Service const& service, Clock::time_point begin, Clock::time_point end)
+{
+    std::ofstream file(*options.timeline);
+    writeTimeline(file, options.strategy, service.jobs(), begin, end);
+    file.close();
+    if (!file)
+    {
+        throw std::runtime_error(*options.timeline + ": could not be written in full");
+    }
+}
+
+/// What cannot be written in the end is found out at the start.
+void prepareFiles(Options const& options)
+{
+    if (options.timeline)
+    {
+        requireWritable(*options.timeline);
+    }
+    if (options.record)
+    {
+        requireWritable(*options.record);
+        createRecording(*options.record);
     }
 }
 
 int run(Options const& options)
 {
-    std::ofstream timeline;
-    if (options.timeline)
-    {
-        timeline.open(*options.timeline);
-        if (!timeline)
-        {
-            std::cerr << "device_service: cannot write " << *options.timeline << '\n';
-            return 2;
-        }
-    }
-    if (options.record)
-    {
-        try
-        {
-            createRecording(*options.record);
-        }
-        catch (std::exception const& error)
-        {
-            std::cerr << "device_service: " << error.what() << '\n';
-            return 2;
-        }
-    }
-
-    Halden::Tavro::Log::LoggerProxy::instance().setThreshold(options.log);
+    Halden::Tavro::Log::LoggerProxy::instance().setThreshold(severityOf(options));
     auto const name = nameFrom(options.description);
-    if (!name)
-    {
-        return 2;
-    }
-    std::cout << *name << '\n' << std::flush;
-    showFirmware();
-    StopSignals const signals;
+    prepareFiles(options);
+    std::cout << name << '\n' << std::flush;
+    Halden::Tavro::Utils::FirmwareVersionTavro firmware;
+    firmware.init();           // a machine that is no device has no commands to ask; the log says so
+    StopSignals const signals; // not for the commands
+    show(firmware);
     auto const begin = Clock::now();
-    Service service(options.strategy, *name);
-    showUntil(begin + options.duration, signals, service);
+    Service service(strategyOf(options), name);
+    showUntil(begin + std::chrono::seconds(options.seconds), signals, service);
     service.stop();
     auto const end = Clock::now(); // after the last run
 
     writeTable(std::cout, service.jobs());
     if (options.timeline)
     {
-        writeTimeline(timeline, service.jobs(), begin, end);
-        timeline.close();
+        drawTimeline(options, service, begin, end);
     }
     if (options.record)
     {
         writeRecording(*options.record, service.jobs(), begin);
-    }
-    if (!timeline || !std::cout.flush())
-    {
-        std::cerr << "device_service: the report could not be written in full\n";
-        return 1;
     }
     return 0;
 }
 
 }
 
-int main(int argc, char** argv)
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    auto const parsed = parseOptions(argc, argv);
-    if (auto const* const status = std::get_if<ExitStatus>(&parsed))
-    {
-        return status->value;
-    }
-    try
-    {
-        return run(std::get<Options>(parsed));
-    }
-    catch (std::exception const& error)
-    {
-        std::cerr << "device_service: " << error.what() << '\n';
-        return 1;
-    }
+    Options options;
+    CLI::App app("A small device service: runs its jobs periodically, shows their state and reports how punctual "
+                 "they were.",
+                 "device_service");
+    declareOptions(app, options);
+    return runProgram(app, argc, argv, [&] { return run(options); });
 }

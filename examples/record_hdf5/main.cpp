@@ -2,14 +2,13 @@
 //
 //     record_hdf5 load.h5 --samples 20 --period 100
 
+#include "../support/Files.h"
 #include "../support/Hdf5Work.h"
 #include "../support/Program.h"
-#include "../support/Scheduler.h"
 
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
@@ -169,12 +168,12 @@ private:
 int record(std::string const& path, unsigned wanted, std::chrono::milliseconds period)
 {
     Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning);
+    requireWritable(path);
     LoadFile const file(path);
     Recorder recorder(file, wanted);
     auto end = recorder.finish();
     auto const manager =
         std::make_shared<PeriodicCallerManager>(PeriodicCallerManager::ExecutionStrategy::Sequential, "recorder");
-    letSchedulerSleep();
     auto token = manager->add([&recorder] { recorder.sample(); }, period);
 
     auto reader = std::async(std::launch::async,
@@ -188,7 +187,6 @@ int record(std::string const& path, unsigned wanted, std::chrono::milliseconds p
     reader.get();
     end.get();
     token.reset();
-    letSchedulerSleep(std::min(period, std::chrono::milliseconds(1000)));
     print(file.read());
     return 0;
 }

@@ -9,7 +9,9 @@
 #include <H5Cpp.h>
 
 #include <signal.h>
+#include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -17,6 +19,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Halden::Tavro::Examples
@@ -131,6 +134,7 @@ TEST_P(DeviceServiceStrategyTest, RunsEachFunctionAndDrawsEachExecution)
     EXPECT_THAT(runs, hasEachFunctionWithRuns()) << result.output;
     std::string const svg = contentOf(picture);
     EXPECT_TRUE(isWellFormed(svg)) << svg;
+    EXPECT_THAT(svg, HasSubstr(">Executions of the periodic functions: " + std::string(GetParam()) + "</text>"));
     long executions = 0;
     for (auto const& [name, count] : runs)
     {
@@ -207,7 +211,22 @@ TEST_F(DeviceServiceTest, StopsCleanlyAtEitherSignal)
     }
 }
 
-TEST_F(DeviceServiceTest, ShowsTheAddressesAndTheirChangesAndEndsEvenIfTheyCannotBeFollowed)
+TEST_F(DeviceServiceTest, EndsWhereverItsSchedulerIsWhenItIsStopped)
+{
+    for (int i = 0; i < 20; ++i)
+    {
+        RunningProgram sut(DEVICE_SERVICE,
+                           {"--seconds", "600", "--strategy", i % 2 == 0 ? "sequential" : "thread-pool"});
+        EXPECT_TRUE(sut.showsLineWith("firmware ")); // it begins to register its functions
+
+        sut.send(SIGTERM);
+
+        EXPECT_EQ(sut.status(), 0);
+        EXPECT_THAT(runsIn(sut.wholeOutput()), SizeIs(8)) << sut.wholeOutput();
+    }
+}
+
+TEST_F(DeviceServiceTest, ShowsTheAddressesAndTheirChanges)
 {
     if (auto const refusal = networkNamespaceRefusal())
     {
@@ -223,17 +242,17 @@ TEST_F(DeviceServiceTest, ShowsTheAddressesAndTheirChangesAndEndsEvenIfTheyCanno
             EXPECT_TRUE(sut.showsLineWith("| addresses 10.0.0.1 |"));
             control.addAddress("lo", "10.0.0.2");
             EXPECT_TRUE(sut.showsLineWith("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2 |"));
-            control.addAddress("lo", "fd00::1"); // reported without IFA_LOCAL
-            EXPECT_TRUE(
-                sut.showsLineWith("| addresses 10.0.0.1 10.0.0.2, last change +10.0.0.2, no longer followed |"));
+            control.addAddress("lo", "fd00::1"); // reported without IFA_LOCAL, as most are
+            EXPECT_TRUE(sut.showsLineWith("| addresses 10.0.0.1 10.0.0.2 fd00::1, last change +fd00::1 |"));
+            control.removeAddress("lo", "10.0.0.1");
+            EXPECT_TRUE(sut.showsLineWith("| addresses 10.0.0.2 fd00::1, last change -10.0.0.1 |"));
             sut.send(SIGTERM);
 
             EXPECT_EQ(sut.status(), 0);
-            EXPECT_EQ(countOf(sut.wholeOutput(), "processAllNetlinkMessages: ignoring exception"), 1);
         });
 }
 
-TEST_F(DeviceServiceTest, SaysNothingOfTheSocketThatItClosesInTheEnd)
+TEST_F(DeviceServiceTest, SaysNothingOfTheMonitorThatEnds)
 {
     auto const result = runService({"--seconds", "1"});
 
@@ -241,23 +260,31 @@ TEST_F(DeviceServiceTest, SaysNothingOfTheSocketThatItClosesInTheEnd)
     EXPECT_THAT(result.output, Not(HasSubstr("LocalIps")));
 }
 
-TEST_F(DeviceServiceTest, BadOptionsEndItWithASentenceAndStatusTwo)
+TEST_F(DeviceServiceTest, BadOptionsAreAnsweredWithOneSentence)
 {
-    std::vector<std::vector<std::string>> const bad{{"--strategy", "both"},
-                                                    {"--seconds", "0"},
-                                                    {"--seconds", "soon"},
-                                                    {"--log", "loud"},
-                                                    {"--no-such-option"},
-                                                    {"--timeline", "/nowhere/timeline.svg"},
-                                                    {"--record", "/nowhere/runs.h5"}};
-    for (auto const& arguments : bad)
-    {
-        auto const result = runService(arguments);
+    expectRefusal(DEVICE_SERVICE, {{{"--strategy", "both"}, "both"},
+                                   {{"--seconds", "0"}, "--seconds"},
+                                   {{"--seconds", "soon"}, "--seconds"},
+                                   {{"--log", "loud"}, "loud"},
+                                   {{"--no-such-option"}, "--no-such-option"}});
+}
 
-        EXPECT_EQ(result.exitCode, 2) << arguments.front();
-        EXPECT_THAT(result.output, StartsWith("device_service: ")) << arguments.front();
-        EXPECT_THAT(result.output, HasSubstr(arguments.back())) << arguments.front();
+TEST_F(DeviceServiceTest, FilesThatCannotBeWrittenAreNamedWithTheReason)
+{
+    for (auto const& [option, file, reason] :
+         {std::array{"--timeline", "/nowhere/timeline.svg", "No such file or directory"},
+          {"--record", "/nowhere/runs.h5", "No such file or directory"},
+          {"--record", "/", "Is a directory"}})
+    {
+        auto const result = runService({option, file});
+
+        EXPECT_EQ(result.exitCode, 1) << file;
+        EXPECT_EQ(result.output, "device_service: " + std::string(file) + ": " + reason + "\n");
     }
+    auto const full = runService({"--seconds", "1", "--timeline", "/dev/full"});
+
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_THAT(full.output, EndsWith("device_service: /dev/full: could not be written in full\n"));
 }
 
 TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
@@ -275,19 +302,21 @@ TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
     EXPECT_THAT(given.output, HasSubstr("PeriodicCallerManager(Pump & valve)"));
 }
 
-TEST_F(DeviceServiceTest, DescriptionWithoutANameEndsItWithStatusTwo)
+TEST_F(DeviceServiceTest, DescriptionWithoutANameIsNamedWithTheReason)
 {
-    auto const description = pathOf("device.xml");
-    std::ofstream(description) << "<root/>";
-    std::map<std::string, std::string> const reasons{
-        {description, "None or more than one node found"},
-        {"/nowhere/device.xml", "Failed to read file: /nowhere/device.xml"}};
-    for (auto const& [file, reason] : reasons)
+    auto const empty = pathOf("empty.xml");
+    std::ofstream(empty) << "<root/>";
+    auto const broken = pathOf("broken.xml");
+    std::ofstream(broken) << "<root>";
+    for (auto const& [file, fault] :
+         {std::pair<std::string, char const*>{empty, "no name in it: None or more than one node found"},
+          {broken, "no name in it: not well-formed XML"},
+          {"/nowhere/device.xml", "No such file or directory"}})
     {
         auto const result = runService({"--description", file});
 
-        EXPECT_EQ(result.exitCode, 2) << file;
-        EXPECT_THAT(result.output, EndsWith("device_service: no name in " + file + ": " + reason + "\n"));
+        EXPECT_EQ(result.exitCode, 1) << file;
+        EXPECT_THAT(result.output, EndsWith("device_service: " + file + ": " + fault + "\n"));
     }
 }
 
@@ -300,6 +329,25 @@ TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
     {
         EXPECT_THAT(result.output, HasSubstr(option));
     }
+}
+
+TEST_F(DeviceServiceTest, StandardOutputThatCannotBeWrittenIsAnErrorAndEndsItAtOnce)
+{
+    expectComplaintAboutFullOutput(DEVICE_SERVICE, {"--seconds", "600"});
+    expectComplaintAboutFullOutput(DEVICE_SERVICE, {"--help"});
+}
+
+TEST_F(DeviceServiceTest, StandardOutputThatIsClosedLeavesTheFilesAlone)
+{
+    ExampleOptions options;
+    options.prepare = [] { return close(STDOUT_FILENO) == 0; };
+    auto const picture = pathOf("timeline.svg");
+
+    auto const result = runService({"--seconds", "1", "--timeline", picture}, options);
+
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.output, EndsWith("device_service: the standard output cannot be written\n"));
+    EXPECT_TRUE(isWellFormed(contentOf(picture)));
 }
 
 }

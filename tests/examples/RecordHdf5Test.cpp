@@ -60,12 +60,16 @@ TEST_F(RecordHdf5Test, ReaderSeesTheFileGrow)
     EXPECT_THAT(result.output, HasSubstr("\n30 samples, ")); // so there is a line before
 }
 
-TEST_F(RecordHdf5Test, FileThatCannotBeWrittenEndsItWithASentenceAndStatusOne)
+TEST_F(RecordHdf5Test, FileThatCannotBeWrittenIsNamedWithTheReason)
 {
-    auto const result = runExample(RECORD_HDF5, {"/nowhere/load.h5"});
+    auto const missing = runExample(RECORD_HDF5, {"/nowhere/load.h5"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.output, "record_hdf5: /nowhere/load.h5: No such file or directory\n");
 
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.output, "record_hdf5: /nowhere/load.h5: H5File constructor: H5Fcreate failed\n");
+    H5::H5File const locked(path, H5F_ACC_TRUNC);
+    auto const other = runExample(RECORD_HDF5, {path});
+    EXPECT_EQ(other.exitCode, 1);
+    EXPECT_EQ(other.output, "record_hdf5: " + path + ": H5File constructor: H5Fcreate failed\n");
 }
 
 TEST_F(RecordHdf5Test, BadOptionsEndItWithASentenceAndStatusTwo)
@@ -74,6 +78,11 @@ TEST_F(RecordHdf5Test, BadOptionsEndItWithASentenceAndStatusTwo)
                                 {{path, "--samples", "0"}, "--samples"},
                                 {{path, "--period", "soon"}, "--period"},
                                 {{path, "--speed"}, "--speed"}});
+}
+
+TEST_F(RecordHdf5Test, StandardOutputThatCannotBeWrittenIsAnError)
+{
+    expectComplaintAboutFullOutput(RECORD_HDF5, {path, "--samples", "1"});
 }
 
 }
