@@ -12,7 +12,8 @@ namespace Halden::Tavro::Utils
 {
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // on purpose: shared pointers know the concrete class
+#pragma GCC diagnostic ignored                                                                                         \
+    "-Wnon-virtual-dtor" // kept: shared pointers know the concrete class, and callers know the slots
 
 /// One periodic function as the manager, its executors and its tokens see it.
 ///
@@ -46,14 +47,20 @@ public:
 ///
 /// Whatever the function throws is logged and swallowed: the first time at severity Error, ever after at Trace.
 ///
-/// Threads: execute() calls exclude each other by a recursive mutex, which is held while the function runs. The last
-/// start is written under that mutex but read by nextDueTime() without it, and the memory of the first exception is
-/// kept outside it; both races are accepted.
+/// Threads: everything may be called from any thread. execute() calls exclude each other by a recursive mutex, which is
+/// held while the function runs.
+///
+/// Hazards of the exact build:
+/// - nextDueTime() reads the last start without the mutex under which it is written: beside an execution, a 32-bit
+///   machine may see half of it, and so a due time that is off by seconds.
+/// - The memory of the first exception is kept outside the mutex: two executions that throw at once, on two threads,
+/// may
+///   both be logged as the first.
 class HALDEN_CPPUTILS_EXPORT PcmItem : public PcmItemIfc, protected virtual Log::Logger
 {
 public:
     /// @param function may be empty: each execution then ends in a logged std::bad_function_call
-    /// @param period   not checked; zero or less is due at all times
+    /// @param period   not checked; zero or less is due at all times; beyond 292 years it counts as that long
     PcmItem(std::function<void()> function, std::chrono::milliseconds period);
 
     PcmItem(PcmItem const&) = delete;
@@ -74,9 +81,9 @@ private:
     std::chrono::milliseconds const period_;
     std::function<void()> const function;
     std::recursive_mutex executionMutex; // held for the whole of execute(), the call of the function included
-    std::chrono::steady_clock::time_point lastExecutionStart{}; // written under executionMutex
+    std::chrono::steady_clock::time_point lastExecutionStart{}; // under executionMutex, but not when it is read
     std::atomic<bool> executionForbidden{false};
-    bool exceptionAlreadyLogged{false}; // by the executing thread only
+    bool exceptionAlreadyLogged{false}; // by whoever executes, after the mutex is released
 };
 
 #pragma GCC diagnostic pop

@@ -17,9 +17,9 @@ namespace Halden::Tavro::Utils
 
 /// Calls one function again and again, on a thread of its own, until stopped.
 ///
-/// The pause runs from the end of a call to the start of the next: the schedule slips and never catches up. It is
-/// measured on the monotonic clock, while the time that the callback is told is that of the wall clock, and so jumps
-/// when the clock is set.
+/// The first call comes after one pause. The pause runs from the end of a call to the start of the next: the schedule
+/// slips and never catches up. It is measured on the monotonic clock, while the time that the callback is told is that
+/// of the wall clock, and so jumps when the clock is set.
 ///
 /// A std::exception out of the callback, an empty callback's std::bad_function_call included, is logged at severity
 /// Critical and ends the worker; the caller must then be stopped before it can be started again. Any other exception

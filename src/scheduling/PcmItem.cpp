@@ -120,7 +120,7 @@ steady_clock::time_point PcmItem::nextDueTime() const
 {
     steady_clock::time_point const start = load(lastExecutionStart);
     steady_clock::duration const period = std::clamp(period_, -longestPeriod, longestPeriod);
-    bool const fits = period <= period.zero() || start <= steady_clock::time_point::max() - period;
+    bool const fits = period <= steady_clock::duration::zero() || start <= steady_clock::time_point::max() - period;
     return fits ? start + period : steady_clock::time_point::max();
 }
 

@@ -105,16 +105,19 @@ PeriodicCallerManager::PeriodicCallerManager(ExecutionStrategy strategy, std::st
 
 PeriodicCallerManager::~PeriodicCallerManager()
 {
-    RunningScheduler* const scheduler = RunningScheduler::ofThisThread();
-    if (hardened && scheduler != nullptr && scheduler->runs(*this))
+    if constexpr (hardened)
     {
-        // One of the functions that this thread runs has held the last reference. The scheduler thread has to end
-        // alone.
-        TAVRO_LOG_TO(*this, Log::Severity::Info, "stop requested: leaving wait");
-        TAVRO_LOG_TO(*this, Log::Severity::Info, "-schedulerThread: exiting without error");
-        scheduler->orphan(std::move(executor));
-        thread.detach();
-        return;
+        RunningScheduler* const scheduler = RunningScheduler::ofThisThread();
+        if (scheduler != nullptr && scheduler->runs(*this))
+        {
+            // One of the functions that this thread runs has held the last reference: the scheduler thread ends by
+            // itself.
+            TAVRO_LOG_TO(*this, Log::Severity::Info, "stop requested: leaving wait");
+            TAVRO_LOG_TO(*this, Log::Severity::Info, "-schedulerThread: exiting without error");
+            scheduler->orphan(std::move(executor));
+            thread.detach();
+            return;
+        }
     }
     if (thread.joinable())
     {

@@ -20,7 +20,7 @@ namespace Halden::Tavro::TestSupport
 
 using Batch = std::vector<std::shared_ptr<Utils::PcmItemIfc>>;
 
-// The interface has no virtual destructor on purpose.
+// kept: the interface has no virtual destructor
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
