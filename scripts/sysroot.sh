@@ -2,9 +2,9 @@
 
 readonly armhf_sysroot=build/sysroot-armhf
 
-# What the sysroot holds, with all that it depends on; the build machine's own packages of these names are not touched.
-readonly armhf_packages=(libc6-dev libstdc++-12-dev libboost-dev libspdlog-dev libcli11-dev libgtest-dev libgmock-dev
-    libxml2-dev libhdf5-dev)
+# What the sysroot holds besides the compiler's C++ library, with all that it depends on; the build machine's own packages
+# of these names are not touched.
+readonly armhf_packages=(libc6-dev libboost-dev libspdlog-dev libcli11-dev libgtest-dev libgmock-dev libxml2-dev libhdf5-dev)
 
 # armhf_apt COMMAND...: apt-get with the machine's sources, for armhf, on a package state of its own.
 armhf_apt() {
@@ -67,7 +67,12 @@ unpack_armhf_packages() {
         dpkg-deb --extract "$package" "$armhf_sysroot/all"
     done
     mkdir -p "$armhf_sysroot/root/usr/share"
-    mv "$armhf_sysroot/all/lib" "$armhf_sysroot/root/"
+    # Since Debian 13 all of it lies in /usr/lib.
+    if [[ -d $armhf_sysroot/all/lib ]]; then
+        mv "$armhf_sysroot/all/lib" "$armhf_sysroot/root/"
+    else
+        ln --symbolic usr/lib "$armhf_sysroot/root/lib"
+    fi
     mv "$armhf_sysroot"/all/usr/{lib,include} "$armhf_sysroot/root/usr/"
     mv "$armhf_sysroot"/all/usr/share/{cmake,pkgconfig} "$armhf_sysroot/root/usr/share/" 2>/dev/null || true
     rm -r "$armhf_sysroot/all"
@@ -82,17 +87,18 @@ unpack_armhf_packages() {
 # Makes build/sysroot-armhf/root, unless it is there and of the same packages.
 ensure_armhf_sysroot() {
     local -r stamp=$armhf_sysroot/packages
-    if [[ $(cat "$stamp" 2>/dev/null) == "${armhf_packages[*]}" ]]; then
+    local -ar packages=("libstdc++-$(arm-linux-gnueabihf-g++ -dumpversion)-dev" "${armhf_packages[@]}")
+    if [[ $(cat "$stamp" 2>/dev/null) == "${packages[*]}" ]]; then
         step "The armhf sysroot is there"
         return
     fi
-    step "Making the armhf sysroot, of ${armhf_packages[*]}"
+    step "Making the armhf sysroot, of ${packages[*]}"
     rm -rf "$armhf_sysroot"
     configure_armhf_apt
     update_armhf_apt
-    armhf_apt install --download-only "${armhf_packages[@]}" >/dev/null || fail "the armhf packages cannot be had"
+    armhf_apt install --download-only "${packages[@]}" >/dev/null || fail "the armhf packages cannot be had"
     register_armhf_packages
     unpack_armhf_packages
-    printf '%s\n' "${armhf_packages[*]}" >"$stamp"
+    printf '%s\n' "${packages[*]}" >"$stamp"
     rm -r "$armhf_sysroot/apt"
 }

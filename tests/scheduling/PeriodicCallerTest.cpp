@@ -8,7 +8,6 @@
 
 #include <gmock/gmock.h>
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
@@ -46,17 +45,10 @@ nanoseconds toNanoseconds(timespec const& time)
     return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
 }
 
-/// As the C++ library passes it: compiled apart, it does not take part in this program's choice of time_t.
-struct LibraryTime
-{
-    long seconds;
-    long nanoseconds;
-};
-
-LibraryTime toLibraryTime(nanoseconds time)
+timespec toTimespec(nanoseconds time)
 {
     auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    return {static_cast<long>(seconds.count()), static_cast<long>((time - seconds).count())};
+    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
 }
 
 }
@@ -73,25 +65,22 @@ extern "C" int pthread_create(pthread_t* thread, pthread_attr_t const* attribute
     return pthreadCreate(thread, attributes, routine, argument);
 }
 
-// The C++ library's own call.
-extern "C" int clockOfLibrary(clockid_t clock, LibraryTime* time) noexcept asm("clock_gettime");
-extern "C" int clockOfLibrary(clockid_t clock, LibraryTime* time) noexcept
+extern "C" int clockOfTest(clockid_t clock, timespec* time) noexcept
 {
     // No CallDouble: run-time libraries read the clocks before its constructor has run.
-    static auto const systemsOwn =
-        reinterpret_cast<int (*)(clockid_t, LibraryTime*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static auto* const systemsOwn = systemFunction<int (*)(clockid_t, timespec*)>("clock_gettime");
     int const result = systemsOwn(clock, time);
     if (clock == CLOCK_REALTIME && wallClock >= 0)
     {
-        *time = toLibraryTime(nanoseconds(wallClock));
+        *time = toTimespec(nanoseconds(wallClock));
     }
     if (clock == CLOCK_MONOTONIC && monotonicLead != 0ns)
     {
-        auto const now = std::chrono::seconds(time->seconds) + nanoseconds(time->nanoseconds);
-        *time = toLibraryTime(now + monotonicLead);
+        *time = toTimespec(toNanoseconds(*time) + monotonicLead);
     }
     return result;
 }
+HALDEN_DOUBLE(clock_gettime, clockOfTest)
 
 namespace
 {
