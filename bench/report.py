@@ -105,6 +105,9 @@ def main():
     table.count("instructions of a disabled log call", float(sys.argv[2]), 35)
     table.count("allocations of disabled log calls", float(sys.argv[3]), 0)
     table.count("allocations of a sequential pass of 1000", value("pass/Sequential/1000", "allocations"), 1)
+    table.count("ns of the processor that measuring adds to a run",
+                round(value("measuredRun", "cpu_time") - value("plainRun", "cpu_time")), 300)
+    table.count("allocations of a measured run", value("measuredRun", "allocations"), 0)
     for name in ("Print", "Compare", "Family", "Loopback", "Copy"):
         for family in ("V4", "V6"):
             limit = 1 if (name, family) == ("Print", "V6") else 0  # longer than what fits into a string object

@@ -4,7 +4,8 @@ readonly armhf_sysroot=build/sysroot-armhf
 
 # What the sysroot holds besides the compiler's C++ library, with all that it depends on; the build machine's own packages
 # of these names are not touched.
-readonly armhf_packages=(libc6-dev libboost-dev libspdlog-dev libcli11-dev libgtest-dev libgmock-dev libxml2-dev libhdf5-dev)
+readonly armhf_packages=(libc6-dev libboost-dev libspdlog-dev libcli11-dev libgtest-dev libgmock-dev libxml2-dev libhdf5-dev
+    prometheus-cpp-dev)
 
 # armhf_apt COMMAND...: apt-get with the machine's sources, for armhf, on a package state of its own.
 armhf_apt() {

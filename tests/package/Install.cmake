@@ -5,6 +5,7 @@
 # BUILT                        the project's build of the same kind, if there is one: it is installed instead
 # LIBDIR                       the folder of the libraries below ROOT
 # SHARED                       ON or OFF
+# METRICS                      ON to have that component, too
 # INSTALLED_LOGGER             ON to install the logging library first, from its own folder alone, and let the project
 #                              find it there; else with all components
 
@@ -40,5 +41,5 @@ if(INSTALLED_LOGGER)
 elseif(BUILT)
     stage(${BUILT} ${prefix})
 else()
-    install_staged(${SOURCE_DIR} project -DHALDEN_BUILD_TESTING_LIBRARY=ON)
+    install_staged(${SOURCE_DIR} project -DHALDEN_BUILD_TESTING_LIBRARY=ON -DHALDEN_BUILD_METRICS=${METRICS})
 endif()
