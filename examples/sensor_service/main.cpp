@@ -3,7 +3,6 @@
 //     sensor_service --seconds 1
 
 #include "../support/Program.h"
-#include "../support/Scheduler.h"
 #include "SensorService.h"
 
 #include <chrono>
@@ -35,17 +34,13 @@ int serve(int seconds)
 {
     auto const manager = std::make_shared<Utils::PeriodicCallerManager>(
         Utils::PeriodicCallerManager::ExecutionStrategy::Sequential, "sensor");
-    letSchedulerSleep();
     Utils::SystemTimeHandler systemTime(manager);
     systemTime.initialize();
     Utils::FirmwareVersionTavro firmware;
     firmware.init();
-    {
-        SensorService const service(*manager, systemTime, firmware, MadeUpSensor());
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        std::cout << service.report() << '\n';
-    }
-    letSchedulerSleep(std::chrono::milliseconds(100));
+    SensorService const service(*manager, systemTime, firmware, MadeUpSensor());
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    std::cout << service.report() << '\n';
     return 0;
 }
 
