@@ -1,6 +1,6 @@
 """Prints the table of scripts/bench.
 
-usage: report.py RESULTS.json INSTRUCTIONS ALLOCATIONS
+usage: report.py RESULTS.json INSTRUCTIONS ALLOCATIONS HARDENED-RESULTS.json
 """
 
 import json
@@ -96,6 +96,10 @@ def main():
                     value(f"runTrueSpawn/{memory}"), 1.1 if memory == 0 else None)
         table.ratio(f"processor time of execute / bare fork, {memory} MiB more", value(f"runTrueExecute/{memory}"),
                     value(f"runTrueFork/{memory}"))
+    hardened = Table(medians(sys.argv[4]))
+    for build, one, limit in (("exact", table, None), ("hardened", hardened, 1.3)):
+        table.ratio(f"time of execute / posix_spawn and waitpid, {build} build", one.value("timeTrueExecute"),
+                    one.value("timeTrueSpawn"), limit)
     table.ratio("texts of a 5 KB document / bare libxml2", value("nodesTextOfLibrary"), value("nodesTextBare"), 1.1)
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))

@@ -1,4 +1,5 @@
-// What it costs the caller to run /bin/true: its processor time, as the rest is sleep and the program's own.
+// What it costs the caller to run /bin/true: its processor time, as the rest is sleep and the program's own, and the
+// time that passes until it is over.
 
 #include <utils/Execute.h>
 
@@ -49,14 +50,19 @@ void runExecute()
     execute(program, {}, {}, input, std::chrono::minutes(1));
 }
 
-void runSpawn()
+pid_t spawn()
 {
     pid_t child = 0;
     if (posix_spawn(&child, program, nullptr, nullptr, arguments.data(), environ) != 0)
     {
         throw std::runtime_error("posix_spawn failed");
     }
-    waitPolling(child);
+    return child;
+}
+
+void runSpawn()
+{
+    waitPolling(spawn());
 }
 
 /// The same calls of the system as execute() makes, and nothing around them.
@@ -117,5 +123,23 @@ void runTrueFork(benchmark::State& state)
     measure(state, runFork);
 }
 BENCHMARK(runTrueFork)->Arg(0)->Arg(1024)->Iterations(20)->UseManualTime();
+
+void timeTrueExecute(benchmark::State& state)
+{
+    for (auto _ : state)
+    {
+        runExecute();
+    }
+}
+BENCHMARK(timeTrueExecute)->UseRealTime();
+
+void timeTrueSpawn(benchmark::State& state)
+{
+    for (auto _ : state)
+    {
+        waitpid(spawn(), nullptr, 0);
+    }
+}
+BENCHMARK(timeTrueSpawn)->UseRealTime();
 
 }
