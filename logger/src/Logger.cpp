@@ -137,7 +137,7 @@ std::shared_ptr<LoggerImplIfc> LoggerProxy::setSink(std::shared_ptr<LoggerImplIf
     return std::exchange(sinks.current, std::move(sink));
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as the callers of other libraries have it
 Logger::Logger(std::string name, std::string /*unused*/, std::shared_ptr<LoggerImplIfc> impl)
     : name(std::move(name))
     , impl(impl == nullptr ? std::make_shared<LoggerImpl>() : std::move(impl))

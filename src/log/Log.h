@@ -18,6 +18,10 @@
 namespace Halden::Tavro::Utils::LogFacade
 {
 
+/// What "%s" takes by value.
+///
+/// The stand-in in logger/ takes such objects itself, for those who call it directly. The logging library that it
+/// stands in for need not, so nothing here relies on it.
 template <typename Value>
 inline constexpr bool isTextBuffer = false;
 

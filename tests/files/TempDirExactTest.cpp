@@ -2,6 +2,7 @@
 
 #include <utils/TempDir.h>
 
+#include "UnlinkatDouble.h"
 #include "WorkingDirectory.h"
 #include "support/ChildProcess.h"
 #include "support/FailingNew.h"
@@ -10,8 +11,8 @@
 #include <gmock/gmock.h>
 
 #include <signal.h>
-#include <sys/resource.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <exception>
 #include <filesystem>
@@ -29,6 +30,10 @@ using namespace TestSupport;
 class TempDirExactTest : public Test
 {
 protected:
+    TempDirExactTest() { unlinkatDouble.reset(); }
+
+    ~TempDirExactTest() override { unlinkatDouble.reset(); }
+
     WorkingDirectory const parent;
 };
 
@@ -39,14 +44,14 @@ TEST_F(TempDirExactTest, WhatCannotBeRemovedEndsTheProcess)
         [this]
         {
             TempDir const sut("data-", parent.path());
-            rlimit const none{0, 0};
-            setrlimit(RLIMIT_NOFILE, &none); // so the directory cannot be opened
+            std::filesystem::create_directory(sut.path() + "/stays");
+            unlinkatDouble.failCall(1, -1, EPERM);
             return 0;
         });
 
     EXPECT_EQ(result.signal, std::optional(SIGABRT));
     EXPECT_THAT(result.output, HasSubstr("filesystem error"));
-    EXPECT_THAT(result.output, HasSubstr("Too many open files"));
+    EXPECT_THAT(result.output, HasSubstr("Operation not permitted"));
 }
 
 // kept: one that runs out of memory has other worries

@@ -2,14 +2,14 @@
 
 #include <utils/TempDir.h>
 
+#include "UnlinkatDouble.h"
 #include "WorkingDirectory.h"
 #include "support/FailingNew.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
 
-#include <sys/resource.h>
-
+#include <cerrno>
 #include <cstddef>
 #include <exception>
 #include <filesystem>
@@ -27,38 +27,16 @@ using namespace TestSupport;
 
 char const* const loggerName = "Halden::Tavro::Utils::TempDir";
 
-/// No descriptor can be opened as long as it lives.
-class NoDescriptors
-{
-public:
-    NoDescriptors()
-    {
-        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-        rlimit const none{0, before.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    }
-
-    ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0); }
-
-    NoDescriptors(NoDescriptors const&) = delete;
-    NoDescriptors& operator=(NoDescriptors const&) = delete;
-
-private:
-    rlimit before{};
-};
-
 class TempDirHardenedTest : public Test
 {
 protected:
-    TempDirHardenedTest() { log.expect(Field(&LogLine::logger, loggerName)); }
-
-    /// One with some directories and files in it.
-    std::unique_ptr<TempDir> makeTree() const
+    TempDirHardenedTest()
     {
-        auto made = std::make_unique<TempDir>("data-", parent.path());
-        std::filesystem::create_directories(made->path() + "/a directory/whose name is too long for a short string");
-        return made;
+        unlinkatDouble.reset();
+        log.expect(Field(&LogLine::logger, loggerName));
     }
+
+    ~TempDirHardenedTest() override { unlinkatDouble.reset(); }
 
     WorkingDirectory const parent;
     LogCapture log{Log::Severity::Error};
@@ -66,17 +44,19 @@ protected:
 
 TEST_F(TempDirHardenedTest, WhatCannotBeRemovedIsLoggedAndStays)
 {
-    auto sut = makeTree();
+    auto sut = std::make_unique<TempDir>("data-", parent.path());
+    std::string const stays = sut->path() + "/stays";
+    std::filesystem::create_directory(stays);
     std::string const path = sut->path();
-    {
-        NoDescriptors const none;
+    unlinkatDouble.failCall(1, -1, EPERM);
+    log.onLine([](auto const&) { errno = EIO; });
 
-        sut.reset();
-    }
+    sut.reset();
+
     EXPECT_THAT(log.lines(), ElementsAre(LogLine{Log::Severity::Error, loggerName,
                                                  "Cannot remove temporary directory '" + path +
-                                                     "', errno is 24: Too many open files"}));
-    EXPECT_TRUE(std::filesystem::exists(path));
+                                                     "', errno is 1: Operation not permitted"}));
+    EXPECT_TRUE(std::filesystem::exists(stays));
 }
 
 TEST_F(TempDirHardenedTest, ConstructionWithoutMemoryLeavesNothing)

@@ -1,5 +1,6 @@
 #include <utils/TempDir.h>
 
+#include "UnlinkatDouble.h"
 #include "WorkingDirectory.h"
 #include "support/CallDouble.h"
 #include "support/LogCapture.h"
@@ -35,7 +36,6 @@ using std::filesystem::exists;
 char const* const loggerName = "Halden::Tavro::Utils::TempDir";
 
 CallDouble<char*(char*)> mkdtempDouble{"mkdtemp"};
-CallDouble<int(int, char const*, int)> unlinkatDouble{"unlinkat"};
 
 }
 
@@ -45,11 +45,6 @@ extern "C"
     char* mkdtemp(char* name) noexcept
     {
         return mkdtempDouble(name);
-    }
-
-    int unlinkat(int directory, char const* path, int flags) noexcept
-    {
-        return unlinkatDouble(directory, path, flags);
     }
 }
 

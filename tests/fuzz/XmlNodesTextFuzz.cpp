@@ -1,25 +1,25 @@
 // Looks for texts in any bytes. The first byte chooses the expression, the rest is the document.
 
-#include <log/Logger.h>
 #include <utils/XmlHelper.h>
 
 #include "../files/LibXmlWatch.h"
-
-#include <libxml/xmlerror.h>
+#include "XmlFuzz.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
-using namespace Halden::Tavro;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using namespace TestSupport;
 
 /// A few that select many nodes, and some that fail in each of the possible ways.
 constexpr std::array expressions{
@@ -41,31 +41,19 @@ constexpr std::array expressions{
     "//*[@*]/following::*",
 };
 
-void require(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
-}
-
-void ignore(void* /*data*/, char const* /*format*/, ...) {}
-
 }
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
 {
-    constexpr std::size_t longest = 2048; // else entities, which are expanded, fill the memory
-    if (size == 0 || size > longest)
+    if (size == 0 || size > longestDocument)
     {
         return 0;
     }
-    Log::LoggerProxy::instance().setThreshold(Log::Severity::Critical);
-    xmlSetGenericErrorFunc(nullptr, ignore);
+    beQuiet();
     std::string const xpath = expressions.at(data[0] % expressions.size());
     std::stringstream const document(std::string(reinterpret_cast<char const*>(data) + 1, size - 1));
-    TestSupport::LibXmlWatch watch; // frees what the exceptions leave
-    Utils::XmlHelper xml;
+    LibXmlWatch watch; // frees what the exceptions leave
+    XmlHelper xml;
     try
     {
         static_cast<void>(xml.nodesText(document, xpath));
@@ -86,4 +74,6 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         require(watch.left().size() == 3);
     }
     return 0;
+}
+
 }

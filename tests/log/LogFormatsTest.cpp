@@ -37,7 +37,7 @@ void PrintTo(LoggedFormat const& logged, std::ostream* stream)
     *stream << '"' << logged.format << '"';
 }
 
-// The format is wanted as a literal, for the compiler's check of the values, and as a text.
+// The format comes as a literal, for the compiler's check of the values, and as a text.
 #define LOGGED(format, text, ...)                                                                                      \
     LoggedFormat                                                                                                       \
     {                                                                                                                  \

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <new>
 
-using namespace Halden::Tavro::TestSupport;
+namespace HeapCounters = Halden::Tavro::TestSupport::HeapCounters;
 
 void* operator new(std::size_t size)
 {

@@ -80,6 +80,8 @@ namespace Detail
 {
 
 /// An object that holds nothing but characters, such as a std::array<char, 64>.
+///
+/// Only for those who call this library directly: code that may meet the one that it stands in for hands on pointers.
 template <typename Value>
 inline constexpr bool
     isTextBuffer = std::conjunction_v<std::is_class<Value>, std::is_trivially_copyable<Value>,

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <log/Logger.h>
+
+#include <libxml/xmlerror.h>
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace Halden::Tavro::TestSupport
+{
+
+/// Documents any longer fill the memory, as their entities are expanded, or make a validation message that does not fit
+/// into its buffer, which ends the process.
+constexpr std::size_t longestDocument = 2048;
+
+inline void require(bool condition)
+{
+    if (!condition)
+    {
+        std::abort();
+    }
+}
+
+inline void ignore(void* /*data*/, char const* /*format*/, ...) {}
+
+/// Neither the log nor libxml2 says what is wrong with a document.
+inline void beQuiet()
+{
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Critical);
+    xmlSetGenericErrorFunc(nullptr, ignore);
+}
+
+}
