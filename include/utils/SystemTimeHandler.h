@@ -14,15 +14,17 @@ namespace Halden::Tavro::Utils
 /// Whether a real-time clock agrees with the system clock: the device exists, can be read, rtc(4), and is less than
 /// 30 s off.
 ///
-/// The clock's reading counts as local time, in whole seconds, with the daylight-saving flag that the device gives.
-///
-/// Every reading that fails after the device was opened costs a descriptor, which is never closed. With a device whose
-/// clock never answers, that is one for each call: a SystemTimeHandler that polls it once a minute uses up the usual
-/// 1024 descriptors of a process in some 17 hours, or in half of that where /dev/rtc is a link to /dev/rtc0, as udev
-/// usually makes it. On such a device, see to it that the time is synchronised or set soon, or take the device node
-/// away.
+/// The clock's reading counts as local time, in whole seconds, with the daylight-saving flag that the device gives: a
+/// clock that keeps UTC never agrees where the time zone is another.
 ///
 /// @throws std::filesystem::filesystem_error when the device's status cannot be told, unless it is just not there
+///
+/// Hazards of the exact build:
+/// - A device that was opened and cannot be read is never closed. The kernel lets one opener at a time hold a clock, so
+///   every later open of it answers EBUSY: the process loses one descriptor for each such clock, and keeps the clock
+///   from itself, from other services and from hwclock(8) until it ends. On a device whose clock never answers, take
+///   its node away.
+/// - A file that is no clock costs a descriptor with every call.
 HALDEN_CPPUTILS_EXPORT bool devRtcValid(std::string const& device);
 
 /// Whether the system clock can be believed as absolute time, for devices that boot with a wrong one.
@@ -50,14 +52,20 @@ public:
 /// then the answer stays false. All failures are logged and none is thrown, but for those of devRtcValid(), of the
 /// manager, and of allocations; they reach the caller of initialize() or, from a poll, the manager's log.
 ///
-/// The timer's descriptor is closed when the clock has been set or the timer cannot be read. When the clock was
-/// believed for another reason, and when the handler is destroyed before, it stays open. See devRtcValid() for the
-/// descriptors that a real-time clock costs which does not answer.
-///
 /// Threads: hasAbsoluteTime() may be called from any thread. initialize() and the destructor belong to the owner's
 /// thread, while the first poll may run on a thread of the manager before initialize() has returned. The destructor
 /// waits for a poll in progress, until the poll no longer holds the manager either: handler and manager may be two
 /// locals, or the handler the manager's only owner.
+///
+/// Limits: every setting of the clock is believed, a wrong one too, and for good. The timer expires on 2038-01-19,
+/// which costs one line at Error; the polls go on.
+///
+/// Hazards of the exact build:
+/// - The timer's descriptor stays open for good when the clock was believed for another reason than that it was set,
+///   when the timer cannot be armed, and when the handler is destroyed before any of this.
+/// - A poll before initialize(), which derived classes can make, takes standard input for the timer: it waits where
+///   nothing comes, and closes what it cannot read.
+/// - What a real-time clock costs that does not answer, see devRtcValid().
 class HALDEN_CPPUTILS_EXPORT SystemTimeHandler : public SystemTimeHandlerIfc, protected virtual Log::Logger
 {
 public:
@@ -67,7 +75,7 @@ public:
     SystemTimeHandler(SystemTimeHandler const&) = delete;
     SystemTimeHandler& operator=(SystemTimeHandler const&) = delete;
 
-    /// Ends the polling. Leaves an open timer descriptor open.
+    /// Ends the polling.
     ~SystemTimeHandler() override;
 
     bool hasAbsoluteTime() const override;
@@ -86,17 +94,17 @@ protected:
     /// @return 0, or anything else with the reason in errno
     int startSetClockDetection();
 
-    /// One look; the manager's function.
+    /// One look; the manager's function. Before initialize() it finds the timer still running.
     void pollTimeStatus();
 
 private:
-    /// @param openTimer -1 when it is closed, or about to be
-    void stopPolling(int openTimer);
+    /// @param timer what clockSetTimerFd becomes
+    void stopPolling(int timer);
 
     std::unique_ptr<PeriodicCallerManagerTokenIfc> pollToken; // null unless polling; guarded by a mutex of the source
     std::shared_ptr<PeriodicCallerManagerIfc> manager;
     std::atomic<bool> absoluteTime{false};
-    int clockSetTimerFd{0}; // -1 once it was closed; written under the same mutex while there may be polls
+    int clockSetTimerFd{0}; // less than 0 once it was closed; written under the same mutex while there may be polls
 };
 
 }

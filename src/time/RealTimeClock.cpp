@@ -1,17 +1,14 @@
 #include <utils/SystemTimeHandler.h>
 
-#include "log/Log.h"
+#include "build/Hardened.h"
+#include "log/LogErrno.h"
 
 #include <fcntl.h>
 #include <linux/rtc.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 
@@ -21,9 +18,11 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-constexpr std::int64_t firstInvalidDistance = 30; // seconds
+using std::chrono::seconds;
 
-std::int64_t secondsOf(rtc_time const& reading)
+constexpr seconds firstInvalidDistance(30);
+
+seconds sinceEpoch(rtc_time const& reading)
 {
     std::tm time{};
     time.tm_sec = reading.tm_sec;
@@ -35,13 +34,12 @@ std::int64_t secondsOf(rtc_time const& reading)
     time.tm_wday = reading.tm_wday;
     time.tm_yday = reading.tm_yday;
     time.tm_isdst = reading.tm_isdst;
-    return std::mktime(&time); // kept: local time
+    return seconds(std::mktime(&time)); // kept: local time, to which devices set their clock chip
 }
 
-std::int64_t systemSeconds()
+seconds systemTime()
 {
-    auto const sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count();
+    return std::chrono::duration_cast<seconds>(std::chrono::system_clock::now().time_since_epoch());
 }
 
 }
@@ -59,17 +57,20 @@ bool devRtcValid(std::string const& device)
     int const descriptor = open(device.c_str(), O_RDONLY);
     if (descriptor < 0 || ioctl(descriptor, RTC_RD_TIME, &reading) < 0)
     {
-        int const error = errno;
-        TAVRO_LOG(Log::Severity::Error, "Reading %s failed with errno %d (%s)", device.c_str(), error, strerror(error));
-        return false; // kept: leaves the descriptor open
+        TAVRO_LOG_ERRNO("Reading %s failed with errno %d (%s)", device.c_str());
+        if (hardened && descriptor >= 0)
+        {
+            close(descriptor);
+        }
+        return false; // kept: the exact build holds the device, and the log says EBUSY from then on
     }
     close(descriptor);
 
-    std::int64_t const now = systemSeconds();
-    std::int64_t const difference = secondsOf(reading) - now;
-    std::int64_t const distance = std::max(difference, -difference);
-    TAVRO_LOG(Log::Severity::Debug, "System time is %d sec %s than %s.", static_cast<int>(distance),
-              difference < 0 ? "faster" : "slower", device.c_str());
+    auto const now = systemTime();
+    auto const difference = sinceEpoch(reading) - now;
+    auto const distance = std::chrono::abs(difference);
+    TAVRO_LOG(Log::Severity::Debug, "System time is %d sec %s than %s.", static_cast<int>(distance.count()),
+              difference < seconds::zero() ? "faster" : "slower", device.c_str());
     return distance < firstInvalidDistance;
 }
 

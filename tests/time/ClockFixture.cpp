@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <utility>
 
 namespace Halden::Tavro::TestSupport
 {
@@ -93,6 +94,37 @@ void ClockFixture::letReadFail(int error)
             errno = error;
             return ssize_t{-1};
         });
+}
+
+void ClockFixture::letClockDeviceFail()
+{
+    devices = {"/dev/rtc0"};
+    openDouble.replace(
+        [this](char const*, int, mode_t)
+        {
+            errno = EBUSY;
+            return std::exchange(deviceHeld, true) ? -1 : rtc;
+        });
+    ioctlDouble.replace(
+        [](int, unsigned long, void*)
+        {
+            errno = EINVAL;
+            return -1;
+        });
+    closeDouble.replace(
+        [this](int descriptor)
+        {
+            deviceHeld = deviceHeld && descriptor != rtc;
+            events.push_back("close " + std::to_string(descriptor));
+            return 0;
+        });
+}
+
+void ClockFixture::useRealTimers()
+{
+    timerfdCreateDouble.reset();
+    timerfdSettimeDouble.reset();
+    timerUnderTest = -1;
 }
 
 void ClockFixture::letLoggingChangeErrno()

@@ -49,6 +49,13 @@ protected:
 
     static void letReadFail(int error);
 
+    /// The first clock device is there but does not answer. As in the kernel, it is busy from its opening to its
+    /// closing.
+    void letClockDeviceFail();
+
+    /// From now on the timers are the kernel's.
+    static void useRealTimers();
+
     /// A sink that logging leaves with another errno.
     void letLoggingChangeErrno();
 
@@ -64,6 +71,8 @@ protected:
 private:
     static void reset();
     int readRtc(void* reading) const;
+
+    bool deviceHeld{false}; // by an opener
 };
 
 }

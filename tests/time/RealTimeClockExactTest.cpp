@@ -15,10 +15,12 @@ namespace
 
 using Log::Severity;
 using testing::ElementsAre;
+using testing::IsEmpty;
 using namespace TestSupport;
 
 using RealTimeClockExactTest = ClockFixture;
 
+// kept: the device stays taken, and the log says so from then on
 TEST_F(RealTimeClockExactTest, DeviceWhoseClockDoesNotAnswerStaysOpen)
 {
     devices = {"/dev/rtc0"};
@@ -34,9 +36,27 @@ TEST_F(RealTimeClockExactTest, DeviceWhoseClockDoesNotAnswerStaysOpen)
     EXPECT_EQ(closeDouble.count(), 0U);
 }
 
+// kept: likewise, at the cost of one descriptor for each device
+TEST_F(RealTimeClockExactTest, FirstFailureKeepsTheDeviceFromEveryLaterOpening)
+{
+    letClockDeviceFail();
+    auto const failed = isLine(Severity::Error, "", "Reading /dev/rtc0 failed with errno 22 (Invalid argument)");
+    auto const busy = isLine(Severity::Error, "", "Reading /dev/rtc0 failed with errno 16 (Device or resource busy)");
+    log.expect(failed);
+    log.expect(busy);
+
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(failed, busy, busy));
+    EXPECT_THAT(events, IsEmpty());
+}
+
+// kept: the same code as for a clock that does not answer
 TEST_F(RealTimeClockExactTest, FileThatIsNoClockCostsARealDescriptor)
 {
-    auto const before = TestSupport::openDescriptors();
+    auto const before = openDescriptors();
     auto const line =
         isLine(Severity::Error, "", "Reading /dev/null failed with errno 25 (Inappropriate ioctl for device)");
     log.expect(line);
@@ -44,7 +64,7 @@ TEST_F(RealTimeClockExactTest, FileThatIsNoClockCostsARealDescriptor)
     EXPECT_FALSE(devRtcValid("/dev/null"));
 
     EXPECT_THAT(log.lines(), ElementsAre(line));
-    EXPECT_EQ(TestSupport::openDescriptors(), before + 1);
+    EXPECT_EQ(openDescriptors(), before + 1);
 }
 
 }

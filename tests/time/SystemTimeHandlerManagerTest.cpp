@@ -1,4 +1,5 @@
 #include "scheduling/SchedulerSleep.h"
+#include "scheduling/Strategies.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
 #include "time/SystemTimeHandlerFixture.h"
@@ -33,7 +34,7 @@ using namespace std::chrono_literals;
 class DrivenManager : public PeriodicCallerManagerIfc
 {
 public:
-    DrivenManager(PeriodicCallerManager::ExecutionStrategy strategy)
+    explicit DrivenManager(Strategy strategy)
         : real(std::make_shared<PeriodicCallerManager>(strategy, "driven"))
     {
         SchedulerSleep::await();
@@ -51,8 +52,7 @@ public:
         SchedulerSleep::await();
     }
 
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
-                                                       std::chrono::duration<double> period) override
+    Token add(std::function<void()> function, std::chrono::duration<double> period) override
     {
         EXPECT_EQ(period.count(), 60.0);
         auto token = real->add(
@@ -99,11 +99,10 @@ public:
     std::atomic<int> polls{0};
     std::atomic<int> tokens{0};
     std::shared_ptr<PeriodicCallerManager> real;
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> idle;
+    Token idle;
 };
 
-class SystemTimeHandlerManagerTest : public SystemTimeHandlerFixture,
-                                     public testing::WithParamInterface<PeriodicCallerManager::ExecutionStrategy>
+class SystemTimeHandlerManagerTest : public SystemTimeHandlerFixture, public testing::WithParamInterface<Strategy>
 {
 protected:
     SystemTimeHandlerManagerTest()
@@ -208,18 +207,10 @@ TEST_P(SystemTimeHandlerManagerTest, SettingTheRealClockIsSeenThroughTheRealTime
     EXPECT_TRUE(waitFor([&] { return TestSupport::openDescriptors() == before; }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Strategies, SystemTimeHandlerManagerTest,
-                         testing::Values(PeriodicCallerManager::ExecutionStrategy::ThreadPool,
-                                         PeriodicCallerManager::ExecutionStrategy::Sequential),
-                         [](auto const& strategy) {
-                             return strategy.param == PeriodicCallerManager::ExecutionStrategy::ThreadPool
-                                        ? "ThreadPool"
-                                        : "Sequential";
-                         });
+INSTANTIATE_TEST_SUITE_P(Both, SystemTimeHandlerManagerTest, bothStrategies(), nameOfStrategy);
 
 /// Handler and manager as two locals.
-class SystemTimeHandlerManagerEndTest : public SystemTimeHandlerFixture,
-                                        public testing::WithParamInterface<PeriodicCallerManager::ExecutionStrategy>
+class SystemTimeHandlerManagerEndTest : public SystemTimeHandlerFixture, public testing::WithParamInterface<Strategy>
 {
 };
 
@@ -262,14 +253,7 @@ TEST_P(SystemTimeHandlerManagerEndTest, DestructorWaitsForAPollThatDestroysItsOw
     SchedulerSleep::await();
 }
 
-INSTANTIATE_TEST_SUITE_P(Strategies, SystemTimeHandlerManagerEndTest,
-                         testing::Values(PeriodicCallerManager::ExecutionStrategy::ThreadPool,
-                                         PeriodicCallerManager::ExecutionStrategy::Sequential),
-                         [](auto const& strategy) {
-                             return strategy.param == PeriodicCallerManager::ExecutionStrategy::ThreadPool
-                                        ? "ThreadPool"
-                                        : "Sequential";
-                         });
+INSTANTIATE_TEST_SUITE_P(Both, SystemTimeHandlerManagerEndTest, bothStrategies(), nameOfStrategy);
 
 }
 

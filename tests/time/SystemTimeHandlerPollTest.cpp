@@ -18,9 +18,8 @@ namespace
 {
 
 using Log::Severity;
-using testing::_;
 using testing::ElementsAre;
-using testing::FieldsAre;
+using testing::IsEmpty;
 using namespace TestSupport;
 using namespace std::chrono_literals;
 
@@ -148,7 +147,7 @@ TEST_F(SystemTimeHandlerPollTest, UnreadableTimerDoesNotTakeBackTheTrust)
     EXPECT_THAT(events, ElementsAre("close 4711"));
 }
 
-TEST_F(SystemTimeHandlerPollTest, LaterSynchronisationEndsThePollingAndLeavesTheTimerOpen)
+TEST_F(SystemTimeHandlerPollTest, LaterSynchronisationEndsThePolling)
 {
     sut.initialize();
     kernelStatus = 0;
@@ -157,22 +156,36 @@ TEST_F(SystemTimeHandlerPollTest, LaterSynchronisationEndsThePollingAndLeavesThe
 
     EXPECT_TRUE(sut.hasAbsoluteTime());
     EXPECT_EQ(manager->destroyed, 1);
-    EXPECT_EQ(closeDouble.count(), 0U);
     EXPECT_EQ(readDouble.count(), 1U);
 }
 
-TEST_F(SystemTimeHandlerPollTest, PollAfterTheTrustStillFindsTheTimerThatWasLeftOpen)
+TEST_F(SystemTimeHandlerPollTest, PollAfterTheClockWasSetCannotReadTheTimerAnyMore)
 {
+    std::string const text = "Error accessing clock set timer: Stop polling. errno 9 (Bad file descriptor).";
+    expectError(text);
     sut.initialize();
-    kernelStatus = 0;
+    letReadFail(ECANCELED);
     manager->function();
 
     manager->function();
 
-    EXPECT_THAT(readDouble.calls(), ElementsAre(FieldsAre(timer, _, 10U), FieldsAre(timer, _, 10U)));
-    EXPECT_EQ(log.linesOf("SystemTime").back(),
-              (LogLine{Severity::Trace, "SystemTime", "Timer still running: Time has not been set yet."}));
-    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_EQ(log.linesOf("SystemTime").back(), (LogLine{Severity::Error, "SystemTime", text}));
+    EXPECT_EQ(readDouble.count(), 1U);
+    EXPECT_THAT(events, ElementsAre("close 4711"));
+}
+
+TEST_F(SystemTimeHandlerPollTest, PollWithATimerThatCouldNotBeMadeCannotReadIt)
+{
+    std::string const text = "Error accessing clock set timer: Stop polling. errno 9 (Bad file descriptor).";
+    expectError("error creating timer to check for system time updates. errno 24 (Too many open files).");
+    expectError(text);
+    timerfdCreateDouble.failCall(1, -1, EMFILE);
+    sut.startSetClockDetection();
+
+    sut.pollTimeStatus();
+
+    EXPECT_EQ(log.lines().back(), (LogLine{Severity::Error, "SystemTime", text}));
+    EXPECT_THAT(events, IsEmpty());
 }
 
 TEST_F(SystemTimeHandlerPollTest, TimerMayHaveTheDescriptorZero)
@@ -190,7 +203,7 @@ TEST_F(SystemTimeHandlerPollTest, TimerMayHaveTheDescriptorZero)
     EXPECT_THAT(events, ElementsAre("close 0"));
 }
 
-TEST_F(SystemTimeHandlerPollTest, ClockDeviceThatAgreesLaterEndsThePollingAndLeavesTheTimerOpen)
+TEST_F(SystemTimeHandlerPollTest, ClockDeviceThatAgreesLaterEndsThePolling)
 {
     sut.initialize();
     devices = {"/dev/efirtc"};
@@ -199,7 +212,6 @@ TEST_F(SystemTimeHandlerPollTest, ClockDeviceThatAgreesLaterEndsThePollingAndLea
 
     EXPECT_TRUE(sut.hasAbsoluteTime());
     EXPECT_EQ(manager->destroyed, 1);
-    EXPECT_THAT(events, ElementsAre("close 4712")); // that of the device
 }
 
 TEST_F(SystemTimeHandlerPollTest, FirstPollBeforeAddReturnsMayReachTrust)
@@ -243,7 +255,7 @@ TEST_F(SystemTimeHandlerPollTest, FirstPollBeforeAddReturnsMayGiveUp)
     EXPECT_THAT(events, ElementsAre("close 4711"));
 }
 
-TEST_F(SystemTimeHandlerPollTest, DestructorLetsGoOfTheManagerAndEndsPollingButLeavesTheTimerOpen)
+TEST_F(SystemTimeHandlerPollTest, DestructorLetsGoOfTheManagerThenEndsThePolling)
 {
     auto handler = std::make_unique<OpenHandler>(manager);
     handler->initialize();
@@ -255,7 +267,6 @@ TEST_F(SystemTimeHandlerPollTest, DestructorLetsGoOfTheManagerAndEndsPollingButL
 
     EXPECT_EQ(manager->destroyed, 1);
     EXPECT_EQ(ownersAtTheToken, owners - 1);
-    EXPECT_EQ(closeDouble.count(), 0U);
 }
 
 TEST_F(SystemTimeHandlerPollTest, DestructorWaitsUntilAPollHasDestroyedItsTokenAndIsNotTouchedAfterwards)

@@ -139,9 +139,9 @@ TEST_F(SystemTimeHandlerTest, TimerThatCannotBeArmedGivesOne)
     timerfdSettimeDouble.failCall(1, -1, EINVAL);
 
     EXPECT_EQ(sut.startSetClockDetection(), 1);
+    EXPECT_EQ(errno, EINVAL);
 
     EXPECT_THAT(log.lines(), IsEmpty());
-    EXPECT_EQ(closeDouble.count(), 0U);
 }
 
 TEST_F(SystemTimeHandlerTest, SynchronisedClockTouchesNeitherClockDevicesNorTimer)
@@ -211,7 +211,6 @@ TEST_F(SystemTimeHandlerTest, HandlerGivesUpWhenTheTimerCannotBeArmed)
 
     EXPECT_FALSE(sut.hasAbsoluteTime());
     EXPECT_EQ(manager->registered, 0);
-    EXPECT_EQ(closeDouble.count(), 0U);
     EXPECT_EQ(log.count(isLine(Severity::Error, "SystemTime", text)), 1U);
 }
 

@@ -1,0 +1,66 @@
+#include <utils/SystemTimeHandler.h>
+
+#include "support/Resources.h"
+#include "time/ClockFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::ElementsAre;
+using namespace TestSupport;
+
+using RealTimeClockHardenedTest = ClockFixture;
+
+TEST_F(RealTimeClockHardenedTest, DeviceWhoseClockDoesNotAnswerIsClosed)
+{
+    devices = {"/dev/rtc0"};
+    ioctlDouble.failCall(1, -1, EINVAL);
+    letLoggingChangeErrno();
+    auto const line = isLine(Severity::Error, "", "Reading /dev/rtc0 failed with errno 22 (Invalid argument)");
+    log.expect(line);
+
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(line));
+    EXPECT_EQ(openDouble.count(), 1U);
+    EXPECT_THAT(events, ElementsAre("close 4712"));
+}
+
+TEST_F(RealTimeClockHardenedTest, FailureLeavesTheDeviceToEveryLaterOpening)
+{
+    letClockDeviceFail();
+    auto const failed = isLine(Severity::Error, "", "Reading /dev/rtc0 failed with errno 22 (Invalid argument)");
+    log.expect(failed);
+
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(failed, failed, failed));
+    EXPECT_THAT(events, ElementsAre("close 4712", "close 4712", "close 4712"));
+}
+
+TEST_F(RealTimeClockHardenedTest, FileThatIsNoClockCostsNoDescriptor)
+{
+    auto const before = openDescriptors();
+    auto const line =
+        isLine(Severity::Error, "", "Reading /dev/null failed with errno 25 (Inappropriate ioctl for device)");
+    log.expect(line);
+
+    EXPECT_FALSE(devRtcValid("/dev/null"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(line));
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+}
+
+}

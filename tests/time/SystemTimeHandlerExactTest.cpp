@@ -1,0 +1,113 @@
+#include "time/SystemTimeHandlerFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using Log::Severity;
+using testing::_;
+using testing::ElementsAre;
+using testing::FieldsAre;
+using testing::IsEmpty;
+using namespace TestSupport;
+
+using SystemTimeHandlerExactTest = SystemTimeHandlerFixture;
+
+// kept: a poll still finds its timer, whatever has become of the handler
+TEST_F(SystemTimeHandlerExactTest, TimerThatCannotBeArmedStaysOpen)
+{
+    timerfdSettimeDouble.failCall(1, -1, EINVAL);
+    timerfdSettimeDouble.failCall(2, -1, EINVAL);
+    expectError("Failed to start a timer to detect when the clock is set. errno 22 (Invalid argument).");
+
+    EXPECT_EQ(sut.startSetClockDetection(), 1);
+    sut.initialize();
+
+    EXPECT_THAT(events, IsEmpty());
+}
+
+// kept: likewise
+TEST_F(SystemTimeHandlerExactTest, LaterSynchronisationLeavesTheTimerOpen)
+{
+    sut.initialize();
+    kernelStatus = 0;
+
+    manager->function();
+
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, IsEmpty());
+}
+
+// kept: likewise
+TEST_F(SystemTimeHandlerExactTest, ClockDeviceThatAgreesLaterLeavesTheTimerOpen)
+{
+    sut.initialize();
+    devices = {"/dev/efirtc"};
+
+    manager->function();
+
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, ElementsAre("close 4712")); // that of the device
+}
+
+// kept: likewise
+TEST_F(SystemTimeHandlerExactTest, PollAfterTheTrustStillFindsTheTimerThatWasLeftOpen)
+{
+    sut.initialize();
+    kernelStatus = 0;
+    manager->function();
+
+    manager->function();
+
+    EXPECT_THAT(readDouble.calls(), ElementsAre(FieldsAre(timer, _, 10U), FieldsAre(timer, _, 10U)));
+    EXPECT_EQ(log.linesOf("SystemTime").back(),
+              (LogLine{Severity::Trace, "SystemTime", "Timer still running: Time has not been set yet."}));
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
+// kept: the descriptor is never given back
+TEST_F(SystemTimeHandlerExactTest, DestructorLeavesTheTimerOpen)
+{
+    auto handler = std::make_unique<OpenHandler>(manager);
+    handler->initialize();
+
+    handler.reset();
+
+    EXPECT_EQ(manager->destroyed, 1);
+    EXPECT_THAT(events, IsEmpty());
+}
+
+// kept: likewise
+TEST_F(SystemTimeHandlerExactTest, SecondInitializationLeavesTheFirstTimerOpen)
+{
+    sut.initialize();
+
+    sut.initialize();
+
+    EXPECT_EQ(timerfdCreateDouble.count(), 2U);
+    EXPECT_THAT(events, IsEmpty());
+}
+
+// kept: 0 is the number of the timer until there is one
+TEST_F(SystemTimeHandlerExactTest, PollBeforeInitializeReadsAndClosesStandardInput)
+{
+    expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");
+    timerUnderTest = 0;
+    letReadFail(EIO);
+
+    sut.pollTimeStatus();
+
+    EXPECT_THAT(readDouble.calls(), ElementsAre(FieldsAre(0, _, 10U)));
+    EXPECT_THAT(events, ElementsAre("close 0"));
+}
+
+}
+
+}
