@@ -48,10 +48,11 @@ struct RuntimeTypedData
 /// Threads: one controller and one monitored thread. The arguments are guarded by no lock but by their order: the
 /// monitored code sets them before it crosses, the controller reads them while it is held. So the controller closes
 /// only while the monitored code is not setting arguments; and once the monitored code has been released, it may set
-/// arguments only when the controller reads them no more.
+/// arguments only when the controller reads them no more. The monitor outlives every crossing.
 ///
+/// Hazards of the exact build:
 /// The controller also lets a released crossBarrier() return before it closes again. Otherwise the monitored code may
-/// not have noticed the opening: it then stays held without counting as trapped.
+/// not have noticed the opening: it then stays held without counting as trapped, until the next opening.
 class HALDEN_CPPUTILS_EXPORT CodeMonitor
 {
 public:

@@ -1,142 +1,37 @@
 #include <utils/CodeMonitor.h>
 
-#include "support/CallDouble.h"
+#include "misc/Crossing.h"
 #include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
 
-#include <time.h>
-
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <ctime>
-#include <future>
-#include <limits>
-#include <optional>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using testing::StrEq;
+using testing::ThrowsMessage;
+using namespace TestSupport;
 using namespace std::chrono_literals;
-using namespace testing;
 
-namespace
-{
-
-CallDouble<int(timespec const*, timespec*)> nanoSleep{"nanosleep"};
-
-}
-
-extern "C" int nanosleep(timespec const* requested, timespec* remaining)
-{
-    return nanoSleep(requested, remaining);
-}
-
-namespace
-{
-
-std::chrono::nanoseconds toDuration(timespec const& time)
-{
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-/// A thread that crosses the barrier once.
-class Crossing
-{
-public:
-    explicit Crossing(CodeMonitor& monitor)
-        : result(std::async(std::launch::async, [&monitor] { return monitor.crossBarrier(); }))
-    {
-    }
-
-    bool isOver() { return result.wait_for(0s) == std::future_status::ready; }
-
-    /// @return what crossBarrier() returned; throws when it does not return
-    bool wait()
-    {
-        if (result.wait_for(30s) != std::future_status::ready)
-        {
-            throw std::runtime_error("still held");
-        }
-        return result.get();
-    }
-
-private:
-    std::future<bool> result;
-};
-
-class CodeMonitorTest : public Test
+class CodeMonitorTest : public testing::Test
 {
 protected:
-    CodeMonitorTest() { nanoSleep.reset(); }
-
-    ~CodeMonitorTest() override { nanoSleep.reset(); }
-
-    /// No sleep takes any time, and each is noted.
-    void recordSleeps()
-    {
-        nanoSleep.replace(
-            [this](timespec const* requested, timespec*)
-            {
-                sleeps.push_back(toDuration(*requested));
-                return 0;
-            });
-    }
-
     bool waitUntilTrapped()
     {
         return waitFor([this] { return sut.trappedAtBarrier(); });
     }
 
-    /// As waitUntilTrapped(), for what stands in for a sleep.
-    bool waitWithoutSleep()
-    {
-        auto const deadline = std::chrono::steady_clock::now() + 10s;
-        while (!sut.trappedAtBarrier() && std::chrono::steady_clock::now() < deadline)
-        {
-            std::this_thread::yield();
-        }
-        return sut.trappedAtBarrier();
-    }
-
     CodeMonitor sut{"sut"};
-    std::vector<std::chrono::nanoseconds> sleeps;
 };
-
-TEST(RuntimeTypedDataTest, IsEmptyAtFirst)
-{
-    RuntimeTypedData const data;
-
-    EXPECT_EQ(data.type, RuntimeTypedData::Type::None);
-    EXPECT_EQ(data.value.uint64, 0U);
-}
-
-TEST(RuntimeTypedDataTest, TheTypesHaveTheirNumbers)
-{
-    EXPECT_EQ(static_cast<std::uint32_t>(RuntimeTypedData::Type::None), 0U);
-    EXPECT_EQ(static_cast<std::uint32_t>(RuntimeTypedData::Type::Uint64), 1U);
-    EXPECT_EQ(static_cast<std::uint32_t>(RuntimeTypedData::Type::Pointer), 2U);
-    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<RuntimeTypedData::Type>, std::uint32_t>));
-    EXPECT_EQ(sizeof(RuntimeTypedData::Value), 8U);
-}
-
-TEST(RuntimeTypedDataTest, AssignmentCopiesValueAndType)
-{
-    RuntimeTypedData const source{{7}, RuntimeTypedData::Type::Uint64};
-    RuntimeTypedData target;
-
-    target = source;
-
-    EXPECT_EQ(target.type, RuntimeTypedData::Type::Uint64);
-    EXPECT_EQ(target.value.uint64, 7U);
-}
 
 TEST_F(CodeMonitorTest, IsNeitherPolymorphicNorCopyable)
 {
@@ -223,175 +118,6 @@ TEST_F(CodeMonitorTest, OpeningAnOpenBarrierThrows)
     sut.closeBarrier();
     sut.openBarrier();
     EXPECT_THAT(open, ThrowsMessage<std::runtime_error>(StrEq("Barrier is not closed")));
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedReturnsAtOnceWhenAThreadIsTrapped)
-{
-    sut.closeBarrier();
-    Crossing crossing(sut);
-    ASSERT_TRUE(waitUntilTrapped());
-    recordSleeps();
-
-    EXPECT_TRUE(sut.waitTrapped(1000ms));
-    EXPECT_TRUE(sut.waitTrapped(0ms));
-
-    EXPECT_THAT(sleeps, IsEmpty());
-    sut.openBarrier();
-    EXPECT_TRUE(crossing.wait());
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedNoticesTheCrossingWithTheNextLook)
-{
-    sut.closeBarrier();
-    std::optional<Crossing> crossing;
-    nanoSleep.replace(
-        [&](timespec const* requested, timespec*)
-        {
-            sleeps.push_back(toDuration(*requested));
-            if (sleeps.size() == 3)
-            {
-                crossing.emplace(sut);
-                EXPECT_TRUE(waitWithoutSleep());
-            }
-            return 0;
-        });
-
-    EXPECT_TRUE(sut.waitTrapped(1000ms));
-
-    EXPECT_THAT(sleeps, ElementsAre(20ms, 20ms, 20ms));
-    sut.openBarrier();
-    EXPECT_TRUE(crossing->wait());
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedSleepsFiftySlicesInVain)
-{
-    recordSleeps();
-
-    EXPECT_FALSE(sut.waitTrapped(1000ms));
-
-    EXPECT_THAT(sleeps, AllOf(SizeIs(50), Each(Eq(20ms))));
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedTruncatesTheSliceToWholeMilliseconds)
-{
-    recordSleeps();
-
-    sut.waitTrapped(50ms);
-    EXPECT_THAT(sleeps, AllOf(SizeIs(50), Each(Eq(1ms))));
-
-    sleeps.clear();
-    sut.waitTrapped(149ms);
-    EXPECT_THAT(sleeps, AllOf(SizeIs(50), Each(Eq(2ms))));
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedSleepsSlicesOfMoreThanASecond)
-{
-    recordSleeps();
-
-    EXPECT_FALSE(sut.waitTrapped(75500ms));
-
-    EXPECT_THAT(sleeps, AllOf(SizeIs(50), Each(Eq(1510ms))));
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedBelow50MillisecondsDoesNotSleep)
-{
-    recordSleeps();
-
-    EXPECT_FALSE(sut.waitTrapped(49ms));
-    EXPECT_FALSE(sut.waitTrapped(10ms));
-    EXPECT_FALSE(sut.waitTrapped(0ms));
-    EXPECT_FALSE(sut.waitTrapped(-1000ms));
-
-    EXPECT_THAT(sleeps, IsEmpty());
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedDoesNotLookAfterTheLastSlice)
-{
-    sut.closeBarrier();
-    std::optional<Crossing> crossing;
-    nanoSleep.replace(
-        [&](timespec const* requested, timespec*)
-        {
-            sleeps.push_back(toDuration(*requested));
-            if (sleeps.size() == 50)
-            {
-                crossing.emplace(sut);
-                EXPECT_TRUE(waitWithoutSleep());
-            }
-            return 0;
-        });
-
-    EXPECT_FALSE(sut.waitTrapped(1000ms));
-
-    EXPECT_TRUE(sut.trappedAtBarrier());
-    EXPECT_THAT(sleeps, SizeIs(50));
-    sut.openBarrier();
-    EXPECT_TRUE(crossing->wait());
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedResumesAnInterruptedSliceWithTheRemainingTime)
-{
-    nanoSleep.replace(
-        [this](timespec const* requested, timespec* remaining)
-        {
-            sleeps.push_back(toDuration(*requested));
-            if (sleeps.size() == 1 || sleeps.size() == 2)
-            {
-                *remaining = {0, sleeps.size() == 1 ? 7'000'000 : 3'000'000};
-                errno = EINTR;
-                return -1;
-            }
-            return 0;
-        });
-
-    EXPECT_FALSE(sut.waitTrapped(500ms));
-
-    ASSERT_THAT(sleeps, SizeIs(50 + 2));
-    EXPECT_EQ(sleeps[0], 10ms);
-    EXPECT_EQ(sleeps[1], 7ms);
-    EXPECT_EQ(sleeps[2], 3ms);
-    EXPECT_THAT(std::vector(sleeps.begin() + 3, sleeps.end()), Each(Eq(10ms)));
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedDoesNotResumeASliceThatFailsOtherwise)
-{
-    nanoSleep.replace(
-        [](timespec const*, timespec*)
-        {
-            errno = EINVAL;
-            return -1;
-        });
-
-    EXPECT_FALSE(sut.waitTrapped(500ms));
-
-    EXPECT_EQ(nanoSleep.count(), 50U);
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedAcceptsTheGreatestTimeOut)
-{
-    std::vector<timespec> requests; // beyond what nanoseconds can count
-    nanoSleep.replace(
-        [&requests](timespec const* requested, timespec*)
-        {
-            requests.push_back(*requested);
-            return 0;
-        });
-
-    EXPECT_FALSE(sut.waitTrapped(std::chrono::milliseconds::max()));
-
-    ASSERT_THAT(requests, SizeIs(50));
-    auto const seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::milliseconds::max() / 50).count();
-    EXPECT_EQ(requests[0].tv_sec, std::min<std::int64_t>(seconds, std::numeric_limits<std::time_t>::max()));
-}
-
-TEST_F(CodeMonitorTest, WaitTrappedTakesItsTime)
-{
-    auto const start = std::chrono::steady_clock::now();
-
-    EXPECT_FALSE(sut.waitTrapped(100ms));
-
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
 }
 
 TEST_F(CodeMonitorTest, AnArgumentIsFoundUnderItsName)
@@ -513,12 +239,13 @@ private:
     std::thread thread;
 };
 
-TEST_F(CodeMonitorTest, HoldsAndReleasesAThreadTenThousandTimes)
+TEST_F(CodeMonitorTest, HoldsAndReleasesAThreadOverAndOver)
 {
-    constexpr unsigned count = 10'000;
-    auto const deadline = std::chrono::steady_clock::now() + 90s;
-    auto const spinUntil = [deadline](auto const& condition)
+    constexpr unsigned most = 10'000;
+    auto const end = std::chrono::steady_clock::now() + 3s;
+    auto const spinUntil = [](auto const& condition)
     {
+        auto const deadline = std::chrono::steady_clock::now() + 60s;
         while (!condition() && std::chrono::steady_clock::now() < deadline)
         {
             std::this_thread::yield();
@@ -526,10 +253,11 @@ TEST_F(CodeMonitorTest, HoldsAndReleasesAThreadTenThousandTimes)
     };
     Rounds rounds(sut);
 
-    for (unsigned round = 1; round <= count && !HasFailure(); ++round)
+    unsigned round = 0;
+    while (round < most && std::chrono::steady_clock::now() < end && !HasFailure())
     {
         sut.closeBarrier();
-        rounds.start(round);
+        rounds.start(++round);
         spinUntil([this] { return sut.waitTrapped(0ms); });
         if (sut.trappedAtBarrier())
         {
@@ -542,7 +270,10 @@ TEST_F(CodeMonitorTest, HoldsAndReleasesAThreadTenThousandTimes)
         EXPECT_TRUE(rounds.hasEnded(round)) << "stuck in round " << round;
     }
 
-    EXPECT_EQ(rounds.held, count);
+    EXPECT_GT(round, 0U);
+    EXPECT_EQ(rounds.held, round);
+}
+
 }
 
 }

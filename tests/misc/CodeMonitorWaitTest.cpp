@@ -1,45 +1,22 @@
 #include <utils/CodeMonitor.h>
 
-#include "support/CallDouble.h"
+#include "misc/ConditionDoubles.h"
+#include "support/ToDuration.h"
 
 #include <gtest/gtest.h>
 
-#include <pthread.h>
-#include <time.h>
-
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 
-using namespace Halden::Tavro::TestSupport;
-using namespace Halden::Tavro::Utils;
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace TestSupport;
 using namespace std::chrono_literals;
-
-namespace
-{
-
-CallDouble<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)> clockWait{"pthread_cond_clockwait"};
-CallDouble<int(pthread_cond_t*)> broadcast{"pthread_cond_broadcast"};
-
-std::chrono::nanoseconds toDuration(timespec const& time)
-{
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-}
-
-extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                      timespec const* until)
-{
-    return clockWait(condition, mutex, clock, until);
-}
-
-extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
-{
-    return broadcast(condition);
-}
-
-namespace
-{
 
 // The one thread opens the barrier from inside its own wait, which then ends by its limit: no notification reaches it.
 TEST(CodeMonitorWaitTest, AMissedNotificationIsMadeGoodAfterAtMost50Milliseconds)
@@ -133,6 +110,8 @@ TEST(CodeMonitorWaitTest, WaitsByTheMonotonicClock)
         });
 
     EXPECT_TRUE(sut.crossBarrier());
+}
+
 }
 
 }

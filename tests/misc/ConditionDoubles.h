@@ -1,0 +1,15 @@
+#pragma once
+
+#include "support/CallDouble.h"
+
+#include <pthread.h>
+
+#include <ctime>
+
+namespace Halden::Tavro::TestSupport
+{
+
+extern CallDouble<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)> clockWait;
+extern CallDouble<int(pthread_cond_t*)> broadcast;
+
+}
