@@ -102,6 +102,7 @@ ExecutionResult makeResult(std::optional<int> status, std::string output)
     result.output = std::move(output);
     if (status && WIFEXITED(*status))
     {
+        // kept: a signed byte, so that callers know a program that could not be started, status 255, by -1
         result.exitCode = static_cast<std::int8_t>(WEXITSTATUS(*status));
     }
     else if (status && WIFSIGNALED(*status))

@@ -17,8 +17,8 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-/// Of popen(3). Without close-on-exec, programs that other threads start meanwhile hold the pipe as well.
-constexpr char const* readMode = hardened ? "re" : "r"; // kept: "r", the exact build's
+/// Of popen(3), with close-on-exec or without.
+constexpr char const* readMode = hardened ? "re" : "r"; // kept: "r", programs of other threads inherit the pipe
 
 }
 

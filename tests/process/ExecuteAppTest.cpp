@@ -19,6 +19,7 @@ class ExecuteAppTest : public ExecuteAppFixture
 {
 };
 
+// kept: here and below the line names execve(), though execv() has failed
 TEST_F(ExecuteAppTest, PipesAreAttachedThenClosedThenTheEnvironmentSetThenTheProgramStarted)
 {
     run(false, {{"B", "1"}, {"A", "2"}, {"B", "3"}});

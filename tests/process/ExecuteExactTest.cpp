@@ -110,7 +110,7 @@ TEST_F(ExecuteExactTest, ParentClosesEachNumberOnce)
                             "fclose stdin.write", "close stdout.write", "log 4 Child finished", "fclose stdout.read"));
 }
 
-// kept, here and below: the child is left to the caller
+// kept: here and below the child is left to the caller
 TEST_F(ExecuteExactTest, StdinThatCannotBeOpenedClosesEachNumberOnce)
 {
     tellOnly(false);

@@ -78,6 +78,7 @@ TEST_F(GetAppOutputTest, WhatTheChildHasLeftInThePipeIsRead)
     EXPECT_EQ(call().output, std::string("a\0\xff\n", 4));
 }
 
+// kept: callers compare with -1
 TEST_F(GetAppOutputTest, EachExitCodeIsASignedByte)
 {
     for (int code = 0; code <= 255; ++code)
