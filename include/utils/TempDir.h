@@ -17,8 +17,8 @@ namespace Halden::Tavro::Utils
 /// Threads: any, but the object must outlive every use of its path.
 ///
 /// For the removal at the end to succeed, every writer in the directory has finished, no mount is left below it, and
-/// its directories are writable. A relative path is looked up from the working directory of that moment, which should
-/// be the one of construction.
+/// its directories are writable and nest less deep than the process can open descriptors. A relative path is looked up
+/// from the working directory of that moment, which should be the one of construction.
 ///
 /// Hazards of the exact build:
 /// What cannot be removed ends the process, as the std::filesystem::filesystem_error leaves the destructor; the
