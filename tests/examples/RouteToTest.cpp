@@ -1,3 +1,4 @@
+#include "support/NetworkNamespace.h"
 #include "support/RunExample.h"
 
 #include <gmock/gmock.h>
@@ -21,7 +22,19 @@ ChildResult routeTo(std::vector<std::string> const& arguments, ExampleOptions co
     return runExample(ROUTE_TO, arguments, options);
 }
 
-TEST(RouteToTest, NamesTheLocalAddressAndItsInterface)
+class RouteToLoopbackTest : public Test
+{
+protected:
+    void SetUp() override
+    {
+        if (auto const refusal = loopbackRefusal())
+        {
+            GTEST_SKIP() << *refusal;
+        }
+    }
+};
+
+TEST_F(RouteToLoopbackTest, NamesTheLocalAddressAndItsInterface)
 {
     auto const result = routeTo({"127.0.0.1"});
 
@@ -66,7 +79,7 @@ TEST(RouteToTest, HelpNamesTheHost)
     EXPECT_EQ(result.exitCode, 0);
 }
 
-TEST(RouteToTest, StandardOutputThatCannotBeWrittenIsAnError)
+TEST_F(RouteToLoopbackTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(ROUTE_TO, {"127.0.0.1"});
 }

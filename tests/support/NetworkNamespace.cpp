@@ -6,6 +6,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -96,6 +97,21 @@ std::optional<std::string> networkNamespaceRefusal()
         })
         .join();
     return refusal;
+}
+
+std::optional<std::string> loopbackRefusal()
+{
+    ifreq query{};
+    query.ifr_name[0] = 'l';
+    query.ifr_name[1] = 'o';
+    int const descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    bool const known = descriptor >= 0 && ioctl(descriptor, SIOCGIFFLAGS, &query) == 0;
+    close(descriptor);
+    if (known && (query.ifr_flags & IFF_UP) != 0)
+    {
+        return std::nullopt;
+    }
+    return "the interface lo is down";
 }
 
 void inNetworkNamespace(std::function<void()> const& piece)

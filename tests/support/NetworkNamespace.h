@@ -16,6 +16,9 @@ std::optional<std::string> networkNamespaceRefusal();
 /// It has one interface, lo, which is up, and no addresses but 127.0.0.1 and ::1. The kernel adds none by itself.
 void inNetworkNamespace(std::function<void()> const& piece);
 
+/// Why this process reaches no 127.0.0.1, if it does not.
+std::optional<std::string> loopbackRefusal();
+
 /// Changes the addresses and interfaces of the calling thread's network namespace, rtnetlink(7). Each operation returns
 /// when the change is made, and throws std::runtime_error when the kernel refuses it.
 class NetworkControl
