@@ -19,7 +19,7 @@ namespace Halden::Tavro::Utils::Ip
 ///
 /// @param remote  host name or numeric address
 /// @param timeout in seconds
-/// @throws what internalLocalIpForRemote() throws
+/// @throws what internalLocalIpForRemote() throws, whose hazards it shares
 HALDEN_CPPUTILS_EXPORT std::string getLocalIpForRemote(std::string const& remote, std::uint32_t timeout);
 
 /// The IPv4 address from which this device reaches a remote host, as dotted text. Nothing is sent to the host: a
@@ -27,13 +27,13 @@ HALDEN_CPPUTILS_EXPORT std::string getLocalIpForRemote(std::string const& remote
 /// A host name, however, is looked up by the system's resolver, see getaddrinfo(3). IPv6 is never considered; the C
 /// library takes ::ffff:192.0.2.1 for the IPv4 address in it.
 ///
-/// Every look-up that succeeds costs a descriptor: its socket stays open for good, and child processes inherit it. One
-/// look-up a minute uses up the usual 1024 descriptors of a process in some 17 hours. Who looks up again and again does
-/// so in a child process that ends, or keeps the result until the network changes.
-///
 /// @throws std::runtime_error "getaddrinfo failed with " and the resolver's text, so for an IPv6 address; "could not
 ///         resolve IP or hostname" when there is no route; "failed to get local socket name, errno=" and the number.
 ///         None of them is logged
+///
+/// Hazards of the exact build: every look-up that succeeds costs a descriptor. Its socket stays open for good, and
+/// child processes inherit it; one look-up a minute uses up the usual 1024 descriptors of a process in some 17 hours.
+/// Who looks up again and again does so in a child process that ends, or keeps the result until the network changes.
 HALDEN_CPPUTILS_EXPORT std::string internalLocalIpForRemote(std::string const& remote);
 
 /// The name of the interface that carries an address, see getifaddrs(3). When several do, the last one in the system's

@@ -109,7 +109,7 @@ std::vector<IpAddress> addressesOfInterfaces(Log::Logger const& logger)
         TAVRO_LOG_ERRNO_TO(logger, "initialAddrList: getifaddrs failed with %d(%s)");
         throw std::runtime_error("Failed to get initial list of IP addresses.");
     }
-    IfaddrsList const owner(hardened ? found : nullptr); // kept: else it stays allocated
+    IfaddrsList const owner(hardened ? found : nullptr); // kept: else it stays allocated, once for each construction
     std::vector<IpAddress> addresses;
     for (ifaddrs const* entry = found; entry != nullptr; entry = entry->ifa_next)
     {
@@ -147,7 +147,7 @@ void callGuarded(Function const& function)
     }
     else
     {
-        function(); // kept: what is no std::exception ends the process
+        function(); // kept: what is no std::exception ends the process, as out of any thread
     }
 }
 
@@ -289,7 +289,7 @@ LocalIps::LocalIps(std::function<void(IpAddress const&)> onNewAddress,
         {
             Receiver::end(*this);
         }
-        throw; // kept: with the socket open, and with the thread running, which ends the process
+        throw; // kept: with the socket open; with the thread running, the process ends, and services are started anew
     }
 }
 
@@ -307,7 +307,7 @@ LocalIps::~LocalIps()
         stopRequested = true;
         if (hasSocket)
         {
-            close(netlinkSocket); // kept: while the receiver thread uses it
+            close(netlinkSocket); // kept: before the receiver thread has ended, as the order of the lines says
         }
     }
     if (hasSocket)
@@ -346,7 +346,7 @@ void LocalIps::openNetlinkRouteSocket()
     if (bind(netlinkSocket, reinterpret_cast<sockaddr const*>(&address), sizeof(address)) < 0)
     {
         TAVRO_LOG_ERRNO_TO(*this, "Failed to bind to NETLINK_ROUTE socket, errno=%d (%s)");
-        throw std::runtime_error("Failed to bind to NETLINK_ROUTE socket."); // kept: the descriptor stays open
+        throw std::runtime_error("Failed to bind to NETLINK_ROUTE socket.");
     }
     if (fcntl(netlinkSocket, F_SETFL, O_NONBLOCK) < 0)
     {
@@ -366,7 +366,7 @@ IpAddress LocalIps::nlToIpAddress(nlmsghdr const* message)
         {
             address = addressIn(begin, IFA_ADDRESS, logger); // beside IFA_LOCAL it is the peer's, alone our own
         }
-    } // else kept: IFA_ADDRESS is not read
+    } // else kept: services on devices without IPv6 get no address by IFA_ADDRESS
     if (!address.has_value())
     {
         TAVRO_LOG_TO(logger, Log::Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS");
@@ -437,7 +437,7 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
                 handleLostAddress(nlToIpAddress(message));
             }
         };
-        if (succeeds(handle, Receiver::loggerOf(*this)) || hardened) // kept: what fails is handled again
+        if (succeeds(handle, Receiver::loggerOf(*this)) || hardened) // kept: else the same one again
         {
             at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));
         }
@@ -468,9 +468,9 @@ void LocalIps::receiveOnce()
     auto& list = Receiver::ofThisThread.list;
     pollfd polled{netlinkSocket, POLLIN, 0};
     int const ready = poll(&polled, 1, list == Receiver::List::EventsLost ? 0 : pollTimeoutInMs);
-    if (hardened && stopRequested)
+    if (hardened && stopRequested) // what woke it is no event
     {
-        return; // kept: else it looks at a socket that is closed by now
+        return;
     }
     if (ready == 0)
     {

@@ -56,10 +56,10 @@ std::string localAddressOf(int descriptor)
         close(descriptor);
         throw std::runtime_error("failed to get local socket name, errno=" + std::to_string(error));
     }
-    if constexpr (hardened)
+    if constexpr (hardened) // kept: else it stays open, for services that look up once
     {
         close(descriptor);
-    }                                 // else kept: the socket stays open
+    }
     return inet_ntoa(local.sin_addr); // its buffer is the thread's own
 }
 

@@ -26,12 +26,8 @@ public:
     using LocalIps::processAllNetlinkMessages;
     using LocalIps::receiverThread;
 
-    // The receiver thread runs before this constructor, which stores the pointer to the table of virtual operations
-    // anew. Whichever of the two the thread reads leads to the same logger, so the race, which every class derived from
-    // LocalIps has, does no harm.
-    __attribute__((no_sanitize("thread"))) explicit Monitor(AddressCallback onNewAddress = {},
-                                                            AddressCallback onLostAddress = {},
-                                                            std::function<void()> onReceiveError = {})
+    explicit Monitor(AddressCallback onNewAddress = {}, AddressCallback onLostAddress = {},
+                     std::function<void()> onReceiveError = {})
         : Log::Logger("LocalIps", "", std::make_shared<Log::LoggerImpl>())
         , LocalIps(std::move(onNewAddress), std::move(onLostAddress), std::move(onReceiveError))
     {
