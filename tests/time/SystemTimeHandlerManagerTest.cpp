@@ -1,6 +1,7 @@
 #include "scheduling/SchedulerSleep.h"
 #include "scheduling/Strategies.h"
 #include "support/Resources.h"
+#include "support/SteadyClockDouble.h"
 #include "support/WaitFor.h"
 #include "time/SystemTimeHandlerFixture.h"
 
@@ -216,6 +217,8 @@ class SystemTimeHandlerManagerEndTest : public SystemTimeHandlerFixture, public 
 
 TEST_P(SystemTimeHandlerManagerEndTest, DestructorWaitsForAPollThatDestroysItsOwnToken)
 {
+    SteadyClockDouble clock(1h); // the first poll is due when the machine has been up for a minute
+    clock.goOn();
     auto manager = std::make_shared<PeriodicCallerManager>(GetParam(), "local");
     auto handler = std::make_unique<SystemTimeHandler>(manager);
     std::promise<void> initialized;
@@ -227,7 +230,7 @@ TEST_P(SystemTimeHandlerManagerEndTest, DestructorWaitsForAPollThatDestroysItsOw
             query->status = STA_UNSYNC;
             if (adjtimexDouble.count() > 1) // the first is initialize()'s
             {
-                EXPECT_EQ(initialized.get_future().wait_for(10s), std::future_status::ready);
+                EXPECT_TRUE(becomesReady(initialized.get_future()));
             }
             return TIME_ERROR;
         });
@@ -238,13 +241,13 @@ TEST_P(SystemTimeHandlerManagerEndTest, DestructorWaitsForAPollThatDestroysItsOw
             if (line.text == "+remove" && line.logger == "Halden::Tavro::Utils::PeriodicCallerManager(local)")
             {
                 tokenTaken.set_value(); // this poll holds the manager by its token
-                EXPECT_EQ(handlerGone.get_future().wait_for(200ms), std::future_status::timeout);
+                EXPECT_FALSE(becomesReady(handlerGone.get_future(), 200ms));
             }
         });
 
     handler->initialize();
     initialized.set_value();
-    ASSERT_EQ(tokenTaken.get_future().wait_for(10s), std::future_status::ready);
+    ASSERT_TRUE(becomesReady(tokenTaken.get_future()));
     handler.reset();
     auto const owners = manager.use_count();
     handlerGone.set_value();
