@@ -3,7 +3,7 @@
 include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
 
 file(REMOVE_RECURSE ${BUILD_DIR})
-run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${BUILD_DIR} -DCMAKE_PREFIX_PATH=${ROOT})
+run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${BUILD_DIR} -DCMAKE_PREFIX_PATH=${ROOT} -DHARDENED=${HARDENED})
 if(output MATCHES "Warning")
     message(FATAL_ERROR "a service's configuration is warned:\n${output}")
 endif()

@@ -4,7 +4,7 @@
 # SOURCE_DIR, ROOT, BUILD_DIR  the project, where to install it, where to build it; the latter two are emptied first
 # BUILT                        the project's build of the same kind, if there is one: it is installed instead
 # LIBDIR                       the folder of the libraries below ROOT
-# SHARED                       ON or OFF
+# SHARED, HARDENED             ON or OFF
 # METRICS                      ON to have that component, too
 # INSTALLED_LOGGER             ON to install the logging library first, from its own folder alone, and let the project
 #                              find it there; else with all components
@@ -22,7 +22,7 @@ function(install_staged source name)
     set(build ${BUILD_DIR}/${name})
     run(${CMAKE_COMMAND} -S ${source} -B ${build}
         -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=${prefix} -DCMAKE_INSTALL_LIBDIR=${LIBDIR}
-        -DBUILD_SHARED_LIBS=${SHARED} ${ARGN})
+        -DBUILD_SHARED_LIBS=${SHARED} -DHALDEN_HARDENED=${HARDENED} ${ARGN})
     run(${CMAKE_COMMAND} --build ${build})
     stage(${build} ${prefix}/${name})
 endfunction()
