@@ -17,11 +17,13 @@
 #include <sstream>
 #include <string>
 
-using namespace Halden::Tavro;
-using namespace std::chrono_literals;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using namespace std::chrono_literals;
 
 std::size_t allocationsAtFork = 0;
 
@@ -50,8 +52,8 @@ namespace
 std::optional<std::int8_t> codeOfChild()
 {
     std::istringstream const input;
-    return Utils::execute("/no/such/program", {"an argument longer than any short string"},
-                          {{"HALDEN_A_NAME_LONGER_THAN_ANY_SHORT_STRING", "value"}}, input, 60s)
+    return execute("/no/such/program", {"an argument longer than any short string"},
+                   {{"HALDEN_A_NAME_LONGER_THAN_ANY_SHORT_STRING", "value"}}, input, 60s)
         .exitCode;
 }
 
@@ -65,6 +67,8 @@ TEST(ExecuteAllocationTest, LogCallsAllocateWhenTheyAreEnabled)
     TestSupport::LogCapture const log(Log::Severity::Trace);
 
     EXPECT_EQ(codeOfChild(), 2);
+}
+
 }
 
 }

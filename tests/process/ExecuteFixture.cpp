@@ -24,10 +24,6 @@ CallDouble<int(timespec const*, timespec*)> nanosleepDouble{"nanosleep"};
 CallDouble<int(char const*, char const*, int)> setenvDouble{"setenv"};
 CallDouble<int(char const*, char* const*)> execvDouble{"execv"};
 
-}
-
-using namespace Halden::Tavro::TestSupport;
-
 namespace
 {
 
@@ -126,3 +122,5 @@ extern "C"
     }
 }
 HALDEN_DOUBLE(fcntl, fcntlOfTest)
+
+}

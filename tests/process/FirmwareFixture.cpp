@@ -8,10 +8,6 @@ CallDouble<std::size_t(void*, std::size_t, std::size_t, std::FILE*)> freadDouble
 CallDouble<int(std::FILE*)> pcloseDouble{"pclose"};
 std::vector<std::string> calls;
 
-}
-
-using namespace Halden::Tavro::TestSupport;
-
 namespace
 {
 
@@ -43,4 +39,6 @@ extern "C"
         calls.push_back(file == stream ? "pclose" : "pclose of another stream");
         return pcloseDouble(file);
     }
+}
+
 }

@@ -11,10 +11,6 @@ CallDouble<int(int, int)> dup2Double{"dup2"};
 CallDouble<int(int)> closeDouble{"close"};
 CallDouble<std::FILE*(int, char const*)> fdopenDouble{"fdopen"};
 
-}
-
-using namespace Halden::Tavro::TestSupport;
-
 extern "C"
 {
 
@@ -37,4 +33,6 @@ extern "C"
     {
         return pipeUseUnderTest ? fdopenDouble(descriptor, mode) : fdopenDouble.passOn(descriptor, mode);
     }
+}
+
 }

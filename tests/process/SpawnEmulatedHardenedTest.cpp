@@ -8,10 +8,14 @@
 
 #include <spawn.h>
 
-namespace
+namespace Halden::Tavro::Utils
 {
 
-using namespace Halden::Tavro::TestSupport;
+using namespace TestSupport;
+using testing::Optional;
+
+namespace
+{
 
 CallDouble<int(pid_t*, char const*, posix_spawn_file_actions_t const*, posix_spawnattr_t const*, char* const*,
                char* const*)>
@@ -25,13 +29,8 @@ extern "C" int posix_spawn(pid_t* child, char const* path, posix_spawn_file_acti
     return spawnDouble(child, path, actions, attributes, arguments, environment);
 }
 
-namespace Halden::Tavro::Utils
-{
-
 namespace
 {
-
-using testing::Optional;
 
 TEST(SpawnEmulatedHardenedTest, ProgramsAreForkedOnceASpawnHasNotToldItsFailure)
 {
