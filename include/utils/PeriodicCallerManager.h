@@ -91,9 +91,8 @@ private:
 /// Limits:
 /// - Two functions of a pool that destroy each other's tokens wait for each other for ever.
 /// - A function that is removed during a pass is kept, with all that it holds, until the scheduler wakes next.
-/// - Where the last reference to a manager is dropped inside one of its functions (hardened build), its scheduler
-/// thread
-///   ends by itself after the pass: nobody waits for it.
+/// - Where one of its functions drops the last reference to a manager (hardened build), the scheduler thread ends by
+///   itself after the pass: nobody waits for it.
 ///
 /// Hazards of the exact build:
 /// - After a batch the scheduler thread scans the list of functions without a lock. An add or a token's destruction at

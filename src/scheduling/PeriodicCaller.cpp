@@ -19,7 +19,7 @@ constexpr std::chrono::microseconds longestPause = std::chrono::seconds(1 << 30)
 }
 
 PeriodicCaller::PeriodicCaller(std::chrono::microseconds period, std::string name,
-                               Callback const& callback) // NOLINT(modernize-pass-by-value): given
+                               Callback const& callback) // NOLINT(modernize-pass-by-value): declared so
     : Log::Logger("Halden::Tavro::Utils::PeriodicCaller '" + name + "'", "", std::make_shared<Log::LoggerImpl>())
     , callback(callback)
     , name(std::move(name))

@@ -28,6 +28,7 @@ using PcmExecutorSequentialTest = ExecutorTest;
 
 constexpr auto loggerName = "Halden::Tavro::Utils::PcmExecutorSequential";
 
+// kept: "sequentialy"; what reads the log looks for it
 TEST_F(PcmExecutorSequentialTest, EmptyBatchLogsBothLinesWithTheCountZero)
 {
     LogCapture const log;

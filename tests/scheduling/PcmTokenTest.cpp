@@ -7,11 +7,13 @@
 #include <type_traits>
 #include <vector>
 
-using namespace Halden::Tavro::Utils;
-using namespace testing;
+namespace Halden::Tavro::Utils
+{
 
 namespace
 {
+
+using namespace testing;
 
 static_assert(!std::is_copy_constructible_v<PcmToken> && !std::is_copy_assignable_v<PcmToken>);
 static_assert(std::has_virtual_destructor_v<PeriodicCallerManagerTokenIfc>);
@@ -21,7 +23,7 @@ static_assert(!std::has_virtual_destructor_v<PcmTokenToManagerIfc>);
 using Trail = std::vector<std::string>;
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // as the interface: only shared pointers own items
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // kept: as the interface; only shared pointers own items
 class ItemDouble final : public PcmItemIfc
 {
 public:
@@ -119,6 +121,8 @@ TEST(PcmTokenTest, HoldsOneReferenceToItemAndManagerUntilItsEnd)
     EXPECT_EQ(managerOwners, 2);
     EXPECT_EQ(item.use_count(), 1);
     EXPECT_EQ(manager.use_count(), 1);
+}
+
 }
 
 }

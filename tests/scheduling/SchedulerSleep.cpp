@@ -1,6 +1,7 @@
 #include "scheduling/SchedulerSleep.h"
 
 #include "support/CallDouble.h"
+#include "support/ToDuration.h"
 #include "support/WaitFor.h"
 
 #include <pthread.h>
@@ -12,6 +13,7 @@
 #include <utility>
 
 using Halden::Tavro::TestSupport::systemFunction;
+using Halden::Tavro::TestSupport::toDuration;
 
 namespace
 {
@@ -33,8 +35,7 @@ std::atomic<std::size_t> broadcasts{0};
 /// From the time that the program's steady clock reads, which may be a double.
 std::chrono::nanoseconds timeLeft(timespec const& until)
 {
-    auto const time = std::chrono::seconds(until.tv_sec) + std::chrono::nanoseconds(until.tv_nsec);
-    return time - std::chrono::steady_clock::now().time_since_epoch();
+    return toDuration(until) - std::chrono::steady_clock::now().time_since_epoch();
 }
 
 /// The same time on the system's clock.
@@ -42,7 +43,7 @@ timespec onSystemsClock(timespec const& until)
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    auto const time = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec) + timeLeft(until);
+    auto const time = toDuration(now) + timeLeft(until);
     auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
     return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
 }

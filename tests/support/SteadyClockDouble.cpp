@@ -1,5 +1,7 @@
 #include "support/SteadyClockDouble.h"
 
+#include "support/ToDuration.h"
+
 #include <ctime>
 
 #include <mutex>
@@ -30,7 +32,7 @@ std::chrono::nanoseconds realNow()
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    return toDuration(now);
 }
 
 std::chrono::nanoseconds read()

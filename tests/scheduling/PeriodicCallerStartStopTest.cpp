@@ -1,0 +1,246 @@
+#include "scheduling/CallerTest.h"
+#include "support/Resources.h"
+
+#include <utils/PeriodicCaller.h>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cerrno>
+#include <future>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using namespace testing;
+using namespace TestSupport;
+
+using PeriodicCallerStartStopTest = CallerTest;
+
+TEST_F(PeriodicCallerStartStopTest, SecondStartThrowsAndLeavesTheWorkerAlone)
+{
+    std::atomic<int> calls{0};
+    PeriodicCaller sut(1us, "led", [&](auto const&) { ++calls; });
+    sut.start();
+    log.clear();
+
+    EXPECT_THAT([&] { sut.start(); }, throwsAlreadyStarted("led"));
+
+    int const callsBefore = calls;
+    EXPECT_TRUE(waitFor([&] { return calls > callsBefore; }));
+    EXPECT_EQ(pthreadCreate.count(), 1U);
+    EXPECT_EQ(log.count(debugLine("+start()")), 1U);
+    EXPECT_EQ(log.count(debugLine("-start()")), 0U);
+}
+
+TEST_F(PeriodicCallerStartStopTest, StartsAgainAfterAStop)
+{
+    std::atomic<int> calls{0};
+    PeriodicCaller sut(0us, "led", [&](auto const&) { ++calls; });
+    startAndStop(sut);
+    int const callsBefore = calls;
+
+    sut.start();
+
+    EXPECT_TRUE(waitFor([&] { return calls > callsBefore; }));
+}
+
+TEST_F(PeriodicCallerStartStopTest, StopEndsTheWaitWithoutACall)
+{
+    std::atomic<int> calls{0};
+    PeriodicCaller sut(1h, "led", [&](auto const&) { ++calls; });
+    sut.start();
+    ASSERT_TRUE(waits.waitForCount(1));
+
+    sut.stop();
+
+    EXPECT_EQ(calls, 0);
+}
+
+TEST_F(PeriodicCallerStartStopTest, StopBetweenTheWorkersLastLookAndItsWaitIsNotLost)
+{
+    std::atomic<bool> looked{false};
+    condClockwait.replace(
+        [&](auto* condition, auto* mutex, auto clock, auto* deadline)
+        {
+            looked = true; // the mutex is held, the wait has not begun
+            EXPECT_TRUE(log.waitFor(stopping));
+            std::this_thread::sleep_for(100ms); // in which stop() does not get past the mutex
+            return condClockwait.passOn(condition, mutex, clock, deadline);
+        });
+    PeriodicCaller sut(1h, "led", doNothing);
+    sut.start();
+    ASSERT_TRUE(waitFor([&] { return looked.load(); }));
+
+    auto const stopped = std::async(std::launch::async, [&sut] { sut.stop(); });
+
+    EXPECT_TRUE(becomesReady(stopped));
+}
+
+TEST_F(PeriodicCallerStartStopTest, StopReturnsOnlyAfterTheCallInProgress)
+{
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::atomic<bool> finished{false};
+    skippedWaits = 1;
+    PeriodicCaller sut(1h, "led",
+                       [&, mayEnd = release.get_future().share()](auto const&)
+                       {
+                           entered.set_value();
+                           mayEnd.wait_for(20s);
+                           finished = true;
+                       });
+    sut.start();
+    ASSERT_TRUE(becomesReady(entered.get_future()));
+
+    auto stopped = std::async(std::launch::async,
+                              [&]
+                              {
+                                  sut.stop();
+                                  return finished.load();
+                              });
+    EXPECT_TRUE(log.waitFor(stopping));
+    EXPECT_FALSE(becomesReady(stopped, 50ms));
+    release.set_value();
+
+    EXPECT_TRUE(stopped.get());
+}
+
+TEST_F(PeriodicCallerStartStopTest, StartDuringACallWaitsForItsEndAndThrows)
+{
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::atomic<bool> finished{false};
+    skippedWaits = 1;
+    PeriodicCaller sut(1h, "led",
+                       [&, mayEnd = release.get_future().share()](auto const&)
+                       {
+                           entered.set_value();
+                           mayEnd.wait_for(20s);
+                           finished = true;
+                       });
+    sut.start();
+    ASSERT_TRUE(becomesReady(entered.get_future()));
+    log.clear();
+
+    auto secondStart = std::async(std::launch::async,
+                                  [&]
+                                  {
+                                      EXPECT_THAT([&] { sut.start(); }, throwsAlreadyStarted("led"));
+                                      return finished.load();
+                                  });
+    EXPECT_TRUE(log.waitFor(debugLine("+start()")));
+    EXPECT_FALSE(becomesReady(secondStart, 50ms));
+    release.set_value();
+
+    EXPECT_TRUE(secondStart.get());
+}
+
+TEST_F(PeriodicCallerStartStopTest, StartLogsItsEndBeforeItReleasesTheMutex)
+{
+    PeriodicCaller sut(1h, "led", doNothing);
+    startAndStop(sut);
+    // The worker comes only after the line, so nobody but start() can hold the mutex.
+    struct LateThread
+    {
+        void* (*routine)(void*);
+        void* argument;
+        std::shared_future<void> mayRun;
+    };
+    std::promise<void> logged;
+    LateThread late{nullptr, nullptr, logged.get_future().share()};
+    pthreadCreate.replace(
+        [&](auto* thread, auto* attributes, auto* routine, auto* argument)
+        {
+            late.routine = routine;
+            late.argument = argument;
+            auto const runLate = [](void* given) -> void*
+            {
+                auto const& lateThread = *static_cast<LateThread*>(given);
+                lateThread.mayRun.wait_for(20s);
+                return lateThread.routine(lateThread.argument);
+            };
+            return pthreadCreate.passOn(thread, attributes, runLate, &late);
+        });
+    std::optional<bool> freeAtTheLine;
+    log.onLine(
+        [&](LogLine const& line)
+        {
+            if (line.text == "-start()")
+            {
+                freeAtTheLine = objectsMutexIsFree();
+                logged.set_value();
+            }
+        });
+
+    sut.start();
+
+    sut.stop();
+    EXPECT_EQ(freeAtTheLine, std::optional(false));
+    log.onLine(nullptr);
+}
+
+TEST_F(PeriodicCallerStartStopTest, ACallerWhoseThreadCannotBeCreatedCanBeStartedLater)
+{
+    std::atomic<int> calls{0};
+    PeriodicCaller sut(0us, "led", [&](auto const&) { ++calls; });
+    log.clear();
+    pthreadCreate.failCall(1, EAGAIN, 0);
+
+    EXPECT_THROW(sut.start(), std::system_error);
+    EXPECT_THAT(log.lines(), ElementsAre(debugLine("+start()")));
+    sut.start();
+
+    EXPECT_TRUE(waitFor([&] { return calls > 0; }));
+}
+
+TEST_F(PeriodicCallerStartStopTest, ACallerWhoseThreadCouldNotBeCreatedStopsAsOneNeverStarted)
+{
+    PeriodicCaller sut(1h, "led", doNothing);
+    pthreadCreate.failCall(1, EAGAIN, 0);
+    EXPECT_THROW(sut.start(), std::system_error);
+    log.clear();
+
+    sut.stop();
+
+    EXPECT_THAT(log.lines(), ElementsAre(debugLine("+stop()"), debugLine("-stop()")));
+}
+
+TEST_F(PeriodicCallerStartStopTest, AHundredStartsAndStopsLeaveNothingBehind)
+{
+    LogCapture const quiet(Log::Severity::Warning); // captured lines would count as heap blocks
+    condClockwait.reset();
+    auto const startAndStopOne = []
+    {
+        PeriodicCaller sut(1h, "led", doNothing);
+        sut.start();
+        EXPECT_TRUE(waitFor([] { return condClockwait.count() > 0; }));
+        sut.stop();
+    };
+    startAndStopOne(); // the doubles keep a block for their records from now on
+    auto const descriptors = openDescriptors();
+    auto const threads = runningThreads();
+    auto const blocks = heapBlocks();
+
+    for (int i = 0; i < 100; ++i)
+    {
+        startAndStopOne();
+    }
+
+    EXPECT_EQ(heapBlocks(), blocks);
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_TRUE(waitFor([&] { return runningThreads() <= threads; })); // a joined thread is listed a moment longer
+    EXPECT_EQ(pthreadCreate.count(), 101U);
+    EXPECT_GT(heapAllocations(), 100U); // they are counted at all
+}
+
+}
+
+}
