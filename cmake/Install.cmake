@@ -14,9 +14,21 @@ set(HALDEN_PC_HARDENED false)
 if(HALDEN_HARDENED)
     set(HALDEN_PC_HARDENED true)
 endif()
+# HDF5's modules and libraries have other names on each distribution, so a static library's users get what was found here.
+get_target_property(libraries HDF5::HDF5 INTERFACE_LINK_LIBRARIES)
+set(halden_hdf5_flags)
+foreach(library IN LISTS libraries)
+    if(TARGET ${library})
+        get_target_property(library ${library} LOCATION)
+    endif()
+    if(library MATCHES "^${CMAKE_SYSROOT}(/.*)/lib(hdf5[^/]*)\\.(so|a)")
+        list(APPEND halden_hdf5_flags -L${CMAKE_MATCH_1} -l${CMAKE_MATCH_2})
+    endif()
+endforeach()
+list(REMOVE_DUPLICATES halden_hdf5_flags)
 halden_install_pc(haldencpputils cmake/haldencpputils.pc.in
-    STATIC_REQUIRES hdf5-serial libxml-2.0
-    STATIC_LIBS hdf5_cpp)
+    STATIC_REQUIRES libxml-2.0
+    STATIC_LIBS ${halden_hdf5_flags})
 
 # The hardened libraries of a tree of both builds, in the place of the exact ones: only for who asks for the component.
 if(TARGET haldencpputils_hardened)

@@ -88,7 +88,7 @@ function(halden_install_config package config_in)
 endfunction()
 
 # halden_install_pc(package pc_in): a pkg-config module. STATIC_REQUIRES are the modules that users of a static library must
-# link too, STATIC_LIBS the libraries that have no module; a shared library has them in its own list.
+# link too, STATIC_LIBS the flags for libraries that have no module; a shared library has them in its own list.
 function(halden_install_pc package pc_in)
     cmake_parse_arguments(PARSE_ARGV 2 ARG "" "" "STATIC_REQUIRES;STATIC_LIBS")
     # Relative to the module's own place, so that the package works wherever it is put.
@@ -98,7 +98,6 @@ function(halden_install_pc package pc_in)
     set(HALDEN_PC_STATIC_LIBS "")
     if(NOT BUILD_SHARED_LIBS)
         list(JOIN ARG_STATIC_REQUIRES " " HALDEN_PC_STATIC_REQUIRES)
-        list(TRANSFORM ARG_STATIC_LIBS PREPEND "-l")
         list(JOIN ARG_STATIC_LIBS " " HALDEN_PC_STATIC_LIBS)
     endif()
     configure_file(${pc_in} ${package}.pc @ONLY)
