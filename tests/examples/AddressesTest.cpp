@@ -106,6 +106,16 @@ TEST_F(AddressesTest, ShowsTheAddressesWhoseEventsWereLostAfterAll)
         });
 }
 
+TEST_F(AddressesTest, StandardOutputThatCannotBeWrittenIsAnErrorAndEndsTheWatch)
+{
+    inNetworkNamespace(
+        []
+        {
+            expectComplaintAboutFullOutput(ADDRESSES, {});
+            expectComplaintAboutFullOutput(ADDRESSES, {"--watch"});
+        });
+}
+
 TEST(AddressesUseTest, HelpSaysWhatItPrints)
 {
     auto const result = runExample(ADDRESSES, {"--help"});
@@ -121,8 +131,7 @@ TEST(AddressesUseTest, BadOptionIsAnsweredWithOneSentence)
 
 TEST(AddressesUseTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
-    expectComplaintAboutFullOutput(ADDRESSES, {});
-    expectComplaintAboutFullOutput(ADDRESSES, {"--watch"}); // which ends then
+    expectComplaintAboutFullOutput(ADDRESSES, {"--help"});
 }
 
 }
