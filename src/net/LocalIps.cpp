@@ -355,6 +355,7 @@ void LocalIps::openNetlinkRouteSocket()
     }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): so the interface has it
 IpAddress LocalIps::nlToIpAddress(nlmsghdr const* message)
 {
     auto const& logger = Receiver::loggerOf(*this);

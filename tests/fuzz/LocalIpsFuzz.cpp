@@ -5,6 +5,7 @@
 
 #include <ifaddrs.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -44,7 +45,8 @@ void require(bool condition)
     }
 }
 
-/// Takes away what is handled once it has failed a few times: nothing else ends the retry.
+/// Takes away what is handled once it has failed a few times, for nothing else ends the retry of the exact build. The
+/// hardened one goes on by itself, and is left to.
 class RetryLimit : public Log::LoggerImplIfc
 {
 public:
@@ -55,9 +57,12 @@ public:
         failures = 0;
     }
 
+    int failuresSeen() const { return failures; }
+    void lift() { limited = false; }
+
     void write(Log::Record const& record) override
     {
-        if (record.text.rfind("processAllNetlinkMessages: ignoring exception ", 0) == 0 && ++failures == 3)
+        if (record.text.rfind("processAllNetlinkMessages: ignoring exception ", 0) == 0 && ++failures == 3 && limited)
         {
             std::memset(begin, 0, size);
         }
@@ -67,6 +72,7 @@ private:
     char* begin{nullptr};
     std::size_t size{0};
     int failures{0};
+    bool limited{true};
 };
 
 class Monitor : private virtual Log::Logger, public Utils::LocalIps
@@ -113,6 +119,21 @@ private:
 
 }
 
+namespace
+{
+
+/// Whether this build handles a message again that cannot be handled.
+bool handlesAgain(Monitor& monitor, RetryLimit& limit)
+{
+    nlmsghdr bare{sizeof(nlmsghdr), RTM_NEWADDR, 0, 0, 0};
+    auto* const input = reinterpret_cast<char*>(&bare);
+    limit.watch(input, sizeof(bare));
+    monitor.handle(input, sizeof(bare));
+    return limit.failuresSeen() > 1;
+}
+
+}
+
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
 {
     static auto const limit = []
@@ -123,6 +144,11 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         return sink;
     }();
     static Monitor monitor;
+    static bool const exact = handlesAgain(monitor, *limit);
+    if (!exact)
+    {
+        limit->lift();
+    }
     if (size == 0)
     {
         return 0;
