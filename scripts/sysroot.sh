@@ -5,7 +5,7 @@ readonly armhf_sysroot=build/sysroot-armhf
 # What the sysroot holds besides the compiler's C++ library, with all that it depends on; the build machine's own packages
 # of these names are not touched.
 readonly armhf_packages=(libc6-dev libboost-dev libspdlog-dev libcli11-dev libgtest-dev libgmock-dev libxml2-dev libhdf5-dev
-    prometheus-cpp-dev)
+    libsystemd-dev prometheus-cpp-dev)
 
 # armhf_apt COMMAND...: apt-get with the machine's sources, for armhf, on a package state of its own.
 armhf_apt() {
@@ -76,6 +76,8 @@ unpack_armhf_packages() {
     fi
     mv "$armhf_sysroot"/all/usr/{lib,include} "$armhf_sysroot/root/usr/"
     mv "$armhf_sysroot"/all/usr/share/{cmake,pkgconfig} "$armhf_sysroot/root/usr/share/" 2>/dev/null || true
+    # A program that prometheus-cpp's CMake package insists on; nothing runs it.
+    install -D "$armhf_sysroot/all/usr/bin/civetweb" "$armhf_sysroot/root/usr/bin/civetweb"
     rm -r "$armhf_sysroot/all"
 
     # Absolute links would lead out of the sysroot.

@@ -31,7 +31,10 @@ void declareOptions(CLI::App& app, Options& options)
     app.add_option("--description", options.description, "Takes its name from this UPnP device description");
     app.add_option("--timeline", options.timeline, "Draws all executions into this SVG file");
     app.add_option("--record", options.record, "Records all executions into this HDF5 file");
-    app.add_option("--log", options.log, "The least severe messages that go to standard error")
+    app.add_option("--metrics", options.metrics, "Keeps the figures of all functions in this file, for node_exporter");
+    app.add_option("--log", options.log, "Where the log goes: stderr, syslog, journal, or a file's path")
+        ->capture_default_str();
+    app.add_option("--severity", options.severity, "The least severe messages that are logged")
         ->check(CLI::IsMember(&severities))
         ->capture_default_str();
 }
@@ -43,7 +46,7 @@ Strategy strategyOf(Options const& options)
 
 Severity severityOf(Options const& options)
 {
-    return severities.at(options.log);
+    return severities.at(options.severity);
 }
 
 }

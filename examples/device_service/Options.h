@@ -18,7 +18,9 @@ struct Options
     std::string description{DEVICE_DESCRIPTION_XML}; ///< the UPnP device description with the service's name
     std::optional<std::string> timeline;             ///< the file to write
     std::optional<std::string> record;               ///< the HDF5 file to write
-    std::string log{"error"};
+    std::optional<std::string> metrics;              ///< the file to write
+    std::string log{"stderr"};                       ///< where the log goes
+    std::string severity{"error"};
 };
 
 /// Tells the application of the options, which have their values once it has parsed its command line.

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <iomanip>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace DeviceService
 {
@@ -11,43 +13,63 @@ namespace DeviceService
 namespace
 {
 
-/// In milliseconds, least first.
-template <typename Measure>
-std::vector<double> sorted(std::vector<Run> const& runs, Measure measure)
-{
-    std::vector<double> values;
-    values.reserve(runs.size());
-    for (Run const& run : runs)
-    {
-        values.push_back(std::chrono::duration<double, std::milli>((run.*measure)()).count());
-    }
-    std::sort(values.begin(), values.end());
-    return values;
-}
+using Histogram = prometheus::ClientMetric::Histogram;
 
-/// The value that this part of all values does not exceed, or a dash where there are none.
-std::string percentile(std::vector<double> const& values, double part)
+/// All figures at one time.
+class Figures
 {
-    if (values.empty())
+public:
+    explicit Figures(prometheus::Registry const& registry)
+        : families(registry.Collect())
+    {
+    }
+
+    /// Zero where there are none.
+    prometheus::ClientMetric of(std::string const& function, std::string const& metric) const
+    {
+        for (auto const& family : families)
+        {
+            for (auto const& figures : family.metric)
+            {
+                if (family.name == metricsPrefix + metric && figures.label.front().value == function)
+                {
+                    return figures;
+                }
+            }
+        }
+        return {};
+    }
+
+private:
+    std::vector<prometheus::MetricFamily> const families;
+};
+
+/// The bound, in milliseconds, that this part of all values does not exceed, or a dash where there are none.
+std::string bound(Histogram const& histogram, double part)
+{
+    if (histogram.sample_count == 0)
     {
         return "-";
     }
-    auto const rank = static_cast<std::size_t>(std::ceil(part * static_cast<double>(values.size())));
+    auto const rank = std::ceil(part * static_cast<double>(histogram.sample_count));
+    auto const found =
+        std::find_if(histogram.bucket.begin(), histogram.bucket.end(),
+                     [rank](auto const& bucket) { return static_cast<double>(bucket.cumulative_count) >= rank; });
     std::ostringstream text;
-    text << std::fixed << std::setprecision(2) << values[std::max<std::size_t>(rank, 1) - 1];
+    text << std::fixed << std::setprecision(2) << found->upper_bound * 1000;
     return text.str();
 }
 
-void writeRow(std::ostream& stream, JobRecord const& record)
+void writeRow(std::ostream& stream, JobRecord const& record, Figures const& figures)
 {
-    auto const runs = record.runs();
-    auto const failed = std::count_if(runs.begin(), runs.end(), [](Run const& run) { return run.failed; });
-    auto const lateness = sorted(runs, &Run::lateness);
-    auto const runTime = sorted(runs, &Run::runTime);
-    stream << std::left << std::setw(14) << record.name() << std::right << std::setw(7) << record.period().count()
-           << std::setw(7) << runs.size() << std::setw(8) << failed << std::setw(12) << percentile(lateness, 0.5)
-           << std::setw(10) << percentile(lateness, 0.99) << std::setw(10) << percentile(lateness, 1) << std::setw(12)
-           << percentile(runTime, 0.5) << std::setw(10) << percentile(runTime, 1) << '\n';
+    auto const& name = record.name();
+    auto const lateness = figures.of(name, "_lateness_seconds").histogram;
+    auto const runTime = figures.of(name, "_run_time_seconds").histogram;
+    stream << std::left << std::setw(14) << name << std::right << std::setw(7) << record.period().count()
+           << std::setw(7) << figures.of(name, "_runs_total").counter.value << std::setw(8)
+           << figures.of(name, "_failures_total").counter.value << std::setw(12) << bound(lateness, 0.5)
+           << std::setw(10) << bound(lateness, 0.99) << std::setw(10) << bound(lateness, 1) << std::setw(12)
+           << bound(runTime, 0.5) << std::setw(10) << bound(runTime, 1) << '\n';
 }
 
 }
@@ -62,14 +84,15 @@ void writeStatus(std::ostream& stream, std::list<JobRecord> const& records)
     }
 }
 
-void writeTable(std::ostream& stream, std::list<JobRecord> const& records)
+void writeTable(std::ostream& stream, std::list<JobRecord> const& records, prometheus::Registry const& figures)
 {
     stream << "\n"
-              "                                    ------- late by, ms -------  --- run time, ms ---\n"
-              "function       period   runs  failed      median      99 %     worst      median     worst\n";
+              "                                    ---- late by at most, ms ---  -- run time to, ms -\n"
+              "function       period   runs  failed        half      99 %       all        half       all\n";
+    Figures const present(figures);
     for (JobRecord const& record : records)
     {
-        writeRow(stream, record);
+        writeRow(stream, record, present);
     }
 }
 

@@ -8,6 +8,8 @@
 #include "../support/Xml.h"
 #include "Addresses.h"
 #include "JobRecord.h"
+#include "LogSink.h"
+#include "MetricsFile.h"
 #include "Options.h"
 #include "Recording.h"
 #include "Report.h"
@@ -15,6 +17,7 @@
 
 #include <utils/FirmwareVersionTavro.h>
 #include <utils/XmlHelper.h>
+#include <utils/metrics/MeasuredManager.h>
 
 #include <unistd.h>
 
@@ -37,6 +40,7 @@ using namespace std::chrono_literals;
 using Halden::Tavro::Utils::PeriodicCallerManager;
 using Halden::Tavro::Utils::PeriodicCallerManagerTokenIfc;
 using Halden::Tavro::Utils::SystemTimeHandler;
+using Halden::Tavro::Utils::Metrics::MeasuredManager;
 
 /// The jobs at work, from construction to stop().
 class Service
@@ -44,13 +48,15 @@ class Service
 public:
     Service(PeriodicCallerManager::ExecutionStrategy strategy, std::string const& name)
         : manager(std::make_shared<PeriodicCallerManager>(strategy, name))
-        , systemTime(std::in_place, manager)
+        , measured(std::in_place, manager, figures_, metricsPrefix)
+        , systemTime(std::in_place, measured->named("clock-poll"))
     {
         systemTime->initialize();
         for (Job& job : makeJobs(*systemTime, addresses))
         {
             JobRecord& record = records.emplace_back(std::move(job), Clock::now());
-            tokens.push_back(manager->add([&record] { record.run(); }, record.period()));
+            tokens.push_back(measured->add(
+                record.name(), [&record] { record.run(); }, record.period()));
         }
     }
 
@@ -59,15 +65,19 @@ public:
     {
         tokens.clear();
         systemTime.reset();
+        measured.reset();
         manager.reset();
     }
 
     std::list<JobRecord> const& jobs() const { return records; }
+    prometheus::Registry const& figures() const { return *figures_; }
 
 private:
     Addresses addresses;
     std::list<JobRecord> records; // a list, for the jobs refer to its elements
+    std::shared_ptr<prometheus::Registry> const figures_ = std::make_shared<prometheus::Registry>();
     std::shared_ptr<PeriodicCallerManager> manager;
+    std::optional<MeasuredManager> measured;
     std::optional<SystemTimeHandler> systemTime;
     std::vector<std::unique_ptr<PeriodicCallerManagerTokenIfc>> tokens;
 };
@@ -79,8 +89,17 @@ void show(Halden::Tavro::Utils::FirmwareVersionIfc const& firmware)
               << orUnknown(firmware.compatibleId()) << std::endl;
 }
 
-/// Shows the state once a second, on a terminal always in the same line.
-void showUntil(Clock::time_point deadline, StopSignals const& signals, Service const& service)
+void keepFigures(Options const& options, Service const& service)
+{
+    if (options.metrics)
+    {
+        writeMetricsFile(*options.metrics, service.figures());
+    }
+}
+
+/// Shows the state once a second, on a terminal always in the same line, and keeps the figures: on this thread, which
+/// no function can hold up.
+void showUntil(Clock::time_point deadline, StopSignals const& signals, Service const& service, Options const& options)
 {
     bool const onTerminal = isatty(STDOUT_FILENO) == 1;
     for (auto next = Clock::now() + 1s; std::cout && !signals.waitUntil(std::min(next, deadline)) && next < deadline;
@@ -88,6 +107,7 @@ void showUntil(Clock::time_point deadline, StopSignals const& signals, Service c
     {
         std::cout << (onTerminal ? "\r\033[K\033[?7l" : ""); // cut off where the terminal ends
         writeStatus(std::cout, service.jobs());
+        keepFigures(options, service);
         std::cout << (onTerminal ? "\033[?7h" : "\n") << std::flush;
     }
     std::cout << (onTerminal ? "\n" : "");
@@ -125,6 +145,10 @@ void prepareFiles(Options const& options)
     {
         requireWritable(*options.timeline);
     }
+    if (options.metrics)
+    {
+        writeMetricsFile(*options.metrics, prometheus::Registry());
+    }
     if (options.record)
     {
         requireWritable(*options.record);
@@ -134,7 +158,9 @@ void prepareFiles(Options const& options)
 
 int run(Options const& options)
 {
-    Halden::Tavro::Log::LoggerProxy::instance().setThreshold(severityOf(options));
+    auto& log = Halden::Tavro::Log::LoggerProxy::instance();
+    log.setThreshold(severityOf(options));
+    log.setSink(makeLogSink(options.log));
     auto const name = nameFrom(options.description);
     prepareFiles(options);
     std::cout << name << '\n' << std::flush;
@@ -144,11 +170,12 @@ int run(Options const& options)
     show(firmware);
     auto const begin = Clock::now();
     Service service(strategyOf(options), name);
-    showUntil(begin + std::chrono::seconds(options.seconds), signals, service);
+    showUntil(begin + std::chrono::seconds(options.seconds), signals, service, options);
     service.stop();
     auto const end = Clock::now(); // after the last run
 
-    writeTable(std::cout, service.jobs());
+    writeTable(std::cout, service.jobs(), service.figures());
+    keepFigures(options, service);
     if (options.timeline)
     {
         drawTimeline(options, service, begin, end);

@@ -1,6 +1,7 @@
 #include "support/NetworkNamespace.h"
 #include "support/RunExample.h"
 #include "support/RunningProgram.h"
+#include "support/WaitFor.h"
 
 #include <utils/TempDir.h>
 
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -172,6 +174,58 @@ TEST_F(DeviceServiceTest, RecordsEachExecution)
     EXPECT_EQ(rowsIn(recording), runsIn(result.output)) << result.output;
 }
 
+TEST_F(DeviceServiceTest, KeepsTheFiguresOfItsTableInAFile)
+{
+    auto const file = pathOf("figures.prom");
+
+    auto const result = runService({"--seconds", "1", "--metrics", file});
+
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    auto const figures = contentOf(file);
+    for (auto const& [name, count] : runsIn(result.output))
+    {
+        EXPECT_THAT(figures, HasSubstr("\ndevice_service_function_runs_total{function=\"" + name + "\"} " +
+                                       std::to_string(count) + "\n"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+}
+
+TEST_F(DeviceServiceTest, KeepsTheFiguresWhileItRuns)
+{
+    auto const file = pathOf("figures.prom");
+    RunningProgram sut(DEVICE_SERVICE, {"--seconds", "600", "--metrics", file});
+
+    EXPECT_TRUE(waitFor(
+        [&]
+        { return contentOf(file).find("_running_since_timestamp_seconds{function=\"upload\"}") != std::string::npos; },
+        std::chrono::seconds(20)));
+
+    sut.send(SIGTERM);
+    EXPECT_EQ(sut.status(), 0);
+}
+
+TEST_F(DeviceServiceTest, LogsIntoAFileInsteadOfStandardError)
+{
+    auto const file = pathOf("service.log");
+
+    auto const result = runService({"--seconds", "1", "--severity", "info", "--log", file});
+
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    EXPECT_THAT(contentOf(file), HasSubstr("+schedulerThread: starting"));
+    EXPECT_THAT(result.output, Not(HasSubstr("schedulerThread")));
+}
+
+TEST_F(DeviceServiceTest, LogsToTheSystemsLogsInsteadOfStandardError)
+{
+    for (char const* const log : {"syslog", "journal"})
+    {
+        auto const result = runService({"--seconds", "1", "--severity", "info", "--log", log});
+
+        EXPECT_EQ(result.exitCode, 0) << result.output;
+        EXPECT_THAT(result.output, Not(HasSubstr("+schedulerThread: starting"))) << log;
+    }
+}
+
 TEST_F(DeviceServiceTest, ShowsTheFirmwareOrThatItIsUnknown)
 {
     auto const withPath = [](char const* path)
@@ -265,7 +319,7 @@ TEST_F(DeviceServiceTest, BadOptionsAreAnsweredWithOneSentence)
     expectRefusal(DEVICE_SERVICE, {{{"--strategy", "both"}, "both"},
                                    {{"--seconds", "0"}, "--seconds"},
                                    {{"--seconds", "soon"}, "--seconds"},
-                                   {{"--log", "loud"}, "loud"},
+                                   {{"--severity", "loud"}, "loud"},
                                    {{"--no-such-option"}, "--no-such-option"}});
 }
 
@@ -274,6 +328,8 @@ TEST_F(DeviceServiceTest, FilesThatCannotBeWrittenAreNamedWithTheReason)
     for (auto const& [option, file, reason] :
          {std::array{"--timeline", "/nowhere/timeline.svg", "No such file or directory"},
           {"--record", "/nowhere/runs.h5", "No such file or directory"},
+          {"--metrics", "/nowhere/figures.prom", "No such file or directory"},
+          {"--log", "/nowhere/service.log", "No such file or directory"},
           {"--record", "/", "Is a directory"}})
     {
         auto const result = runService({option, file});
@@ -295,7 +351,7 @@ TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
 
     auto const shipped = runService({"--seconds", "1"});
     auto const given =
-        runService({"--seconds", "1", "--log", "info", "--strategy", "sequential", "--description", description});
+        runService({"--seconds", "1", "--severity", "info", "--strategy", "sequential", "--description", description});
 
     EXPECT_THAT(shipped.output, StartsWith("Pressure sensor, hall 3\n"));
     EXPECT_EQ(given.exitCode, 0) << given.output;
@@ -325,7 +381,8 @@ TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
     auto const result = runService({"--help"});
 
     EXPECT_EQ(result.exitCode, 0);
-    for (char const* const option : {"--strategy", "--seconds", "--description", "--timeline", "--record", "--log"})
+    for (char const* const option :
+         {"--strategy", "--seconds", "--description", "--timeline", "--record", "--metrics", "--log", "--severity"})
     {
         EXPECT_THAT(result.output, HasSubstr(option));
     }
