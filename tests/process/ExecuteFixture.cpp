@@ -15,6 +15,7 @@ CallDouble<int(int, int)> dup2Double{"dup2"};
 CallDouble<int(int)> closeDouble{"close"};
 CallDouble<int(std::FILE*)> fcloseDouble{"fclose"};
 CallDouble<std::FILE*(int, char const*)> fdopenDouble{"fdopen"};
+CallDouble<ssize_t(int, void*, std::size_t)> readDouble{"read"};
 CallDouble<int(int, int, long)> fcntlDouble{"fcntl"};
 CallDouble<int(pid_t, unsigned)> pidfdOpenDouble{"pidfd_open"};
 CallDouble<pid_t()> forkDouble{"fork"};
@@ -61,6 +62,11 @@ extern "C"
     std::FILE* fdopen(int descriptor, char const* mode) noexcept
     {
         return call(fdopenDouble, descriptor, mode);
+    }
+
+    ssize_t read(int descriptor, void* buffer, std::size_t size)
+    {
+        return call(readDouble, descriptor, buffer, size);
     }
 
     int fcntlOfTest(int descriptor, int command, ...)

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
 #include <map>
@@ -23,6 +24,7 @@ extern CallDouble<int(int, int)> dup2Double;
 extern CallDouble<int(int)> closeDouble;
 extern CallDouble<int(std::FILE*)> fcloseDouble;
 extern CallDouble<std::FILE*(int, char const*)> fdopenDouble;
+extern CallDouble<ssize_t(int, void*, std::size_t)> readDouble;
 extern CallDouble<int(int, int, long)> fcntlDouble;
 extern CallDouble<int(pid_t, unsigned)> pidfdOpenDouble;
 extern CallDouble<pid_t()> forkDouble;
@@ -67,6 +69,7 @@ protected:
         closeDouble.reset();
         fcloseDouble.reset();
         fdopenDouble.reset();
+        readDouble.reset();
         fcntlDouble.reset();
         pidfdOpenDouble.reset();
         forkDouble.reset();
