@@ -19,7 +19,7 @@ namespace Halden::Tavro::Utils
 /// @throws std::out_of_range     "stoull" when the value does not fit
 HALDEN_CPPUTILS_EXPORT std::uint64_t to_uint64(std::string const& text);
 
-/// As to_uint64(), but a minus sign is accepted before a zero and refused before any other number, behind blanks too.
+/// As to_uint64(), but a minus sign may stand before a zero and before no other number, behind blanks too.
 ///
 /// @throws std::invalid_argument "Cannot convert empty string to uint8", "Cannot convert negative values to uint8", or
 ///                               "stoi" when there is no number

@@ -17,7 +17,7 @@ namespace
 using namespace TestSupport;
 using namespace std::chrono_literals;
 
-// kept: a wait ends when the barrier is open, and only then
+// kept: a wait ends when it finds the barrier open; the hardened build sees the opening all the same
 TEST(CodeMonitorWaitExactTest, ClosingBeforeTheOpeningIsNoticedHoldsTheThreadWithoutTrappingIt)
 {
     CodeMonitor sut("sut");

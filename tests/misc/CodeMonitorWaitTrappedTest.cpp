@@ -166,6 +166,7 @@ TEST_F(CodeMonitorWaitTrappedTest, Below50MillisecondsDoesNotSleep)
     EXPECT_THAT(sleeps, IsEmpty());
 }
 
+// kept: the answer is that of the last look, before the last slice
 TEST_F(CodeMonitorWaitTrappedTest, DoesNotLookAfterTheLastSlice)
 {
     sut.closeBarrier();

@@ -170,7 +170,7 @@ TEST(StringConversionsTest, ToUint64RefusesALeadingMinusSign)
     EXPECT_EQ(toUint64("-"), "invalid_argument Cannot convert negative value to uint64");
 }
 
-// kept: only the very first character is looked at
+// kept: only the very first character is looked at; services may hand over such texts
 TEST(StringConversionsTest, ToUint64WrapsANegativeValueBehindBlanks)
 {
     EXPECT_EQ(to_uint64(" -1"), 18446744073709551615ULL);
@@ -319,6 +319,7 @@ TEST(StringConversionsTest, ToUint8RefusesNegativeValues)
     EXPECT_EQ(toUint8("-2147483648"), "invalid_argument Cannot convert negative values to uint8");
 }
 
+// kept: the value counts, not the sign
 TEST(StringConversionsTest, ToUint8AcceptsANegativeZero)
 {
     EXPECT_EQ(to_uint8("-0"), 0);

@@ -65,6 +65,7 @@ TEST(RateLimitedTest, AFalseAnswerWithoutStampUpdatesTheLastCall)
     EXPECT_FALSE(sut.delay(9s, 100ms, 0));
 }
 
+// kept: a service that has just started reports no delay
 TEST(RateLimitedTest, ANewObjectIsSilentUntilAStampRunsAhead)
 {
     SteadyClockDouble const clock(10s);

@@ -20,7 +20,7 @@ using namespace TestSupport;
 
 using RealTimeClockExactTest = ClockFixture;
 
-// kept: the device stays taken, and the log says so from then on
+// kept: the device stays taken, and the log says so from then on; the hardened build closes it
 TEST_F(RealTimeClockExactTest, DeviceWhoseClockDoesNotAnswerStaysOpen)
 {
     devices = {"/dev/rtc0"};
@@ -36,7 +36,7 @@ TEST_F(RealTimeClockExactTest, DeviceWhoseClockDoesNotAnswerStaysOpen)
     EXPECT_EQ(closeDouble.count(), 0U);
 }
 
-// kept: likewise, at the cost of one descriptor for each device
+// kept: one descriptor is lost for each device, and with it the clock; the hardened build closes it
 TEST_F(RealTimeClockExactTest, FirstFailureKeepsTheDeviceFromEveryLaterOpening)
 {
     letClockDeviceFail();
@@ -53,7 +53,7 @@ TEST_F(RealTimeClockExactTest, FirstFailureKeepsTheDeviceFromEveryLaterOpening)
     EXPECT_THAT(events, IsEmpty());
 }
 
-// kept: the same code as for a clock that does not answer
+// kept: no difference is made to a clock that does not answer; the hardened build closes it
 TEST_F(RealTimeClockExactTest, FileThatIsNoClockCostsARealDescriptor)
 {
     auto const before = openDescriptors();

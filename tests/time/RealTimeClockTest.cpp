@@ -103,6 +103,7 @@ TEST_F(RealTimeClockTest, DeviceIsOpenedReadOnlyAskedOnceAndClosed)
     EXPECT_THAT(events, ElementsAre("close 4712"));
 }
 
+// kept: services look for the text, which has no word for it
 TEST_F(RealTimeClockTest, EqualClocksCountAsSlower)
 {
     devices = {"/dev/rtc0"};
@@ -138,6 +139,7 @@ TEST_F(RealTimeClockTest, ThirtySecondsOffIsNotValid)
     EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 30 sec faster than /dev/rtc0.")));
 }
 
+// kept: devices set their clock chip to local time
 TEST_F(RealTimeClockTest, DeviceReadingCountsAsLocalTime)
 {
     devices = {"/dev/rtc0"};
@@ -192,6 +194,7 @@ TEST_F(RealTimeClockTest, ReadingThatCannotBeConvertedIsNotValid)
                                                     " sec faster than /dev/rtc0.")));
 }
 
+// kept: the log shows what an int holds of the distance
 TEST_F(RealTimeClockTest, DistanceIsJudgedBeforeItIsCutToAnInt)
 {
     if constexpr (sizeof(time_t) < sizeof(std::int64_t))

@@ -20,7 +20,7 @@ using namespace TestSupport;
 
 using SystemTimeHandlerExactTest = SystemTimeHandlerFixture;
 
-// kept: a poll still finds its timer, whatever has become of the handler
+// kept: one descriptor is lost; the hardened build closes it
 TEST_F(SystemTimeHandlerExactTest, TimerThatCannotBeArmedStaysOpen)
 {
     timerfdSettimeDouble.failCall(1, -1, EINVAL);
@@ -33,7 +33,7 @@ TEST_F(SystemTimeHandlerExactTest, TimerThatCannotBeArmedStaysOpen)
     EXPECT_THAT(events, IsEmpty());
 }
 
-// kept: likewise
+// kept: a later poll finds the timer as it was; the hardened build closes it
 TEST_F(SystemTimeHandlerExactTest, LaterSynchronisationLeavesTheTimerOpen)
 {
     sut.initialize();
@@ -45,7 +45,7 @@ TEST_F(SystemTimeHandlerExactTest, LaterSynchronisationLeavesTheTimerOpen)
     EXPECT_THAT(events, IsEmpty());
 }
 
-// kept: likewise
+// kept: a later poll finds the timer as it was; the hardened build closes it
 TEST_F(SystemTimeHandlerExactTest, ClockDeviceThatAgreesLaterLeavesTheTimerOpen)
 {
     sut.initialize();
@@ -57,7 +57,7 @@ TEST_F(SystemTimeHandlerExactTest, ClockDeviceThatAgreesLaterLeavesTheTimerOpen)
     EXPECT_THAT(events, ElementsAre("close 4712")); // that of the device
 }
 
-// kept: likewise
+// kept: the log stays free of an error where the trust came another way
 TEST_F(SystemTimeHandlerExactTest, PollAfterTheTrustStillFindsTheTimerThatWasLeftOpen)
 {
     sut.initialize();
@@ -72,7 +72,7 @@ TEST_F(SystemTimeHandlerExactTest, PollAfterTheTrustStillFindsTheTimerThatWasLef
     EXPECT_EQ(manager->destroyed, 1);
 }
 
-// kept: the descriptor is never given back
+// kept: one descriptor is lost for each handler; the hardened build closes it
 TEST_F(SystemTimeHandlerExactTest, DestructorLeavesTheTimerOpen)
 {
     auto handler = std::make_unique<OpenHandler>(manager);
@@ -84,7 +84,7 @@ TEST_F(SystemTimeHandlerExactTest, DestructorLeavesTheTimerOpen)
     EXPECT_THAT(events, IsEmpty());
 }
 
-// kept: likewise
+// kept: initialize() is to be called once; the hardened build closes the first timer
 TEST_F(SystemTimeHandlerExactTest, SecondInitializationLeavesTheFirstTimerOpen)
 {
     sut.initialize();
@@ -95,7 +95,7 @@ TEST_F(SystemTimeHandlerExactTest, SecondInitializationLeavesTheFirstTimerOpen)
     EXPECT_THAT(events, IsEmpty());
 }
 
-// kept: 0 is the number of the timer until there is one
+// kept: 0 is the number of the timer until there is one; the hardened build knows that it is none
 TEST_F(SystemTimeHandlerExactTest, PollBeforeInitializeReadsAndClosesStandardInput)
 {
     expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");

@@ -61,6 +61,25 @@ public:
     std::function<void()> onTokenDestruction = [] {};
 };
 
+/// Lets the first poll come at once: a function is first due a period after the start of the machine.
+class ImpatientManager : public Utils::PeriodicCallerManagerIfc
+{
+public:
+    explicit ImpatientManager(std::shared_ptr<Utils::PeriodicCallerManagerIfc> real)
+        : real(std::move(real))
+    {
+    }
+
+    std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
+                                                              std::chrono::duration<double> /*period*/) override
+    {
+        return real->add(std::move(function), std::chrono::milliseconds(1));
+    }
+
+private:
+    std::shared_ptr<Utils::PeriodicCallerManagerIfc> const real;
+};
+
 /// A handler whose protected operations a test may call.
 class OpenHandler : public Utils::SystemTimeHandler
 {

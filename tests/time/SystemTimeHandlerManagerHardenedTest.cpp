@@ -45,7 +45,7 @@ TEST_P(SystemTimeHandlerManagerHardenedTest, HandlersOnOneManagerLeaveNothingBeh
         auto manager = std::make_shared<PeriodicCallerManager>(GetParam(), "common");
         for (int i = 0; i < count; ++i)
         {
-            SystemTimeHandler handler(manager);
+            SystemTimeHandler handler(std::make_shared<ImpatientManager>(manager));
             handler.initialize();
         }
         manager.reset();
@@ -67,7 +67,8 @@ TEST_P(SystemTimeHandlerManagerHardenedTest, HandlerMayBeTheOnlyOwnerOfItsManage
     {
         for (int i = 0; i < count; ++i)
         {
-            SystemTimeHandler handler(std::make_shared<PeriodicCallerManager>(GetParam(), "own"));
+            SystemTimeHandler handler(
+                std::make_shared<ImpatientManager>(std::make_shared<PeriodicCallerManager>(GetParam(), "own")));
             handler.initialize();
         }
         log.clear();

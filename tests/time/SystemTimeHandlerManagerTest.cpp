@@ -220,7 +220,7 @@ TEST_P(SystemTimeHandlerManagerEndTest, DestructorWaitsForAPollThatDestroysItsOw
     SteadyClockDouble clock(1h); // the first poll is due when the machine has been up for a minute
     clock.goOn();
     auto manager = std::make_shared<PeriodicCallerManager>(GetParam(), "local");
-    auto handler = std::make_unique<SystemTimeHandler>(manager);
+    auto handler = std::make_unique<SystemTimeHandler>(std::make_shared<ImpatientManager>(manager));
     std::promise<void> initialized;
     std::promise<void> tokenTaken;
     std::promise<void> handlerGone;

@@ -43,6 +43,7 @@ TEST_F(SystemTimeHandlerPollTest, RunningTimerKeepsThePollingUp)
               (LogLine{Severity::Trace, "SystemTime", "Timer still running: Time has not been set yet."}));
 }
 
+// kept: the line shows the bytes as they are, whatever was read
 TEST_F(SystemTimeHandlerPollTest, UnexpectedExpiryIsLoggedWithAllTenBytesAndPollingGoesOn)
 {
     readDouble.replace(
@@ -118,6 +119,7 @@ TEST_F(SystemTimeHandlerPollTest, UnreadableTimerIsLoggedThenEndsPollingThenIsCl
     EXPECT_THAT(events, ElementsAre(text, "token", "close 4711"));
 }
 
+// kept: a timer that does not block is never interrupted
 TEST_F(SystemTimeHandlerPollTest, InterruptedReadIsAnErrorLikeAnyOther)
 {
     std::string const text = "Error accessing clock set timer: Stop polling. errno 4 (Interrupted system call).";
@@ -159,6 +161,7 @@ TEST_F(SystemTimeHandlerPollTest, LaterSynchronisationEndsThePolling)
     EXPECT_EQ(readDouble.count(), 1U);
 }
 
+// kept: such a poll comes from a derived class alone, which sees the error line
 TEST_F(SystemTimeHandlerPollTest, PollAfterTheClockWasSetCannotReadTheTimerAnyMore)
 {
     std::string const text = "Error accessing clock set timer: Stop polling. errno 9 (Bad file descriptor).";
