@@ -1,9 +1,11 @@
 #include <utils/testing/LogCapture.h>
 
 #include <algorithm>
+#include <ctime>
 #include <future>
 #include <iterator>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace Halden::Tavro::Utils::Testing
@@ -18,6 +20,13 @@ struct Watch
     LogCapture::Predicate const line;
     std::promise<void> seen; // kept once
 };
+
+std::chrono::nanoseconds sinceBoot()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
 
 Log::Severity currentThreshold()
 {
@@ -136,10 +145,17 @@ bool LogCapture::waitFor(Predicate const& line, std::chrono::milliseconds limit)
     {
         return true;
     }
-    // Not by a condition variable: tests replace the functions beneath those to look into a scheduler's sleep.
-    bool const seen = watch->seen.get_future().wait_for(limit) == std::future_status::ready;
+    // Not by a condition variable: tests replace the functions beneath those to look into a scheduler's sleep. And with
+    // no std::chrono clock: where a test has put one ahead or back, the system would wait for ever or not at all.
+    auto const future = watch->seen.get_future();
+    auto const isSeen = [&future] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; };
+    auto const deadline = sinceBoot() + limit;
+    while (!isSeen() && sinceBoot() < deadline)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     sink->forget(watch);
-    return seen;
+    return isSeen();
 }
 
 void LogCapture::clear()
