@@ -6,7 +6,6 @@
 #include "process/PipeEnds.h"
 #include "process/SigpipeBlock.h"
 
-#include <cxxabi.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
@@ -20,6 +19,7 @@
 #include <csignal>
 #include <cstddef>
 #include <ios>
+#include <istream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -110,25 +110,13 @@ public:
 private:
     std::size_t readSource()
     {
-        std::streamsize count = 0;
-        try
-        {
-            count = source == nullptr ? 0 : source->sgetn(buffer.data(), chunkSize);
-        }
-        catch (abi::__forced_unwind const&)
-        {
-            throw; // the thread is cancelled
-        }
-        catch (...)
-        {
-            count = 0; // kept: a read that fails counts as the end
-        }
-        sourceEnded = count < chunkSize;
-        return static_cast<std::size_t>(std::max<std::streamsize>(count, 0));
+        source.read(buffer.data(), chunkSize); // kept: a read that fails counts as the end
+        sourceEnded = source.gcount() < chunkSize;
+        return static_cast<std::size_t>(source.gcount());
     }
 
     std::optional<SigpipeBlock> block{std::in_place};
-    std::streambuf* const source;
+    std::istream source; // with a state of its own
     Descriptor end;
     std::array<char, chunkSize> buffer;
     std::string_view rest; // of the buffer, not written yet
