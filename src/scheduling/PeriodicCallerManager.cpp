@@ -138,9 +138,10 @@ std::unique_ptr<PeriodicCallerManagerTokenIfc> PeriodicCallerManager::add(std::f
     }
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Adding item with period (%lu)ms",
                  static_cast<unsigned long>(periodInMs.count()));
+    std::shared_ptr<PeriodicCallerManager> self;
     if constexpr (hardened)
     {
-        static_cast<void>(shared_from_this()); // throws before anything is registered
+        self = shared_from_this(); // throws before anything is registered
     }
 
     std::lock_guard const lock(itemsMutex);
@@ -150,7 +151,7 @@ std::unique_ptr<PeriodicCallerManagerTokenIfc> PeriodicCallerManager::add(std::f
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Item added. Having (%lu) now", static_cast<unsigned long>(items.size()));
     updateSchedulerNextDueTime();
     requestWakeUp(); // the item may be due although the earliest due time has not moved
-    return std::make_unique<PcmToken>(item, shared_from_this());
+    return std::make_unique<PcmToken>(item, hardened ? std::move(self) : shared_from_this());
 }
 
 void PeriodicCallerManager::remove(std::shared_ptr<PcmItemIfc> const& item)
@@ -219,9 +220,11 @@ void PeriodicCallerManager::updateSchedulerNextDueTime()
 void PeriodicCallerManager::requestWakeUp()
 {
     std::unique_lock lock(waitMutex, std::defer_lock);
-    if constexpr (hardened)
+    // So it comes before the scheduler's last look or after the begin of its sleep. A request that has not been served
+    // is followed by a look at the stop and, under itemsMutex, by a scan, which find whatever else has changed.
+    if (hardened && !wakeUpRequested)
     {
-        lock.lock(); // so it comes before the scheduler's last look or after the begin of its sleep
+        lock.lock();
     }
     wakeUpRequested = true;
     schedulerWakeup.notify_all(); // kept: without the lock; a request just before the sleep waits for its end
