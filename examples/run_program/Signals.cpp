@@ -47,7 +47,7 @@ Signals::Signals()
 
 void Signals::leave() const
 {
-    signal(SIGTERM, SIG_DFL);
+    static_cast<void>(signal(SIGTERM, SIG_DFL)); // cannot fail
     sigprocmask(SIG_SETMASK, &maskBefore, nullptr);
 }
 
