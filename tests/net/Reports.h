@@ -44,8 +44,8 @@ public:
     {
         auto const isThere = [&]
         {
-            auto const texts = all();
-            return std::find(texts.begin(), texts.end(), text) != texts.end();
+            auto const present = all();
+            return std::find(present.begin(), present.end(), text) != present.end();
         };
         return TestSupport::waitFor(isThere, std::chrono::minutes(1));
     }
