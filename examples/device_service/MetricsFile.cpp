@@ -20,7 +20,7 @@ void writeMetricsFile(std::string const& path, prometheus::Registry const& regis
     if (!file || std::rename(fresh.c_str(), path.c_str()) != 0)
     {
         int const error = errno;
-        std::remove(fresh.c_str());
+        static_cast<void>(std::remove(fresh.c_str()));
         throw std::runtime_error(path + ": " + std::strerror(error));
     }
 }
