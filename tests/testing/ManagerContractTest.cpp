@@ -15,6 +15,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -140,6 +141,13 @@ protected:
         world->awaitRest();
     }
 
+    /// Functions keep tokens, too, while the test's thread is still about to.
+    void keep(Token token)
+    {
+        std::lock_guard const lock(tokensMutex);
+        tokens.push_back(std::move(token));
+    }
+
     milliseconds uptime() const { return duration_cast<milliseconds>(world->now().time_since_epoch()); }
 
     /// Makes a fresh function due at once, and then not again while a test runs.
@@ -149,7 +157,7 @@ protected:
     void runInside(std::function<void()> const& piece)
     {
         std::atomic<bool> done{false};
-        tokens.push_back(world->manager->add(
+        keep(world->manager->add(
             [piece, &done]
             {
                 piece();
@@ -204,7 +212,8 @@ protected:
 
     StrictLogCapture log;
     std::unique_ptr<World> world = makeWorld(GetParam());
-    std::vector<Token> tokens; // of functions that are due once
+    std::mutex tokensMutex;
+    std::vector<Token> tokens; // of functions that are due once; guarded by tokensMutex until they rest
 };
 
 auto const nameOfKind = [](auto const& kind) {
@@ -217,7 +226,7 @@ TEST_P(ManagerContractTest, FreshFunctionIsCalledAtOnceAndNotAgainBeforeItsPerio
 {
     std::atomic<int> calls{0};
 
-    tokens.push_back(world->manager->add([&calls] { ++calls; }, longPeriod()));
+    keep(world->manager->add([&calls] { ++calls; }, longPeriod()));
 
     EXPECT_TRUE(world->passUntil([&calls] { return calls > 0; }));
     runTimes(5, 1ms, [] {});
@@ -302,7 +311,7 @@ TEST_P(ManagerContractTest, EmptyFunctionIsAnException)
         isLine(Severity::Error, itemLogger, StartsWith("PcmItem execution threw exception. Exception: "));
     log.expect(error);
 
-    tokens.push_back(world->manager->add(nullptr, longPeriod()));
+    keep(world->manager->add(nullptr, longPeriod()));
 
     EXPECT_TRUE(world->passUntil([&] { return log.count(error) == 1; }));
 }
@@ -333,7 +342,7 @@ TEST_P(ManagerContractTest, FunctionsMayAddFunctions)
 {
     std::atomic<int> calls{0};
 
-    runInside([&] { tokens.push_back(world->manager->add([&calls] { ++calls; }, longPeriod())); });
+    runInside([&] { keep(world->manager->add([&calls] { ++calls; }, longPeriod())); });
 
     EXPECT_TRUE(world->passUntil([&calls] { return calls > 0; }));
 }
@@ -342,7 +351,7 @@ TEST_P(ManagerContractTest, TokenKeepsTheManager)
 {
     std::weak_ptr<PeriodicCallerManagerIfc> const watched = world->manager;
     std::atomic<int> calls{0};
-    tokens.push_back(world->manager->add([&calls] { ++calls; }, longPeriod()));
+    keep(world->manager->add([&calls] { ++calls; }, longPeriod()));
     EXPECT_TRUE(world->passUntil([&calls] { return calls > 0; }));
     world->awaitRest();
 
@@ -425,9 +434,9 @@ TEST_P(ManagerContractSequentialTest, BatchRunsTheMostOverdueFirst)
     runInside(
         [&]
         {
-            tokens.push_back(world->manager->add(record("due since 10 ms"), dueSince(10ms)));
-            tokens.push_back(world->manager->add(record("due since 50 ms"), dueSince(50ms)));
-            tokens.push_back(world->manager->add(record("due since 30 ms"), dueSince(30ms)));
+            keep(world->manager->add(record("due since 10 ms"), dueSince(10ms)));
+            keep(world->manager->add(record("due since 50 ms"), dueSince(50ms)));
+            keep(world->manager->add(record("due since 30 ms"), dueSince(30ms)));
         });
 
     EXPECT_TRUE(world->passUntil([&calls] { return calls == 3; }));
@@ -453,8 +462,8 @@ TEST_P(ManagerContractSequentialTest, FunctionThatTakesTimeDelaysThoseBehindIt)
                 startOfNext = world->now();
                 done = true;
             };
-            tokens.push_back(world->manager->add(next, dueSince(10ms)));
-            tokens.push_back(world->manager->add(slow, dueSince(50ms)));
+            keep(world->manager->add(next, dueSince(10ms)));
+            keep(world->manager->add(slow, dueSince(50ms)));
         });
 
     EXPECT_TRUE(world->passUntil([&done] { return done.load(); }));
@@ -472,7 +481,7 @@ TEST_P(ManagerContractSequentialTest, FunctionRemovedByAnEarlierOneOfItsBatchIsR
         [&]
         {
             later = world->manager->add([&calls] { ++calls; }, dueSince(10ms));
-            tokens.push_back(world->manager->add([&later] { later.reset(); }, dueSince(50ms)));
+            keep(world->manager->add([&later] { later.reset(); }, dueSince(50ms)));
         });
 
     EXPECT_TRUE(world->passUntil([&] { return log.count(refused) > 0; }));
