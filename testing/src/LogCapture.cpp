@@ -79,8 +79,8 @@ public:
 private:
     void tellThoseWhoWaitFor(LogLine const& line)
     {
-        auto const seen = std::stable_partition(watches.begin(), watches.end(),
-                                                [&line](auto const& watch) { return !watch->line(line); });
+        auto const seen =
+            std::partition(watches.begin(), watches.end(), [&line](auto const& watch) { return !watch->line(line); });
         std::for_each(seen, watches.end(), [](auto const& watch) { watch->seen.set_value(); });
         watches.erase(seen, watches.end());
     }
