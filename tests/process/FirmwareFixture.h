@@ -1,5 +1,6 @@
 #pragma once
 
+#include <utils/Execute.h>
 #include <utils/FirmwareVersionTavro.h>
 #include <utils/TempDir.h>
 
@@ -8,12 +9,14 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -97,6 +100,31 @@ protected:
             command += escaped;
         }
         return command + "'";
+    }
+
+    /// What a program finds open that runs on its own, and one that runs while the command's output is read.
+    struct OpenInPrograms
+    {
+        std::string before;
+        std::string during;
+    };
+
+    static OpenInPrograms openInProgramsWhileReading(std::string const& command)
+    {
+        auto const list = []
+        {
+            std::istringstream const input;
+            return Utils::execute("/bin/ls", {"/proc/self/fd"}, {}, input, std::chrono::minutes(1)).output;
+        };
+        OpenInPrograms open{list(), {}};
+        freadDouble.replace(
+            [&](void* buffer, std::size_t size, std::size_t count, std::FILE* file)
+            {
+                open.during = list();
+                return freadDouble.passOn(buffer, size, count, file);
+            });
+        Steps().execGetStdout(command);
+        return open;
     }
 
     void expectFailure(std::string const& logger, std::string const& text)

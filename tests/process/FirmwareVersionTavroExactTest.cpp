@@ -1,12 +1,7 @@
 // The pipe of a command, that other programs inherit in the exact build.
 
-#include <utils/Execute.h>
-
 #include "process/FirmwareFixture.h"
 
-#include <chrono>
-#include <sstream>
-#include <string>
 #include <tuple>
 
 namespace Halden::Tavro::Utils
@@ -17,33 +12,15 @@ namespace
 
 using namespace TestSupport;
 
-class FirmwareVersionTavroExactTest : public FirmwareFixture
-{
-protected:
-    /// The descriptors of a program that runs now.
-    static std::string descriptorsOfAProgram()
-    {
-        std::istringstream const input;
-        return execute("/bin/ls", {"/proc/self/fd"}, {}, input, std::chrono::minutes(1)).output;
-    }
-};
+using FirmwareVersionTavroExactTest = FirmwareFixture;
 
 // kept: programs inherit what popen(3) opens without "e"
 TEST_F(FirmwareVersionTavroExactTest, AnotherProgramInheritsThePipe)
 {
-    std::string const alone = descriptorsOfAProgram();
-    std::string during;
-    freadDouble.replace(
-        [&](void* buffer, std::size_t size, std::size_t count, std::FILE* file)
-        {
-            during = descriptorsOfAProgram();
-            return freadDouble.passOn(buffer, size, count, file);
-        });
+    auto const open = openInProgramsWhileReading("echo text");
 
-    EXPECT_EQ(Steps().execGetStdout("echo text"), "text");
-
-    EXPECT_NE(alone, "");
-    EXPECT_NE(during, alone);
+    EXPECT_NE(open.before, "");
+    EXPECT_NE(open.during, open.before);
     EXPECT_STREQ(std::get<1>(popenDouble.calls().at(0)), "r");
 }
 

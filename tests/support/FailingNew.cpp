@@ -52,18 +52,6 @@ void* operator new(std::size_t size)
     return block;
 }
 
-void* operator new(std::size_t size, std::nothrow_t const& /*unused*/) noexcept
-{
-    try
-    {
-        return operator new(size);
-    }
-    catch (...)
-    {
-        return nullptr;
-    }
-}
-
 void operator delete(void* block) noexcept
 {
     std::free(block);
