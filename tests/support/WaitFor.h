@@ -1,5 +1,7 @@
 #pragma once
 
+#include <time.h>
+
 #include <chrono>
 #include <future>
 #include <thread>
@@ -7,14 +9,22 @@
 namespace Halden::Tavro::TestSupport
 {
 
+/// That of the system, whatever a double makes of std::chrono::steady_clock.
+inline std::chrono::nanoseconds monotonicTime()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
 /// @return whether the condition has come true within the limit
 template <typename Condition>
 bool waitFor(Condition const& condition, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    auto const deadline = std::chrono::steady_clock::now() + limit;
+    auto const deadline = monotonicTime() + limit;
     while (!condition())
     {
-        if (std::chrono::steady_clock::now() > deadline)
+        if (monotonicTime() > deadline)
         {
             return false;
         }
@@ -23,9 +33,8 @@ bool waitFor(Condition const& condition, std::chrono::milliseconds limit = std::
     return true;
 }
 
-/// @return whether the result has come within the limit. The future's own wait_for() asks the system to wait until a
-/// time
-///         of the program's steady clock, and so never ends where a double has put that clock ahead.
+/// @return whether the result has come within the limit. The future's own wait_for() asks the system to wait until some
+/// time of the program's steady clock, and so never ends where a double has put that clock ahead.
 template <typename Future>
 bool becomesReady(Future const& future, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
