@@ -132,7 +132,7 @@ TEST_F(ConversationHardenedTest, ProcessLeftBehindThatWritesForEverDoesNotHoldTh
 
     EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
     EXPECT_THAT(result.termSignal, Optional(SIGKILL));
-    endStranger(result.output.substr(0, result.output.find('\n')));
+    // The process left behind ends by itself now, as nobody reads what it writes.
 }
 
 TEST_F(ConversationHardenedTest, EndIsToldWithoutLookingForIt)
