@@ -59,8 +59,9 @@ function(halden_library target)
         set_target_properties(${target} PROPERTIES INSTALL_RPATH $ORIGIN)
     endif()
     set(script ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_VERSION_SCRIPT})
-    # A library finds what is its own without a look at all others, which takes time at every start of a program.
-    target_link_options(${target} PRIVATE LINKER:--version-script=${script} LINKER:-Bsymbolic)
+    # A library finds what is its own without a look at all others, and others find theirs in short chains: this takes
+    # time at every start of a program.
+    target_link_options(${target} PRIVATE LINKER:--version-script=${script} LINKER:-Bsymbolic,-O1)
     set_target_properties(${target} PROPERTIES LINK_DEPENDS ${script})
     target_compile_features(${target} INTERFACE cxx_std_17)
     target_include_directories(${target} PUBLIC
