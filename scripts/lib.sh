@@ -96,10 +96,10 @@ ensure_packages() {
 
 # refuse_skips LOG [TEST]...: fails where a test was skipped, by the log of ctest, that is not among those named.
 refuse_skips() {
-    local -r log=$1
+    local -r of_ctest=$1
     shift
     local unexpected
-    unexpected=$(sed -n 's/.* - \(.*\) (\(Skipped\|Not Run\|Disabled\))$/\1/p' "$log" |
+    unexpected=$(sed -n 's/.* - \(.*\) (\(Skipped\|Not Run\|Disabled\))$/\1/p' "$of_ctest" |
         grep --line-regexp --fixed-strings --invert-match --file=<(printf '%s\n' "$@") || true)
     [[ -z $unexpected ]] || fail "skipped without need: $unexpected"
 }
