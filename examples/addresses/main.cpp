@@ -72,7 +72,7 @@ int watch()
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Prints the addresses of this machine with their interfaces.", "addresses");
+    CLI::App app("Prints the addresses of this machine with their interfaces.");
     bool follow = false;
     app.add_flag("--watch", follow, "Then prints what is added (+) and lost (-), until Ctrl-C");
     Log::LoggerProxy::instance().setThreshold(Log::Severity::Critical); // what matters is shown

@@ -166,7 +166,7 @@ bool isTrusted(std::chrono::seconds wait)
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.", "clock_trust");
+    CLI::App app("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.");
     int wait = 0;
     app.add_option("--wait", wait, "Wait up to SECONDS until the time is absolute")
         ->option_text("SECONDS")

@@ -40,7 +40,7 @@ public:
             return;
         }
         text.erase(text.find_last_not_of('\n') + 1);
-        std::cerr << "device_description: " << file << ": " << text << '\n';
+        std::cerr << programName() << ": " << file << ": " << text << '\n';
     }
 
 private:
@@ -113,8 +113,7 @@ int describe(std::string const& file, std::string const& xpath)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     CLI::App app("Checks a UPnP device description and prints name, model and services: status 0, or 1 when it is "
-                 "not valid or cannot be read.",
-                 "device_description");
+                 "not valid or cannot be read.");
     std::string file = DEVICE_DESCRIPTION_XML;
     std::string xpath;
     app.add_option("FILE", file, "The description; without it, the one of this example");

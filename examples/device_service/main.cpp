@@ -193,8 +193,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
 {
     Options options;
     CLI::App app("A small device service: runs its jobs periodically, shows their state and reports how punctual "
-                 "they were.",
-                 "device_service");
+                 "they were.");
     declareOptions(app, options);
     return runProgram(app, argc, argv, [&] { return run(options); });
 }

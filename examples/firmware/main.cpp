@@ -49,8 +49,7 @@ int showFirmware(std::string const& commands, bool verbose)
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.",
-                 "firmware");
+    CLI::App app("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.");
     std::string commands;
     bool verbose = false;
     app.add_option("--device-commands", commands, "Looks for the device's commands in DIR first")

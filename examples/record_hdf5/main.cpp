@@ -198,7 +198,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     std::string path;
     unsigned samples = 20;
     unsigned period = 100;
-    CLI::App app("Records the load of the machine into an HDF5 file, which is read at the same time.", "record_hdf5");
+    CLI::App app("Records the load of the machine into an HDF5 file, which is read at the same time.");
     app.add_option("FILE", path, "The file to write; an old one is replaced")->required();
     app.add_option("--samples", samples, "How many samples to record")
         ->check(CLI::Range(1, 1'000'000))

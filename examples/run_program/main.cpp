@@ -41,6 +41,15 @@ struct Options
     std::vector<std::string> arguments;
 };
 
+/// Shows the program among the arguments, of which the parser does not know.
+class Help : public CLI::Formatter
+{
+    std::string make_usage(CLI::App const* /*app*/, std::string name) const override
+    {
+        return "Usage: " + name + " [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...\n";
+    }
+};
+
 /// @throws CLI::ParseError for what cannot be understood
 Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std::vector<std::string> const& variables)
 {
@@ -72,7 +81,7 @@ Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std:
 /// Ends the child, which is not to be the program, with a status as env(1) has it.
 [[noreturn]] void giveUp(std::string const& program, std::string_view reason)
 {
-    std::cerr << "run_program: " << program << ": " << reason << '\n';
+    std::cerr << programName() << ": " << program << ": " << reason << '\n';
     _exit(reason == std::strerror(ENOENT) ? 127 : 126);
 }
 
@@ -164,9 +173,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     CLI::App app(
         "Runs a program with this one's standard input, and ends with its status; with 124 when the time was up, "
         "126 when it cannot be started, 127 when there is none, 128 and a signal's number when that has ended "
-        "it. A SIGTERM goes on to the program.\n"
-        "  run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...",
-        "run_program");
+        "it. A SIGTERM goes on to the program.");
     long long timeout = 10'000;
     std::vector<std::string> variables;
     app.add_option("--timeout", timeout, "Kill the program when it takes longer")
@@ -175,6 +182,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     app.add_option("--env", variables, "Add to the environment, or change it")
         ->option_text("NAME=VALUE")
         ->allow_extra_args(false);
+    app.formatter(std::make_shared<Help>());
     app.prefix_command(); // what follows belongs to the program
     return runProgram(app, argc, argv,
                       [&] { return run(optionsFrom(app, std::chrono::milliseconds(timeout), variables)); });

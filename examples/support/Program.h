@@ -1,13 +1,23 @@
 #pragma once
 
+#include <utils/Version.h>
+
 #include <CLI/CLI.hpp>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
+#include <string>
+
+/// As it was called: an example that is installed has another name there.
+inline std::string programName()
+{
+    return program_invocation_short_name;
+}
 
 /// Gives the standard streams that were closed at the start their numbers back, so that no file of the program takes
 /// them: nothing can be read from them or written to them.
@@ -21,14 +31,20 @@ inline void occupyStandardDescriptors()
     close(descriptor);
 }
 
-/// Parses the command line, then does the work, whose result is the exit status.
+/// Parses the command line, then does the work, whose result is the exit status; --help and --version are answered
+/// here.
 ///
 /// What cannot be understood ends in status 2; an exception of the work, or a standard output that cannot be written,
-/// in status 1; either with one line on standard error that begins with the name of the application.
+/// in status 1; either with one line on standard error that begins with the program's name.
 template <typename Work>
 int runProgram(CLI::App& app, int argc, char** argv, Work const& work)
 {
     occupyStandardDescriptors();
+    app.name(programName());
+    app.set_help_flag("-h,--help", "Print this and exit");
+    app.set_version_flag(
+        "--version", [] { return programName() + " (haldencpputils) " + Halden::Tavro::Utils::loadedVersion(); },
+        "Print the library's version and exit");
     try
     {
         int status = 0;
@@ -41,6 +57,10 @@ int runProgram(CLI::App& app, int argc, char** argv, Work const& work)
         {
             std::cout << app.help();
         }
+        catch (CLI::CallForVersion const& version)
+        {
+            std::cout << version.what() << '\n';
+        }
         if (!std::cout.flush())
         {
             throw std::runtime_error("the standard output cannot be written");
@@ -49,12 +69,12 @@ int runProgram(CLI::App& app, int argc, char** argv, Work const& work)
     }
     catch (CLI::ParseError const& error)
     {
-        std::cerr << app.get_name() << ": " << error.what() << '\n';
+        std::cerr << programName() << ": " << error.what() << '\n';
         return 2;
     }
     catch (std::exception const& error)
     {
-        std::cerr << app.get_name() << ": " << error.what() << '\n';
+        std::cerr << programName() << ": " << error.what() << '\n';
         return 1;
     }
 }

@@ -11,10 +11,11 @@ function(halden_find_package name debian_package)
 endfunction()
 
 # Under an emulator a program cannot start another one of the build, as the kernel would have to know of the emulator. So
-# a program of a cross build lies beside the name it is called by, which is that of a script.
+# a program of a cross build lies in a folder beside the file that it is called by, which is a script.
 function(halden_emulate target)
     set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}.sh)
-    set(program ${CMAKE_CURRENT_BINARY_DIR}/${target}.${CMAKE_SYSTEM_PROCESSOR})
+    set(program ${CMAKE_CURRENT_BINARY_DIR}/${CMAKE_SYSTEM_PROCESSOR}/${target})
+    file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/${CMAKE_SYSTEM_PROCESSOR})
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
     file(CONFIGURE OUTPUT ${script} CONTENT "#!/bin/sh\nexec ${emulator} ${program} \"\$@\"\n")
     file(CHMOD ${script} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)

@@ -129,6 +129,11 @@ TEST(AddressesUseTest, BadOptionIsAnsweredWithOneSentence)
     expectRefusal(ADDRESSES, {{{"--loudly"}, "--loudly"}, {{"eth0"}, "eth0"}});
 }
 
+TEST(AddressesUseTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(ADDRESSES);
+}
+
 TEST(AddressesUseTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(ADDRESSES, {"--help"});

@@ -136,6 +136,11 @@ TEST(ClockTrustTest, HelpNamesTheOption)
     EXPECT_THAT(result.output, HasSubstr("--wait SECONDS"));
 }
 
+TEST(ClockTrustTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(CLOCK_TRUST);
+}
+
 TEST(ClockTrustTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(CLOCK_TRUST, {});

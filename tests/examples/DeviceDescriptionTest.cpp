@@ -122,6 +122,11 @@ TEST_F(DeviceDescriptionTest, HelpNamesTheOptions)
     EXPECT_THAT(result.output, AllOf(HasSubstr("FILE"), HasSubstr("--xpath EXPRESSION")));
 }
 
+TEST_F(DeviceDescriptionTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(DEVICE_DESCRIPTION);
+}
+
 TEST_F(DeviceDescriptionTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(DEVICE_DESCRIPTION, {});

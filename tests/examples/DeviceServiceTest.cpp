@@ -388,6 +388,11 @@ TEST_F(DeviceServiceTest, HelpNamesEachOptionAndSucceeds)
     }
 }
 
+TEST_F(DeviceServiceTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(DEVICE_SERVICE);
+}
+
 TEST_F(DeviceServiceTest, StandardOutputThatCannotBeWrittenIsAnErrorAndEndsItAtOnce)
 {
     expectComplaintAboutFullOutput(DEVICE_SERVICE, {"--seconds", "600"});

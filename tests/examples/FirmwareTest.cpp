@@ -75,6 +75,11 @@ TEST(FirmwareTest, BadOptionIsNamedAndEndsWithStatusTwo)
                              {{"--device-commands"}, "--device-commands"}});
 }
 
+TEST(FirmwareTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(FIRMWARE);
+}
+
 TEST(FirmwareTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(FIRMWARE, {"--device-commands", DEVICE_COMMANDS});

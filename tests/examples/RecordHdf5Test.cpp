@@ -80,6 +80,11 @@ TEST_F(RecordHdf5Test, BadOptionsEndItWithASentenceAndStatusTwo)
                                 {{path, "--speed"}, "--speed"}});
 }
 
+TEST_F(RecordHdf5Test, VersionIsThatOfTheLibrary)
+{
+    expectVersion(RECORD_HDF5);
+}
+
 TEST_F(RecordHdf5Test, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(RECORD_HDF5, {path, "--samples", "1"});

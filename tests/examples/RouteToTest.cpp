@@ -79,6 +79,11 @@ TEST(RouteToTest, HelpNamesTheHost)
     EXPECT_EQ(result.exitCode, 0);
 }
 
+TEST(RouteToTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(ROUTE_TO);
+}
+
 TEST_F(RouteToLoopbackTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(ROUTE_TO, {"127.0.0.1"});

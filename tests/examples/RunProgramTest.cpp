@@ -150,6 +150,11 @@ TEST(RunProgramTest, HelpNamesTheOptions)
     EXPECT_THAT(result.output, HasSubstr("run_program [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG..."));
 }
 
+TEST(RunProgramTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(RUN_PROGRAM);
+}
+
 TEST(RunProgramTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(RUN_PROGRAM, {"/bin/echo"});

@@ -30,6 +30,11 @@ TEST(StopAndLookTest, BadOptionsAreAnsweredWithOneSentence)
     expectRefusal(STOP_AND_LOOK, {{{"--speed"}, "--speed"}, {{"--jobs", "-1"}, "--jobs"}});
 }
 
+TEST(StopAndLookTest, VersionIsThatOfTheLibrary)
+{
+    expectVersion(STOP_AND_LOOK);
+}
+
 TEST(StopAndLookTest, StandardOutputThatCannotBeWrittenIsAnError)
 {
     expectComplaintAboutFullOutput(STOP_AND_LOOK, {});

@@ -1,5 +1,7 @@
 #include "support/RunExample.h"
 
+#include <utils/Version.h>
+
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
@@ -52,6 +54,15 @@ void expectRefusal(std::string const& program, std::vector<BadUse> const& uses)
         EXPECT_THAT(result.output, testing::MatchesRegex(name + ": [^\n]+\n"));
         EXPECT_THAT(result.output, testing::HasSubstr(named));
     }
+}
+
+void expectVersion(std::string const& program)
+{
+    auto const result = runExample(program, {"--version"});
+
+    std::string const name = std::filesystem::path(program).filename();
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.output, name + " (haldencpputils) " + Utils::loadedVersion() + '\n');
 }
 
 void expectComplaintAboutFullOutput(std::string const& program, std::vector<std::string> const& arguments)

@@ -34,6 +34,9 @@ struct BadUse
 /// Expects that the program answers each with one line that begins with its name, and with status 2.
 void expectRefusal(std::string const& program, std::vector<BadUse> const& uses);
 
+/// Expects that the program answers --version with its name and the version of the library that it runs with.
+void expectVersion(std::string const& program);
+
 /// Expects that the program ends with a sentence and status 1 where its standard output takes nothing.
 void expectComplaintAboutFullOutput(std::string const& program, std::vector<std::string> const& arguments);
 
