@@ -1,5 +1,7 @@
+#include "scheduling/BareScheduler.h"
 #include "scheduling/HeldManager.h"
 #include "support/AllocationCount.h"
+#include "support/OtherThreads.h"
 
 #include <benchmark/benchmark.h>
 
@@ -9,7 +11,9 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <chrono>
+#include <future>
 #include <list>
+#include <memory>
 
 using namespace Halden::Tavro;
 using namespace std::chrono_literals;
@@ -83,6 +87,70 @@ void pass(benchmark::State& state, Strategy strategy)
 }
 BENCHMARK_CAPTURE(pass, Sequential, Strategy::Sequential)->RangeMultiplier(10)->Range(1, 1000)->UseRealTime();
 BENCHMARK_CAPTURE(pass, ThreadPool, Strategy::ThreadPool)->RangeMultiplier(10)->Range(1, 1000)->UseRealTime();
+
+/// The same by hand.
+void passByHand(benchmark::State& state)
+{
+    Bench::BareScheduler scheduler;
+    for (auto left = state.range(0); left > 0; --left)
+    {
+        scheduler.add([] {}, 1h);
+    }
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(scheduler.pass(steady_clock::now() + 2h));
+    }
+}
+BENCHMARK(passByHand)->RangeMultiplier(10)->Range(1, 1000)->UseRealTime();
+
+constexpr int overduePasses = 10'000;
+
+/// The time that so many passes take whose next due time has passed when they end.
+void overduePass(benchmark::State& state)
+{
+    for (auto _ : state)
+    {
+        auto const manager = Bench::makeSleepingManager();
+        int calls = 0; // on the scheduler thread alone
+        steady_clock::time_point begin;
+        std::promise<std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc>> registered;
+        std::promise<steady_clock::duration> ended;
+        registered.set_value(manager->add(
+            [&]
+            {
+                if (calls == 0)
+                {
+                    begin = steady_clock::now();
+                }
+                if (++calls > overduePasses)
+                {
+                    steady_clock::duration const duration = steady_clock::now() - begin;
+                    registered.get_future().get().reset(); // here, where nothing else reads the manager's list
+                    ended.set_value(duration);
+                }
+            },
+            -1ms));
+        state.SetIterationTime(std::chrono::duration<double>(ended.get_future().get()).count() / overduePasses);
+        TestSupport::OtherThreads::awaitRest();
+    }
+}
+BENCHMARK(overduePass)->Iterations(20)->UseManualTime();
+
+void overduePassByHand(benchmark::State& state)
+{
+    for (auto _ : state)
+    {
+        Bench::BareScheduler scheduler;
+        scheduler.add([] {}, -1ms);
+        auto const begin = steady_clock::now();
+        for (int pass = 0; pass < overduePasses; ++pass)
+        {
+            scheduler.waitUntil(scheduler.pass(steady_clock::now()));
+        }
+        state.SetIterationTime(std::chrono::duration<double>(steady_clock::now() - begin).count() / overduePasses);
+    }
+}
+BENCHMARK(overduePassByHand)->Iterations(20)->UseManualTime();
 
 /// A timer that is armed again for its next period when it expires, as a periodic function's must be.
 class PeriodicTimer

@@ -307,11 +307,14 @@ void PeriodicCallerManager::waitUntil(steady_clock::time_point const& next)
         return wakeUpRequested.load();
     };
     std::unique_lock lock(waitMutex);
-    steady_clock::time_point until; // a 32-bit clock reaches it, from both sides
-    do
+    steady_clock::time_point now = steady_clock::now();
+    // The clock before the request, so that a request is seen up to the end. A sleep whose end has passed would cost a
+    // visit to the kernel.
+    while (!isRequested() && now < next)
     {
-        until = std::clamp(next, steady_clock::time_point(), steady_clock::now() + longestWait);
-    } while (!schedulerWakeup.wait_until(lock, until, isRequested) && until < next);
+        schedulerWakeup.wait_until(lock, std::min(next, now + longestWait));
+        now = steady_clock::now();
+    }
 }
 
 }

@@ -204,6 +204,16 @@ TEST_F(PeriodicCallerManagerPassTest, IdleManagerMakesNoWakeUps)
     EXPECT_EQ(SchedulerSleep::count(), sleepsBefore + 1);
 }
 
+TEST_F(PeriodicCallerManagerPassTest, PassesFollowEachOtherWithoutSleepWhileSomethingIsDue)
+{
+    auto sut = makeAsleep();
+    std::size_t const sleepsBefore = SchedulerSleep::count();
+
+    runTimes(100, *sut, -1ms); // due in every pass
+
+    EXPECT_EQ(SchedulerSleep::count(), sleepsBefore + 1); // the one that goes on
+}
+
 TEST_F(PeriodicCallerManagerPassTest, StartsAreAtLeastOnePeriodApart)
 {
     std::atomic<int> tens{0};
