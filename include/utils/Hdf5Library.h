@@ -67,7 +67,7 @@ public:
     /// HDF5 work begins, and not in functions called from there.
     ///
     /// @throws std::system_error when the mutex cannot be locked
-    std::unique_ptr<Hdf5LibraryLock> lock();
+    [[nodiscard]] std::unique_ptr<Hdf5LibraryLock> lock();
 
 private:
     Hdf5Library();

@@ -84,7 +84,7 @@ private:
 
 /// @throws std::runtime_error "Unknown execution strategy requested for the PeriodicCallerManager"
 /// @throws boost::system::system_error when the threads of a pool cannot be made
-HALDEN_CPPUTILS_EXPORT std::unique_ptr<PeriodicCallerManagerExecutorIfc>
+[[nodiscard]] HALDEN_CPPUTILS_EXPORT std::unique_ptr<PeriodicCallerManagerExecutorIfc>
 make_executor(PeriodicCallerManager::ExecutionStrategy strategy);
 
 }

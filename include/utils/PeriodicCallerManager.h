@@ -42,9 +42,10 @@ public:
     ///
     /// @param period between two starts, truncated to whole milliseconds. Where `unsigned long` has 32 bits the log
     ///               shows no more of them: a period of 50 days or more looks shorter there.
-    /// @return never null
-    virtual std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
-                                                               std::chrono::duration<double> period) = 0;
+    /// @return never null; dropped at once, it ends the registration with it
+    // Two attributes, as gcc heeds the first at no virtual call.
+    [[nodiscard, gnu::warn_unused_result]] virtual std::unique_ptr<PeriodicCallerManagerTokenIfc>
+    add(std::function<void()> function, std::chrono::duration<double> period) = 0;
 };
 
 /// The manager as its tokens see it.
@@ -139,8 +140,8 @@ public:
     ///
     /// @throws std::invalid_argument "Period must be greater than zero milliseconds" when it truncates to 0 ms
     /// @throws std::bad_weak_ptr     when no shared pointer owns the manager
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
-                                                       std::chrono::duration<double> period) override;
+    [[nodiscard, gnu::warn_unused_result]] std::unique_ptr<PeriodicCallerManagerTokenIfc>
+    add(std::function<void()> function, std::chrono::duration<double> period) override;
 
     /// For tokens. An unknown item is logged and otherwise ignored.
     void remove(std::shared_ptr<PcmItemIfc> const& item) override;

@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -268,7 +269,7 @@ TEST_F(Hdf5LibraryTest, Hdf5IsClosedOnceAtExitWithoutAWord)
         {
             printCloses();
             Hdf5Library::instance();
-            Hdf5Library::instance().lock();
+            std::ignore = Hdf5Library::instance().lock();
         });
 
     EXPECT_THAT(output, StartsWith("exit\nclose\nend\n"));

@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace Halden::Tavro::Utils::Metrics
@@ -83,7 +84,7 @@ TEST_F(MeasuredManagerNamesTest, EmptyNameIsRefused)
     EXPECT_THAT(
         [&]
         {
-            sut.add(
+            std::ignore = sut.add(
                 "", [] {}, 1s);
         },
         throwsInvalidArgument("A function's name must not be empty: Prometheus takes an empty label for none"));
@@ -115,7 +116,7 @@ TEST_F(MeasuredManagerNamesTest, NameThatIsNoUtf8IsRefusedAndLeavesNothing)
         EXPECT_THAT(
             [&]
             {
-                sut.add(
+                std::ignore = sut.add(
                     name, [] {}, 1s);
             },
             throwsInvalidArgument("A function's name must be UTF-8: Prometheus refuses all figures otherwise"))
@@ -148,7 +149,7 @@ TEST_F(MeasuredManagerNamesTest, NameIsTakenWhileItsFunctionIsThere)
     EXPECT_THAT(
         [&]
         {
-            sut.add(
+            std::ignore = sut.add(
                 "pump", [] {}, 1s);
         },
         throwsInvalidArgument("There is a function named 'pump' already"));
@@ -170,14 +171,14 @@ TEST_F(MeasuredManagerNamesTest, NameIsFreeAgainWhenTheManagerRefusesTheFunction
         EXPECT_THAT(
             [&]
             {
-                sut.add(
+                std::ignore = sut.add(
                     "pump", [] {}, std::chrono::duration<double>(seconds));
             },
             throwsInvalidArgument("Period must be greater than zero milliseconds"));
     }
 
-    EXPECT_NO_THROW(sut.add(
-        "pump", [] {}, std::chrono::duration<double>(1e300)));
+    EXPECT_NO_THROW(std::ignore = sut.add(
+                        "pump", [] {}, std::chrono::duration<double>(1e300)));
 }
 
 TEST_F(MeasuredManagerNamesTest, ManagersThatShareARegistryShareItsNames)
@@ -189,12 +190,12 @@ TEST_F(MeasuredManagerNamesTest, ManagersThatShareARegistryShareItsNames)
     EXPECT_THAT(
         [&]
         {
-            other.add(
+            std::ignore = other.add(
                 "pump", [] {}, 1s);
         },
         throwsInvalidArgument("The registry has figures of a function named 'pump' already"));
-    EXPECT_NO_THROW(other.add(
-        "valve", [] {}, 1s));
+    EXPECT_NO_THROW(std::ignore = other.add(
+                        "valve", [] {}, 1s));
 }
 
 TEST_F(MeasuredManagerNamesTest, CodeThatAddsWithoutANameGetsTheGivenOne)
@@ -204,16 +205,17 @@ TEST_F(MeasuredManagerNamesTest, CodeThatAddsWithoutANameGetsTheGivenOne)
     manager->advance(1s);
 
     EXPECT_EQ(valueOf(*registry, "periodic_function_runs_total", "clock"), 2);
-    EXPECT_THAT([&] { clock->add([] {}, 1s); }, throwsInvalidArgument("There is a function named 'clock' already"));
+    EXPECT_THAT([&] { std::ignore = clock->add([] {}, 1s); },
+                throwsInvalidArgument("There is a function named 'clock' already"));
     EXPECT_THAT(
         [&]
         {
-            sut.add(
+            std::ignore = sut.add(
                 "clock", [] {}, 1s);
         },
         throwsInvalidArgument("There is a function named 'clock' already"));
     token.reset();
-    EXPECT_NO_THROW(clock->add([] {}, 1s));
+    EXPECT_NO_THROW(std::ignore = clock->add([] {}, 1s));
 }
 
 TEST_F(MeasuredManagerNamesTest, NameForCodeThatAddsWithoutOneIsCheckedAtOnce)

@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -329,7 +330,7 @@ TEST_F(MeasuredManagerTest, FunctionThatIsStillKeptHoldsTheFiguresButNotTheManag
         auto const keeping = std::make_shared<KeepingManager>(kept, manager);
         watched = keeping;
         MeasuredManager measured(keeping, std::make_shared<prometheus::Registry>());
-        measured.add(
+        std::ignore = measured.add(
             "kept", [] {}, 1s);
     }
 

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <stdexcept>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -116,7 +117,8 @@ TEST_F(MakeExecutorTest, AnyOtherValueThrows)
 {
     for (int const value : {2, -1, 1000})
     {
-        EXPECT_THAT([value] { make_executor(static_cast<PeriodicCallerManager::ExecutionStrategy>(value)); },
+        EXPECT_THAT([value]
+                    { std::ignore = make_executor(static_cast<PeriodicCallerManager::ExecutionStrategy>(value)); },
                     ThrowsMessage<std::runtime_error>(
                         StrEq("Unknown execution strategy requested for the PeriodicCallerManager")));
     }
@@ -126,7 +128,8 @@ TEST_F(MakeExecutorTest, PoolThatCannotBeMadeThrowsASystemErrorOfBoost)
 {
     pthreadCreate.failCall(1, EAGAIN, 0);
 
-    EXPECT_THROW(make_executor(PeriodicCallerManager::ExecutionStrategy::ThreadPool), boost::system::system_error);
+    EXPECT_THROW(std::ignore = make_executor(PeriodicCallerManager::ExecutionStrategy::ThreadPool),
+                 boost::system::system_error);
 }
 
 }

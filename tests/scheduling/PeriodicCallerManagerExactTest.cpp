@@ -9,6 +9,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <tuple>
 
 namespace Halden::Tavro::Utils
 {
@@ -32,7 +33,7 @@ TEST_F(PeriodicCallerManagerExactTest, ManagerOnTheStackThrowsOnAddButKeepsTheIt
     PeriodicCallerManager sut(Strategy::Sequential, "sensors");
     SchedulerSleep::await();
 
-    EXPECT_THROW(sut.add([&calls] { ++calls; }, 10ms), std::bad_weak_ptr);
+    EXPECT_THROW(std::ignore = sut.add([&calls] { ++calls; }, 10ms), std::bad_weak_ptr);
 
     EXPECT_TRUE(hasBecome(calls, 3));
     EXPECT_EQ(log.count(trace("Item added. Having (1) now")), 1);
@@ -45,7 +46,7 @@ TEST_F(PeriodicCallerManagerExactTest, ManagerInAUniquePointerThrowsOnAddButKeep
     auto const sut = std::make_unique<PeriodicCallerManager>(Strategy::ThreadPool, "sensors");
     SchedulerSleep::await();
 
-    EXPECT_THROW(sut->add([&calls] { ++calls; }, 10ms), std::bad_weak_ptr);
+    EXPECT_THROW(std::ignore = sut->add([&calls] { ++calls; }, 10ms), std::bad_weak_ptr);
 
     EXPECT_TRUE(hasBecome(calls, 3));
 }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 namespace Halden::Tavro::Utils
@@ -40,7 +41,7 @@ TEST_F(PeriodicCallerManagerHardenedTest, ManagerOnTheStackThrowsOnAddAndRegiste
     SchedulerSleep::await();
     log.clear();
 
-    EXPECT_THROW(sut.add([held = std::move(held)] {}, 10ms), std::bad_weak_ptr);
+    EXPECT_THROW(std::ignore = sut.add([held = std::move(held)] {}, 10ms), std::bad_weak_ptr);
 
     EXPECT_TRUE(watched.expired());
     EXPECT_EQ(nextPcmDueTime(sut), steady_clock::time_point::max());
@@ -52,7 +53,7 @@ TEST_F(PeriodicCallerManagerHardenedTest, ManagerInAUniquePointerThrowsOnAddAndR
     auto const sut = std::make_unique<PeriodicCallerManager>(Strategy::ThreadPool, "sensors");
     SchedulerSleep::await();
 
-    EXPECT_THROW(sut->add([] {}, 10ms), std::bad_weak_ptr);
+    EXPECT_THROW(std::ignore = sut->add([] {}, 10ms), std::bad_weak_ptr);
 
     EXPECT_EQ(nextPcmDueTime(*sut), steady_clock::time_point::max());
 }
@@ -62,7 +63,7 @@ TEST_F(PeriodicCallerManagerHardenedTest, ManagerOnTheStackRefusesAPeriodOfZeroA
     log.expect(line(Severity::Error, "PCM item minimum period is 1ms, got 0ms"));
     PeriodicCallerManager sut(Strategy::Sequential, "sensors");
 
-    EXPECT_THROW(sut.add([] {}, 0ms), std::invalid_argument);
+    EXPECT_THROW(std::ignore = sut.add([] {}, 0ms), std::invalid_argument);
 }
 
 // Requests and the scan

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -37,7 +38,7 @@ TEST_F(PeriodicCallerManagerRegistrationTest, PeriodBelowAMillisecondIsRefused)
     {
         log.clear();
 
-        EXPECT_THAT([&] { sut->add([] {}, std::chrono::duration<double>(seconds)); },
+        EXPECT_THAT([&] { std::ignore = sut->add([] {}, std::chrono::duration<double>(seconds)); },
                     ThrowsMessage<std::invalid_argument>(StrEq("Period must be greater than zero milliseconds")))
             << seconds;
         EXPECT_THAT(log.lines(), ElementsAre(line(Severity::Error, "PCM item minimum period is 1ms, got 0ms")));

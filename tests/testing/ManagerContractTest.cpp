@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace Halden::Tavro::Utils::Testing
@@ -373,7 +374,7 @@ TEST_P(ManagerContractTest, PeriodBelowAMillisecondIsRefused)
     {
         log.clear();
 
-        EXPECT_THAT([&] { world->manager->add([] {}, std::chrono::duration<double>(seconds)); },
+        EXPECT_THAT([&] { std::ignore = world->manager->add([] {}, std::chrono::duration<double>(seconds)); },
                     ThrowsMessage<std::invalid_argument>(StrEq("Period must be greater than zero milliseconds")));
         EXPECT_THAT(log.lines(), ElementsAre(refused)) << seconds;
     }

@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -312,7 +313,7 @@ TEST_F(ManualTimeManagerTest, FunctionsComeAndGoOnOtherThreadsWhileTimePasses)
                                    {
                                        for (int i = 0; i < 200; ++i)
                                        {
-                                           sut->add([] {}, 1ms);
+                                           std::ignore = sut->add([] {}, 1ms);
                                        }
                                    });
     log.expect(
@@ -365,14 +366,14 @@ TEST_F(ManualTimeManagerTest, MustBeOwnedByASharedPointer)
 {
     ManualTimeManager unowned;
 
-    EXPECT_THROW(unowned.add([] {}, 1s), std::bad_weak_ptr);
+    EXPECT_THROW(std::ignore = unowned.add([] {}, 1s), std::bad_weak_ptr);
 }
 
 TEST_F(ManualTimeManagerTest, NameIsPartOfTheLoggersName)
 {
     sut = std::make_shared<ManualTimeManager>("sensors");
 
-    sut->add([] {}, 1s);
+    std::ignore = sut->add([] {}, 1s);
 
     EXPECT_EQ(log.linesOf("Halden::Tavro::Utils::PeriodicCallerManager(sensors)").size(), 4);
 }

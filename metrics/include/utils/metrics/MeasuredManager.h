@@ -65,8 +65,8 @@ public:
     /// @param name any UTF-8 text
     /// @throws std::invalid_argument when the name is empty or no UTF-8, which Prometheus refuses, while there is a
     ///                               function of that name, or when the registry has figures of one from elsewhere
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::string const& name, std::function<void()> function,
-                                                       std::chrono::duration<double> period);
+    [[nodiscard]] std::unique_ptr<PeriodicCallerManagerTokenIfc>
+    add(std::string const& name, std::function<void()> function, std::chrono::duration<double> period);
 
     /// A manager for code that adds its function without a name: it gets this one. Where that code adds a second one
     /// before it has removed the first, it gets the exception of add().

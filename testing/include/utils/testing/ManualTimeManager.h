@@ -59,8 +59,8 @@ public:
     ~ManualTimeManager() override;
 
     /// As PeriodicCallerManager::add().
-    std::unique_ptr<PeriodicCallerManagerTokenIfc> add(std::function<void()> function,
-                                                       std::chrono::duration<double> period) override;
+    [[nodiscard, gnu::warn_unused_result]] std::unique_ptr<PeriodicCallerManagerTokenIfc>
+    add(std::function<void()> function, std::chrono::duration<double> period) override;
 
     /// For tokens.
     void remove(std::shared_ptr<PcmItemIfc> const& item) override;
