@@ -21,7 +21,8 @@ constexpr unsigned int two_complement(int value, unsigned int width)
     auto bits = static_cast<unsigned int>(value);
     if (value < 0)
     {
-        // kept: changes only bits above `width`, which the mask clears; without it the result is the same
+        // kept: [upper-bits-are-lost] changes only bits above `width`, which the mask clears; without it the result is
+        // the same
         unsigned int const sign = width < std::numeric_limits<unsigned int>::digits ? 2U << width : 0U;
         bits = (bits ^ sign) - sign;
     }

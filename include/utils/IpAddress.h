@@ -80,7 +80,7 @@ inline bool IpAddress::isLoopback() const
     if (isv4())
     {
         auto const firstOctet = *reinterpret_cast<unsigned char const*>(&sockaddr_in()->sin_addr);
-        return (firstOctet & 0x7FU) == 0x7FU; // kept: 255 passes too
+        return (firstOctet & 0x7FU) == 0x7FU; // kept: [255-is-loopback] 255 passes too
     }
     if (isv6())
     {

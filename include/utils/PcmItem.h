@@ -12,8 +12,8 @@ namespace Halden::Tavro::Utils
 {
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored                                                                                         \
-    "-Wnon-virtual-dtor" // kept: shared pointers know the concrete class, and callers know the slots
+// kept: [item-interface-without-virtual-destructor] shared pointers know the concrete class, and callers know the slots
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 /// One periodic function as the manager, its executors and its tokens see it.
 ///

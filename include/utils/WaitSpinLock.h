@@ -29,7 +29,7 @@ public:
         auto const start = std::chrono::steady_clock::now();
         while (std::chrono::steady_clock::now() - start < wait)
         {
-            // kept: neither sleeps nor yields, as the scheduler would overshoot
+            // kept: [spin-wait] neither sleeps nor yields, as the scheduler would overshoot
         }
     }
 

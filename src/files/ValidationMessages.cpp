@@ -55,7 +55,8 @@ void format(Buffer& buffer, char const* format, va_list values)
     }
     else
     {
-        formatOrEndProcess(buffer, format, values); // kept: a message is logged whole or not at all
+        // kept: [long-validation-message] a message is logged whole or not at all
+        formatOrEndProcess(buffer, format, values);
     }
 }
 
@@ -82,7 +83,7 @@ void logValidationWarning(void* /*unused*/, char const* format, ...)
     va_start(values, format);
     Utils::format(buffer, format, values);
     va_end(values);
-    // kept: at the severity of an error, where services look for what is wrong with a document
+    // kept: [warnings-at-error] at the severity of an error, where services look for what is wrong with a document
     TAVRO_LOG(Log::Severity::Error, "XML Validation Warning: %s", buffer.data());
 }
 

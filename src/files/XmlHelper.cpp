@@ -78,7 +78,8 @@ std::string toText(xmlChar const* content)
             return {};
         }
     }
-    return reinterpret_cast<char const*>(content); // kept: null throws what services take for a fault of the document
+    // kept: [node-without-content] null throws what services take for a fault of the document
+    return reinterpret_cast<char const*>(content);
 }
 
 std::vector<std::string> textsOf(std::stringstream const& document, std::string const& xpath)
@@ -94,7 +95,7 @@ std::vector<std::string> textsOf(std::stringstream const& document, std::string 
     if (result->type != XPATH_NODESET)
     {
         leaveAllocated(tree, context, result);
-        // kept: services catch the pointer
+        // kept: [thrown-pointer] services catch the pointer
         // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference,cert-err09-cpp,cert-err61-cpp)
         throw new std::runtime_error("Invalid type");
     }
@@ -150,13 +151,15 @@ void XmlHelper::validateAgainstXSD(std::stringstream const& document, std::strin
     auto parser = require(xmlSchemaNewDocParserCtxt(schemaTree.get()), "Failed to create document parser context");
     auto schema = require(xmlSchemaParse(parser.get()), "Failed to parse XSD");
     auto context = require(xmlSchemaNewValidCtxt(schema.get()), "Failed to create validation context");
-    tree = require(parse(document), "Failed to open the HaldenDeviceId.xml"); // kept: services look for this text
+    // kept: [halden-device-id] services look for this text
+    tree = require(parse(document), "Failed to open the HaldenDeviceId.xml");
     xmlSchemaSetValidErrors(context.get(), logValidationError, logValidationWarning, nullptr);
     if (xmlSchemaValidateDoc(context.get(), tree.get()) != 0)
     {
         throw std::runtime_error("Document is invalid");
     }
-    leaveAllocated(tree, schemaTree, parser, schema, context); // kept: the time and memory that services reckon with
+    // kept: [validation-leak] the time and memory that services reckon with
+    leaveAllocated(tree, schemaTree, parser, schema, context);
 }
 
 void XmlHelper::validateAgainstXSD(std::string const& documentPath, std::string const& xsdPath)
@@ -169,7 +172,7 @@ std::vector<std::string> XmlHelper::nodesText(std::stringstream const& document,
     std::vector<std::string> texts = textsOf(document, xpath);
     if constexpr (!hardened)
     {
-        xmlCleanupParser(); // kept: between two readings a service wants libxml2 to hold no memory
+        xmlCleanupParser(); // kept: [parser-cleanup] between two readings a service wants libxml2 to hold no memory
     }
     return texts;
 }

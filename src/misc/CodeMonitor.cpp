@@ -24,7 +24,7 @@ constexpr int looks = 50;
 /// the hardened build sees an opening also when the barrier is closed again.
 bool isHeld(bool closed, bool trapped)
 {
-    return hardened ? closed && trapped : closed; // kept: the exact build waits for an open barrier
+    return hardened ? closed && trapped : closed; // kept: [reclosed-barrier] the exact build waits for an open barrier
 }
 
 timespec toTimespec(std::chrono::milliseconds duration)
@@ -112,7 +112,9 @@ bool CodeMonitor::waitTrapped(std::chrono::milliseconds const& timeout)
             sleepFor(slice);
         }
     }
-    return false; // kept: no look after the last slice, so a thread that comes then counts for the next call
+    // kept: [no-look-after-the-last-slice] no look after the last slice, so a thread that comes then counts for the
+    // next call
+    return false;
 }
 
 void CodeMonitor::setArgument(std::string const& argument, RuntimeTypedData value)

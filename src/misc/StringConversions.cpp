@@ -65,7 +65,8 @@ std::uint64_t to_uint64(std::string const& text)
     {
         throw std::invalid_argument("Cannot convert empty string to uint64");
     }
-    if (text.front() == '-') // kept: behind blanks it passes and wraps; services may hand over such texts
+    // kept: [minus-behind-blanks] behind blanks it passes and wraps; services may hand over such texts
+    if (text.front() == '-')
     {
         throw std::invalid_argument("Cannot convert negative value to uint64");
     }

@@ -109,7 +109,8 @@ std::vector<IpAddress> addressesOfInterfaces(Log::Logger const& logger)
         TAVRO_LOG_ERRNO_TO(logger, "initialAddrList: getifaddrs failed with %d(%s)");
         throw std::runtime_error("Failed to get initial list of IP addresses.");
     }
-    IfaddrsList const owner(hardened ? found : nullptr); // kept: else it stays allocated, once for each construction
+    // kept: [address-list-leak] in the exact build it stays allocated, once for each construction
+    IfaddrsList const owner(hardened ? found : nullptr);
     std::vector<IpAddress> addresses;
     for (ifaddrs const* entry = found; entry != nullptr; entry = entry->ifa_next)
     {
@@ -147,7 +148,7 @@ void callGuarded(Function const& function)
     }
     else
     {
-        function(); // kept: what is no std::exception ends the process, as out of any thread
+        function(); // kept: [callback-ends-process] what is no std::exception ends the process, as out of any thread
     }
 }
 
@@ -289,7 +290,9 @@ LocalIps::LocalIps(std::function<void(IpAddress const&)> onNewAddress,
         {
             Receiver::end(*this);
         }
-        throw; // kept: with the socket open; with the thread running, the process ends, and services are started anew
+        // kept: [failed-construction] with the socket open; with the thread running, the process ends, and services are
+        // started anew
+        throw;
     }
 }
 
@@ -307,7 +310,8 @@ LocalIps::~LocalIps()
         stopRequested = true;
         if (hasSocket)
         {
-            close(netlinkSocket); // kept: before the receiver thread has ended, as the order of the lines says
+            // kept: [socket-closed-first] before the receiver thread has ended, as the order of the lines says
+            close(netlinkSocket);
         }
     }
     if (hasSocket)
@@ -367,7 +371,7 @@ IpAddress LocalIps::nlToIpAddress(nlmsghdr const* message)
         {
             address = addressIn(begin, IFA_ADDRESS, logger); // beside IFA_LOCAL it is the peer's, alone our own
         }
-    } // else kept: services on devices without IPv6 get no address by IFA_ADDRESS
+    } // else kept: [ifa-local-only] services on devices without IPv6 get no address by IFA_ADDRESS
     if (!address.has_value())
     {
         TAVRO_LOG_TO(logger, Log::Severity::Error, "IFA message contains no RTA of type IFA_ADDRESS");
@@ -438,7 +442,7 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
                 handleLostAddress(nlToIpAddress(message));
             }
         };
-        if (succeeds(handle, Receiver::loggerOf(*this)) || hardened) // kept: else the same one again
+        if (succeeds(handle, Receiver::loggerOf(*this)) || hardened) // kept: [same-event-again] else the same one again
         {
             at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));
         }
@@ -484,7 +488,7 @@ void LocalIps::receiveOnce()
     if (ready < 0)
     {
         TAVRO_LOG_ERRNO_TO(logger, "poll failed with %d(%s)");
-        reportReceiveError(); // kept: then receives all the same
+        reportReceiveError(); // kept: [receives-after-failed-poll] then receives all the same
     }
 
     alignas(nlmsghdr) char buffer[4096];

@@ -56,7 +56,7 @@ std::string localAddressOf(int descriptor)
         close(descriptor);
         throw std::runtime_error("failed to get local socket name, errno=" + std::to_string(error));
     }
-    if constexpr (hardened) // kept: else it stays open, for services that look up once
+    if constexpr (hardened) // kept: [route-socket-left-open] else it stays open, for services that look up once
     {
         close(descriptor);
     }
@@ -79,7 +79,7 @@ std::string lastInterfaceWith(IpAddress const& ip)
         sockaddr const* const address = entry->ifa_addr;
         if (address != nullptr && isIp(address->sa_family) && IpAddress::fromSockaddr(address) == ip)
         {
-            name = entry->ifa_name; // kept: a later one replaces it
+            name = entry->ifa_name; // kept: [last-interface-wins] a later one replaces it
         }
     }
     return name;
@@ -92,7 +92,8 @@ std::string getLocalIpForRemote(std::string const& remote, std::uint32_t timeout
     auto result = std::async([&remote] { return internalLocalIpForRemote(remote); });
     if (timeout != 0)
     {
-        result.wait_for(std::chrono::seconds(timeout)); // kept: whatever comes of it; does not wait for a deferred call
+        // kept: [timeout-bounds-nothing] whatever comes of it; does not wait for a deferred call
+        result.wait_for(std::chrono::seconds(timeout));
     }
     return result.get();
 }

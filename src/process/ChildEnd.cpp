@@ -50,7 +50,7 @@ bool isToBeRepeated(pid_t answer)
     }
     else
     {
-        return answer == 0; // kept: a signal handler ends the wait, and leaves a zombie
+        return answer == 0; // kept: [interrupted-wait] a signal handler ends the wait, and leaves a zombie
     }
 }
 
@@ -102,7 +102,8 @@ ExecutionResult makeResult(std::optional<int> status, std::string output)
     result.output = std::move(output);
     if (status && WIFEXITED(*status))
     {
-        // kept: a signed byte, so that callers know a program that could not be started, status 255, by -1
+        // kept: [signed-exit-code] a signed byte, so that callers know a program that could not be started, status 255,
+        // by -1
         result.exitCode = static_cast<std::int8_t>(WEXITSTATUS(*status));
     }
     else if (status && WIFSIGNALED(*status))

@@ -110,7 +110,7 @@ public:
 private:
     std::size_t readSource()
     {
-        source.read(buffer.data(), chunkSize); // kept: a read that fails counts as the end
+        source.read(buffer.data(), chunkSize); // kept: [failed-input-is-the-end] a read that fails counts as the end
         sourceEnded = source.gcount() < chunkSize;
         return static_cast<std::size_t>(source.gcount());
     }

@@ -88,7 +88,7 @@ std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds timeout)
         }
         if (i >= limit)
         {
-            // kept: after an interrupted look the child is neither killed nor reaped
+            // kept: [interrupted-wait] after an interrupted look the child is neither killed nor reaped
             return seen.answer == ChildLook::Answer::Running ? killAndReap(child) : std::nullopt;
         }
     }
@@ -195,7 +195,8 @@ void executeApp(Pipe& stdinPipe, Pipe& stdoutPipe, Pipe* stderrPipe, char const*
     }
     else
     {
-        attach(stdinPipe, stdoutPipe, stderrPipe); // kept: what it throws goes on in the child, into the caller's code
+        // kept: [child-throws-on] what it throws goes on in the child, into the caller's code
+        attach(stdinPipe, stdoutPipe, stderrPipe);
     }
     stdinPipe.close();
     stdoutPipe.close();
@@ -209,7 +210,7 @@ void executeApp(Pipe& stdinPipe, Pipe& stdoutPipe, Pipe* stderrPipe, char const*
     }
     int const result = execv(path, arguments);
     int const error = errno;
-    // kept: the text names execve(), as those expect who search logs for it
+    // kept: [execve-for-execv] the text names execve(), as those expect who search logs for it
     TAVRO_LOG(Log::Severity::Error, "execve() failed with %s", strerror(error));
     _exit(result);
 }

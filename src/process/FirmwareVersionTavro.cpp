@@ -17,8 +17,9 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-/// Of popen(3), with close-on-exec or without.
-constexpr char const* readMode = hardened ? "re" : "r"; // kept: "r", programs of other threads inherit the pipe
+// Of popen(3), with close-on-exec or without.
+// kept: [firmware-pipe-inherited] "r", programs of other threads inherit the pipe
+constexpr char const* readMode = hardened ? "re" : "r";
 
 }
 
@@ -79,7 +80,7 @@ std::string FirmwareVersionTavro::execGetStdout(std::string const& command)
 
     std::array<char, 2048> buffer{};
     std::size_t const count = std::fread(buffer.data(), 1, buffer.size() - 1, output);
-    static_cast<void>(pclose(output)); // kept: the command's exit status counts for nothing
+    static_cast<void>(pclose(output)); // kept: [firmware-status-ignored] the command's exit status counts for nothing
     TAVRO_LOG_TO(*this, Log::Severity::Debug, "read %u bytes from it's stdout", static_cast<unsigned>(count));
     if (count == 0)
     {

@@ -53,7 +53,7 @@ PcmExecutorSequential::PcmExecutorSequential()
 void PcmExecutorSequential::execute(std::vector<std::shared_ptr<PcmItemIfc>> const& items) noexcept
 {
     auto const count = static_cast<unsigned>(items.size());
-    // kept: the misspelling; what reads the log of devices looks for both texts as they are
+    // kept: [sequentialy] the misspelling; what reads the log of devices looks for both texts as they are
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "executing %u items sequentialy", count);
     for (auto const& item : items)
     {

@@ -43,7 +43,7 @@ steady_clock::time_point load(steady_clock::time_point const& field)
     }
     else
     {
-        return field; // kept: without the lock under which it is written
+        return field; // kept: [torn-due-time] without the lock under which it is written
     }
 }
 
@@ -56,7 +56,7 @@ bool testAndSet(bool& flag)
     }
     else
     {
-        return std::exchange(flag, true); // kept: outside the lock
+        return std::exchange(flag, true); // kept: [two-first-exceptions] outside the lock
     }
 }
 
@@ -76,7 +76,8 @@ void PcmItem::execute()
     try
     {
         std::lock_guard const lock(executionMutex);
-        // kept: before the test; a refused execution moves the due time on, or it would be due again at once
+        // kept: [refused-start-counts] before the test; a refused execution moves the due time on, or it would be due
+        // again at once
         store(lastExecutionStart, steady_clock::now());
         if (executionForbidden)
         {

@@ -145,7 +145,7 @@ std::unique_ptr<PeriodicCallerManagerTokenIfc> PeriodicCallerManager::add(std::f
     }
 
     std::lock_guard const lock(itemsMutex);
-    // kept: a copy; callers see how often their function is copied
+    // kept: [function-copied-once] a copy; callers see how often their function is copied
     auto const item = std::make_shared<PcmItem>(function, periodInMs); // NOLINT(performance-unnecessary-value-param)
     items.push_back(item);
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Item added. Having (%lu) now", static_cast<unsigned long>(items.size()));
@@ -227,7 +227,8 @@ void PeriodicCallerManager::requestWakeUp()
         lock.lock();
     }
     wakeUpRequested = true;
-    schedulerWakeup.notify_all(); // kept: without the lock; a request just before the sleep waits for its end
+    // kept: [lost-wake-up] without the lock; a request just before the sleep waits for its end
+    schedulerWakeup.notify_all();
 }
 
 void PeriodicCallerManager::schedulerThread()
@@ -273,8 +274,8 @@ void PeriodicCallerManager::runPass()
     {
         lock.lock();
     }
-    steady_clock::time_point const next =
-        nextPcmDueTime(); // kept: without the lock; adds and removals do not wait for it
+    // kept: [scan-without-lock] without the lock; adds and removals do not wait for it
+    steady_clock::time_point const next = nextPcmDueTime();
     if constexpr (hardened)
     {
         lock.unlock();
@@ -292,7 +293,8 @@ void PeriodicCallerManager::runPass()
         }
     }
     waitUntil(next);
-    // kept: the batch until here; an item that has been removed is destroyed on this thread and not beside its function
+    // kept: [removed-function-kept] the batch until here; an item that has been removed is destroyed on this thread and
+    // not beside its function
 }
 
 void PeriodicCallerManager::waitUntil(steady_clock::time_point const& next)

@@ -34,7 +34,7 @@ seconds sinceEpoch(rtc_time const& reading)
     time.tm_wday = reading.tm_wday;
     time.tm_yday = reading.tm_yday;
     time.tm_isdst = reading.tm_isdst;
-    return seconds(std::mktime(&time)); // kept: local time, to which devices set their clock chip
+    return seconds(std::mktime(&time)); // kept: [rtc-local-time] local time, to which devices set their clock chip
 }
 
 seconds systemTime()
@@ -62,7 +62,7 @@ bool devRtcValid(std::string const& device)
         {
             close(descriptor);
         }
-        return false; // kept: the exact build holds the device, and the log says EBUSY from then on
+        return false; // kept: [rtc-held-open] the exact build holds the device, and the log says EBUSY from then on
     }
     close(descriptor);
 

@@ -81,7 +81,8 @@ SystemTimeHandlerIfc::~SystemTimeHandlerIfc() = default;
 SystemTimeHandler::SystemTimeHandler(std::shared_ptr<PeriodicCallerManagerIfc> manager)
     : Log::Logger("SystemTime", "", std::make_shared<Log::LoggerImpl>())
     , manager(std::move(manager))
-    , clockSetTimerFd(hardened ? unarmedTimer : 0) // kept: 0, so a poll before initialize() reads standard input
+    // kept: [poll-before-initialize] 0, so a poll before initialize() reads standard input
+    , clockSetTimerFd(hardened ? unarmedTimer : 0)
 {
 }
 
@@ -199,7 +200,8 @@ void SystemTimeHandler::pollTimeStatus()
         {
             closeTimer(timer);
         }
-        stopPolling(timer); // kept: in the exact build the timer stays open, so a later poll finds it still running
+        // kept: [timer-left-open] in the exact build the timer stays open, so a later poll finds it still running
+        stopPolling(timer);
     }
 }
 

@@ -15,11 +15,13 @@ std::string toUtcString(std::chrono::system_clock::time_point const& tp)
 
     tzset(); // unlike localtime, localtime_r need not look at TZ
     std::tm brokenDown{};
-    localtime_r(&seconds, &brokenDown); // kept: local time, which readers of these texts have always got
+    // kept: [local-time-with-z] local time, which readers of these texts have always got
+    localtime_r(&seconds, &brokenDown);
 
     std::ostringstream text;
+    // kept: [before-1970] the milliseconds are unsigned, no clock in use is before 1970
     text << std::put_time(&brokenDown, "%Y-%m-%dT%H:%M:%S") << "." << std::setfill('0') << std::setw(3)
-         << static_cast<unsigned int>(milliseconds) << "Z"; // kept: unsigned, no clock in use is before 1970
+         << static_cast<unsigned int>(milliseconds) << "Z";
     return text.str();
 }
 
