@@ -7,7 +7,6 @@
 #include <sys/timex.h>
 
 #include <cerrno>
-#include <cstdarg>
 
 extern "C" int adjtimex(timex* query) noexcept
 {
@@ -15,17 +14,13 @@ extern "C" int adjtimex(timex* query) noexcept
     return TIME_ERROR;
 }
 
-extern "C" int ioctlOfTest(int descriptor, unsigned long request, ...) noexcept
+extern "C" int ioctlOfTest(int descriptor, unsigned long request, void* argument) noexcept
 {
     if (request == RTC_RD_TIME)
     {
         errno = EIO;
         return -1;
     }
-    va_list arguments;
-    va_start(arguments, request);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
     return Halden::Tavro::TestSupport::systemFunction<decltype(&ioctl)>("ioctl")(descriptor, request, argument);
 }
 HALDEN_DOUBLE(ioctl, ioctlOfTest)

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -374,12 +373,8 @@ extern "C"
         return bindDouble(descriptor, address, length);
     }
 
-    int fcntlOfTest(int descriptor, int command, ...)
+    int fcntlOfTest(int descriptor, int command, void* argument)
     {
-        va_list arguments;
-        va_start(arguments, command);
-        void* const argument = va_arg(arguments, void*);
-        va_end(arguments);
         return fcntlDouble(descriptor, command, argument);
     }
 

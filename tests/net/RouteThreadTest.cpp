@@ -12,10 +12,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -60,19 +58,12 @@ extern "C"
         return pthreadCreate(thread, attributes, function, argument);
     }
 
-    long syscall(long number, ...) noexcept
+    long syscallOfTest(long number, long first, long second, long third, long fourth, long fifth, long sixth) noexcept
     {
-        va_list arguments;
-        va_start(arguments, number);
-        std::array<long, 6> values{};
-        for (auto& value : values)
-        {
-            value = va_arg(arguments, long);
-        }
-        va_end(arguments);
-        return syscallDouble(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+        return syscallDouble(number, first, second, third, fourth, fifth, sixth);
     }
 }
+HALDEN_DOUBLE(syscall, syscallOfTest)
 
 namespace
 {

@@ -6,7 +6,6 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <fstream>
 
 namespace Halden::Tavro::TestSupport
@@ -24,21 +23,13 @@ CallDouble<off64_t(int, off64_t, int)> lseekDouble{"lseek64"};
 extern "C"
 {
 
-    int openOfTest(char const* path, int flags, ...)
+    int openOfTest(char const* path, int flags, mode_t mode)
     {
-        va_list arguments;
-        va_start(arguments, flags);
-        auto const mode = va_arg(arguments, mode_t);
-        va_end(arguments);
         return openDouble(path, flags, mode);
     }
 
-    int fcntlOfTest(int descriptor, int command, ...)
+    int fcntlOfTest(int descriptor, int command, void* argument)
     {
-        va_list arguments;
-        va_start(arguments, command);
-        void* const argument = va_arg(arguments, void*);
-        va_end(arguments);
         return fcntlDouble(descriptor, command, argument);
     }
 

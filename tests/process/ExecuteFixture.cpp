@@ -3,9 +3,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdarg>
-
 namespace Halden::Tavro::TestSupport
 {
 
@@ -69,12 +66,8 @@ extern "C"
         return call(readDouble, descriptor, buffer, size);
     }
 
-    int fcntlOfTest(int descriptor, int command, ...)
+    int fcntlOfTest(int descriptor, int command, long argument)
     {
-        va_list arguments;
-        va_start(arguments, command);
-        long const argument = va_arg(arguments, long);
-        va_end(arguments);
         return call(fcntlDouble, descriptor, command, argument);
     }
 
@@ -84,22 +77,13 @@ extern "C"
     }
 
     /// Only of interest for the descriptor of a process, and the C library's own way for all else.
-    long syscall(long number, ...) noexcept
+    long syscallOfTest(long number, long first, long second, long third, long fourth, long fifth, long sixth) noexcept
     {
-        va_list values;
-        va_start(values, number);
-        std::array<long, 6> arguments{};
-        for (long& argument : arguments)
-        {
-            argument = va_arg(values, long);
-        }
-        va_end(values);
         if (number == SYS_pidfd_open && underTest)
         {
-            return pidfdOpenDouble(static_cast<pid_t>(arguments[0]), static_cast<unsigned>(arguments[1]));
+            return pidfdOpenDouble(static_cast<pid_t>(first), static_cast<unsigned>(second));
         }
-        return systemFunction<long (*)(long, ...)>("syscall")(number, arguments[0], arguments[1], arguments[2],
-                                                              arguments[3], arguments[4], arguments[5]);
+        return systemFunction<decltype(&syscall)>("syscall")(number, first, second, third, fourth, fifth, sixth);
     }
 
     pid_t waitpid(pid_t process, int* status, int options)
@@ -128,5 +112,6 @@ extern "C"
     }
 }
 HALDEN_DOUBLE(fcntl, fcntlOfTest)
+HALDEN_DOUBLE(syscall, syscallOfTest)
 
 }

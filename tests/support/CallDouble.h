@@ -163,8 +163,11 @@ private:
 /// library under test, for this program and, long before, for the C++ library; a double that has one name alone may
 /// never be called. So the function of the test gets a name that is only its own, and each of the system's by this:
 ///
-///     extern "C" int openOfTest(char const* path, int flags, ...) { return openDouble(path, flags); }
+///     extern "C" int openOfTest(char const* path, int flags, mode_t mode) { return openDouble(path, flags, mode); }
 ///     HALDEN_DOUBLE(open, openOfTest)
+///
+/// As no header knows that name, the function of the test lists the arguments that the system's takes as variable ones:
+/// whole numbers and pointers come alike either way, and mean nothing where the caller gave none.
 ///
 /// Below stand all the functions that need it, each with the names of one signature. A name in 64 stands for both where
 /// a word has 64 bits, and for the wide one alone where it has not.
@@ -175,6 +178,7 @@ private:
 #define HALDEN_DOUBLE_ioctl(function) HALDEN_NAME(function, ioctl) HALDEN_NAME(function, __ioctl_time64)
 #define HALDEN_DOUBLE_mkstemps(function) HALDEN_NAME(function, mkstemps) HALDEN_NAME(function, mkstemps64)
 #define HALDEN_DOUBLE_open(function) HALDEN_NAME(function, open) HALDEN_NAME(function, open64)
+#define HALDEN_DOUBLE_syscall(function) HALDEN_NAME(function, syscall)
 #ifdef __LP64__
 #define HALDEN_DOUBLE_clock_gettime(function) HALDEN_NAME(function, clock_gettime)
 #define HALDEN_DOUBLE_lseek64(function) HALDEN_NAME(function, lseek) HALDEN_NAME(function, lseek64)
