@@ -1,3 +1,4 @@
+#include "metrics/CapturingManager.h"
 #include "support/AllocationCount.h"
 
 #include <benchmark/benchmark.h>
@@ -16,20 +17,6 @@ using namespace std::chrono_literals;
 
 namespace
 {
-
-/// Leaves the calls to the benchmark.
-class CapturingManager : public Utils::PeriodicCallerManagerIfc
-{
-public:
-    std::unique_ptr<Utils::PeriodicCallerManagerTokenIfc> add(std::function<void()> added,
-                                                              std::chrono::duration<double> /*period*/) override
-    {
-        function = std::move(added);
-        return std::make_unique<Utils::PeriodicCallerManagerTokenIfc>();
-    }
-
-    std::function<void()> function;
-};
 
 void nothing()
 {
@@ -55,7 +42,7 @@ BENCHMARK(plainRun);
 
 void measuredRun(benchmark::State& state)
 {
-    auto const capturing = std::make_shared<CapturingManager>();
+    auto const capturing = std::make_shared<TestSupport::CapturingManager>();
     Utils::Metrics::MeasuredManager measured(capturing, std::make_shared<prometheus::Registry>());
     auto const token = measured.add("function", nothing, 1ms);
     run(state, capturing->function);

@@ -3,6 +3,7 @@
 #include "support/NetworkNamespace.h"
 #include "support/RunExample.h"
 #include "support/RunningProgram.h"
+#include "support/SkippedWhere.h"
 
 #include <gmock/gmock.h>
 
@@ -31,17 +32,7 @@ public:
     }
 };
 
-class AddressesTest : public Test
-{
-protected:
-    void SetUp() override
-    {
-        if (auto const refusal = networkNamespaceRefusal())
-        {
-            GTEST_SKIP() << *refusal;
-        }
-    }
-};
+using AddressesTest = SkippedWhere<networkNamespaceRefusal>;
 
 TEST_F(AddressesTest, PrintsEachAddressWithItsInterface)
 {

@@ -1,5 +1,6 @@
 #include "support/NetworkNamespace.h"
 #include "support/RunExample.h"
+#include "support/SkippedWhere.h"
 
 #include <gmock/gmock.h>
 
@@ -22,17 +23,7 @@ ChildResult routeTo(std::vector<std::string> const& arguments, ExampleOptions co
     return runExample(ROUTE_TO, arguments, options);
 }
 
-class RouteToLoopbackTest : public Test
-{
-protected:
-    void SetUp() override
-    {
-        if (auto const refusal = loopbackRefusal())
-        {
-            GTEST_SKIP() << *refusal;
-        }
-    }
-};
+using RouteToLoopbackTest = SkippedWhere<loopbackRefusal>;
 
 TEST_F(RouteToLoopbackTest, NamesTheLocalAddressAndItsInterface)
 {

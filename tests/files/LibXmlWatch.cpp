@@ -108,6 +108,14 @@ Made* made(char const* name, Made* object, void (*free)(Made*))
     return object;
 }
 
+/// A call of a function that makes an object of another one.
+template <typename Made, typename From>
+Made* makeOf(char const* function, char const* name, Made* (*real)(From*), From* from, void (*free)(Made*))
+{
+    note(function, {nameOf(from)});
+    return fails(function) ? nullptr : made(name, real(from), free);
+}
+
 void freed(char const* function, void const* address)
 {
     note(function, {nameOf(address)});
@@ -296,10 +304,8 @@ extern "C"
 
     xmlSchemaParserCtxtPtr xmlSchemaNewDocParserCtxt(xmlDocPtr document)
     {
-        note("xmlSchemaNewDocParserCtxt", {nameOf(document)});
-        return fails("xmlSchemaNewDocParserCtxt")
-                   ? nullptr
-                   : made("parser", REAL(xmlSchemaNewDocParserCtxt)(document), xmlSchemaFreeParserCtxt);
+        return makeOf("xmlSchemaNewDocParserCtxt", "parser", REAL(xmlSchemaNewDocParserCtxt), document,
+                      xmlSchemaFreeParserCtxt);
     }
 
     void xmlSchemaFreeParserCtxt(xmlSchemaParserCtxtPtr parser)
@@ -310,8 +316,7 @@ extern "C"
 
     xmlSchemaPtr xmlSchemaParse(xmlSchemaParserCtxtPtr parser)
     {
-        note("xmlSchemaParse", {nameOf(parser)});
-        return fails("xmlSchemaParse") ? nullptr : made("schema", REAL(xmlSchemaParse)(parser), xmlSchemaFree);
+        return makeOf("xmlSchemaParse", "schema", REAL(xmlSchemaParse), parser, xmlSchemaFree);
     }
 
     void xmlSchemaFree(xmlSchemaPtr schema)
@@ -322,10 +327,8 @@ extern "C"
 
     xmlSchemaValidCtxtPtr xmlSchemaNewValidCtxt(xmlSchemaPtr schema)
     {
-        note("xmlSchemaNewValidCtxt", {nameOf(schema)});
-        return fails("xmlSchemaNewValidCtxt")
-                   ? nullptr
-                   : made("validation", REAL(xmlSchemaNewValidCtxt)(schema), xmlSchemaFreeValidCtxt);
+        return makeOf("xmlSchemaNewValidCtxt", "validation", REAL(xmlSchemaNewValidCtxt), schema,
+                      xmlSchemaFreeValidCtxt);
     }
 
     void xmlSchemaFreeValidCtxt(xmlSchemaValidCtxtPtr validation)
@@ -353,9 +356,7 @@ extern "C"
 
     xmlXPathContextPtr xmlXPathNewContext(xmlDocPtr document)
     {
-        note("xmlXPathNewContext", {nameOf(document)});
-        return fails("xmlXPathNewContext") ? nullptr
-                                           : made("context", REAL(xmlXPathNewContext)(document), xmlXPathFreeContext);
+        return makeOf("xmlXPathNewContext", "context", REAL(xmlXPathNewContext), document, xmlXPathFreeContext);
     }
 
     void xmlXPathFreeContext(xmlXPathContextPtr context)

@@ -1,5 +1,6 @@
 #include <utils/TempDir.h>
 
+#include "MadeAtOnce.h"
 #include "UnlinkatDouble.h"
 #include "WorkingDirectory.h"
 #include "support/CallDouble.h"
@@ -9,18 +10,14 @@
 
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace Halden::Tavro::Utils
 {
@@ -195,27 +192,7 @@ TEST_F(TempDirTest, DirectoryThatIsGoneAlreadyIsFine)
 
 TEST_F(TempDirTest, DirectoriesMadeAtOnceDoNotClash)
 {
-    std::promise<void> start;
-    auto const started = start.get_future().share();
-    std::array<std::vector<std::unique_ptr<TempDir>>, 8> made;
-    std::vector<std::thread> threads;
-    for (auto& ofThread : made)
-    {
-        threads.emplace_back(
-            [&, started]
-            {
-                started.wait();
-                for (int i = 0; i < 125; ++i)
-                {
-                    ofThread.push_back(std::make_unique<TempDir>("data-", parent));
-                }
-            });
-    }
-    start.set_value();
-    for (auto& thread : threads)
-    {
-        thread.join();
-    }
+    auto made = madeAtOnce(125, [this] { return std::make_unique<TempDir>("data-", parent); });
 
     std::set<std::string> paths;
     for (auto& ofThread : made)

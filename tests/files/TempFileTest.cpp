@@ -1,5 +1,6 @@
 #include <utils/TempFile.h>
 
+#include "MadeAtOnce.h"
 #include "WorkingDirectory.h"
 #include "support/CallDouble.h"
 #include "support/LogCapture.h"
@@ -13,21 +14,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 namespace Halden::Tavro::Utils
 {
@@ -294,27 +291,7 @@ TEST_F(TempFileTest, FilesMadeAtOnceDoNotClash)
 {
     std::size_t const perThread = std::min<std::size_t>(125, (descriptorLimit() - openDescriptors() - 8) / 8);
     auto const before = openDescriptors();
-    std::promise<void> start;
-    auto const started = start.get_future().share();
-    std::array<std::vector<std::unique_ptr<TempFile>>, 8> made;
-    std::vector<std::thread> threads;
-    for (auto& ofThread : made)
-    {
-        threads.emplace_back(
-            [&, started]
-            {
-                started.wait();
-                for (std::size_t i = 0; i < perThread; ++i)
-                {
-                    ofThread.push_back(std::make_unique<TempFile>("data-", ".h5", directory));
-                }
-            });
-    }
-    start.set_value();
-    for (auto& thread : threads)
-    {
-        thread.join();
-    }
+    auto made = madeAtOnce(perThread, [this] { return std::make_unique<TempFile>("data-", ".h5", directory); });
 
     std::set<std::string> paths;
     std::set<int> descriptors;

@@ -37,14 +37,6 @@ KernelFixture::~KernelFixture()
     resetDoubles();
 }
 
-void KernelFixture::SetUp()
-{
-    if (auto const refusal = networkNamespaceRefusal())
-    {
-        GTEST_SKIP() << *refusal;
-    }
-}
-
 void KernelFixture::letSocketsHoldFewEvents()
 {
     socketDouble.replace(

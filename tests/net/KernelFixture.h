@@ -5,6 +5,7 @@
 #include "support/CallDouble.h"
 #include "support/LogCapture.h"
 #include "support/NetworkNamespace.h"
+#include "support/SkippedWhere.h"
 
 #include <gmock/gmock.h>
 
@@ -23,7 +24,7 @@ extern CallDouble<int(pollfd*, nfds_t, int)> pollDouble;
 /// Monitors of real interfaces, in a network namespace of their own; without one, the test is skipped.
 ///
 /// For test programs that list net/KernelFixture.cpp among their sources.
-class KernelFixture : public testing::Test
+class KernelFixture : public SkippedWhere<networkNamespaceRefusal>
 {
 public:
     static void resetDoubles();
@@ -31,8 +32,6 @@ public:
 protected:
     KernelFixture();
     ~KernelFixture() override;
-
-    void SetUp() override;
 
     /// Lets netlink sockets that are opened from now on hold a handful of messages instead of hundreds.
     static void letSocketsHoldFewEvents();

@@ -235,23 +235,20 @@ void expectNothingLeftBehind(std::function<void()> const& piece)
 {
     Log::LoggerProxy::instance().setThreshold(Severity::Critical); // the capture keeps what it gets
     EXPECT_EQ(pollDouble(nullptr, 0, 0), 0); // so that it has a place for its calls, even if no thread gets that far
-    std::size_t descriptors = 0;
-    std::size_t blocks = 0;
+    Holdings before{};
     std::size_t bytes = 0;
     for (int i = 0; i < 1100; ++i)
     {
         if (i == 100)
         {
-            descriptors = openDescriptors();
-            blocks = heapBlocks();
+            before = holdings();
             bytes = heapBytes();
         }
         piece();
         KernelFixture::resetDoubles(); // which remember their calls
     }
 
-    EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(heapBlocks(), blocks);
+    EXPECT_TRUE(isBackTo(before));
     EXPECT_LT(heapBytes(), bytes + 4096);
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,20 @@ protected:
     {
         Buffer const buffer(bytes);
         return sut.nlToIpAddress(buffer.messages()).string();
+    }
+
+    /// None of the messages holds an address, which is logged and thrown for each.
+    void expectNoAddressIn(std::vector<std::string> const& messages)
+    {
+        std::string const text = "IFA message contains no RTA of type IFA_ADDRESS";
+        expect(Log::Severity::Error, text);
+        for (auto const& each : messages)
+        {
+            capture.clear();
+            EXPECT_THAT([&] { addressIn(each); }, testing::ThrowsMessage<std::invalid_argument>(
+                                                      testing::StrEq("IFA message contains no IP address")));
+            EXPECT_THAT(capture.lines(), testing::ElementsAre(line(Log::Severity::Error, text)));
+        }
     }
 
     static inline std::string const noAddress =

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,14 @@ protected:
     {
         std::istringstream const input("input");
         return Utils::execute("/program", arguments, environment, input, std::chrono::hours(1));
+    }
+
+    /// A call that fails at this end, and says so in the log.
+    void expectFailureToOpen(std::string const& end, std::string const& text)
+    {
+        failToOpen(end);
+        log.expect(free(Log::Severity::Error, text));
+        EXPECT_THROW(call(), std::runtime_error);
     }
 
     /// Keeps the events of one of the two processes only.

@@ -114,10 +114,8 @@ TEST_F(ExecuteExactTest, ParentClosesEachNumberOnce)
 TEST_F(ExecuteExactTest, StdinThatCannotBeOpenedClosesEachNumberOnce)
 {
     tellOnly(false);
-    failToOpen("stdin.write");
-    log.expect(free(Severity::Error, "Failed to open pipe to stdin for write"));
 
-    EXPECT_THROW(call(), std::runtime_error);
+    expectFailureToOpen("stdin.write", "Failed to open pipe to stdin for write");
 
     EXPECT_THAT(closings(),
                 ElementsAre("close stdin.read", "close stdin.write", "close stdout.read", "close stdout.write"));
@@ -127,10 +125,8 @@ TEST_F(ExecuteExactTest, StdinThatCannotBeOpenedClosesEachNumberOnce)
 TEST_F(ExecuteExactTest, StdoutThatCannotBeOpenedClosesEachNumberOnce)
 {
     tellOnly(false);
-    failToOpen("stdout.read");
-    log.expect(free(Severity::Error, "Failed to open pipe to stdout for read"));
 
-    EXPECT_THROW(call(), std::runtime_error);
+    expectFailureToOpen("stdout.read", "Failed to open pipe to stdout for read");
 
     EXPECT_THAT(closings(),
                 ElementsAre("close stdin.read", "fclose stdin.write", "close stdout.read", "close stdout.write"));

@@ -104,10 +104,8 @@ TEST_F(ExecuteHardenedTest, StdinThatCannotBeOpenedKillsTheChildAndClosesEachNum
 {
     tellOnly(false);
     expectThatTheChildIsKilled();
-    failToOpen("stdin.write");
-    log.expect(free(Severity::Error, "Failed to open pipe to stdin for write"));
 
-    EXPECT_THROW(call(), std::runtime_error);
+    expectFailureToOpen("stdin.write", "Failed to open pipe to stdin for write");
 
     EXPECT_THAT(closings(),
                 ElementsAre("close stdin.read", "close stdin.write", "close stdout.read", "close stdout.write"));
@@ -118,10 +116,8 @@ TEST_F(ExecuteHardenedTest, StdoutThatCannotBeOpenedKillsTheChildAndClosesEachNu
 {
     tellOnly(false);
     expectThatTheChildIsKilled();
-    failToOpen("stdout.read");
-    log.expect(free(Severity::Error, "Failed to open pipe to stdout for read"));
 
-    EXPECT_THROW(call(), std::runtime_error);
+    expectFailureToOpen("stdout.read", "Failed to open pipe to stdout for read");
 
     EXPECT_THAT(closings(),
                 ElementsAre("close stdin.read", "close stdin.write", "close stdout.read", "close stdout.write"));

@@ -325,8 +325,7 @@ TEST_F(ExecuteProgramTest, RunsInARowLeaveNothingBehind)
     constexpr std::size_t runs = 300;
     run("/bin/cat", {}, "text");
     log.clear();
-    auto const descriptors = openDescriptors();
-    auto const blocks = heapBlocks();
+    auto const before = holdings();
 
     for (std::size_t i = 0; i < runs; ++i)
     {
@@ -335,8 +334,7 @@ TEST_F(ExecuteProgramTest, RunsInARowLeaveNothingBehind)
     }
 
     EXPECT_FALSE(hasChildren());
-    EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(heapBlocks(), blocks);
+    EXPECT_TRUE(isBackTo(before));
 }
 
 }

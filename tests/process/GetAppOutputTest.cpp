@@ -31,6 +31,18 @@ using testing::ThrowsMessage;
 
 class GetAppOutputTest : public GetAppOutputFixture
 {
+protected:
+    /// A call that fails at this end, and says so in the log and by its exception.
+    void expectFailureToOpen(std::string const& end, std::string const& text)
+    {
+        failToOpen(end);
+        auto const line = free(Severity::Error, text);
+        log.expect(line);
+
+        EXPECT_THAT([this] { call(); }, ThrowsMessage<std::runtime_error>(StrEq(text)));
+
+        EXPECT_EQ(log.lines().back(), line);
+    }
 };
 
 TEST_F(GetAppOutputTest, ChildThatEndsByItselfLeavesThreeLines)
@@ -152,13 +164,9 @@ TEST_F(GetAppOutputTest, LostChildIsLoggedThrowsTheReasonAndIsNotKilled)
 TEST_F(GetAppOutputTest, StdinThatCannotBeOpenedIsLoggedThrowsAndStaysWithItsPipe)
 {
     int const number = numbersOf(stdinPipe).write;
-    failToOpen("stdin.write");
-    auto const line = free(Severity::Error, "Failed to open pipe to stdin for write");
-    log.expect(line);
 
-    EXPECT_THAT([this] { call(); }, ThrowsMessage<std::runtime_error>(StrEq("Failed to open pipe to stdin for write")));
+    expectFailureToOpen("stdin.write", "Failed to open pipe to stdin for write");
 
-    EXPECT_EQ(log.lines().back(), line);
     EXPECT_EQ(numbersOf(stdinPipe).write, number);
     EXPECT_EQ(closeDouble.count(), 0U);
     EXPECT_EQ(fcloseDouble.count(), 0U);
@@ -167,13 +175,9 @@ TEST_F(GetAppOutputTest, StdinThatCannotBeOpenedIsLoggedThrowsAndStaysWithItsPip
 TEST_F(GetAppOutputTest, StdoutThatCannotBeOpenedIsLoggedThrowsAndStaysWithItsPipe)
 {
     int const number = numbersOf(stdoutPipe).read;
-    failToOpen("stdout.read");
-    auto const line = free(Severity::Error, "Failed to open pipe to stdout for read");
-    log.expect(line);
 
-    EXPECT_THAT([this] { call(); }, ThrowsMessage<std::runtime_error>(StrEq("Failed to open pipe to stdout for read")));
+    expectFailureToOpen("stdout.read", "Failed to open pipe to stdout for read");
 
-    EXPECT_EQ(log.lines().back(), line);
     EXPECT_EQ(numbersOf(stdoutPipe).read, number);
     EXPECT_EQ(numbersOf(stdinPipe).write, -1);
 }

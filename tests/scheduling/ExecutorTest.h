@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scheduling/ThreadDoubles.h"
+#include "support/LogCapture.h"
 
 #include <utils/PcmExecutor.h>
 
@@ -47,6 +48,15 @@ public:
 inline std::shared_ptr<Utils::PcmItemIfc> makeItem(std::function<void()> function)
 {
     return std::make_shared<Utils::PcmItem>(std::move(function), std::chrono::milliseconds(1));
+}
+
+/// What an executor logs about a batch, down to the given severity.
+inline std::vector<LogLine> linesAbout(Batch const& batch, Utils::PeriodicCallerManagerExecutorIfc& executor,
+                                       Log::Severity mostVerbose = Log::Severity::Trace)
+{
+    LogCapture const log(mostVerbose);
+    executor.execute(batch);
+    return log.lines();
 }
 
 class ExecutorTest : public testing::Test

@@ -31,13 +31,10 @@ constexpr auto loggerName = "Halden::Tavro::Utils::PcmExecutorSequential";
 // kept: "sequentialy"; what reads the log looks for it
 TEST_F(PcmExecutorSequentialTest, EmptyBatchLogsBothLinesWithTheCountZero)
 {
-    LogCapture const log;
     PcmExecutorSequential sut;
 
-    sut.execute({});
-
-    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Trace, loggerName, "executing 0 items sequentialy"),
-                                         isLine(Severity::Trace, loggerName, "executed 0 items sequentialy")));
+    EXPECT_THAT(linesAbout({}, sut), ElementsAre(isLine(Severity::Trace, loggerName, "executing 0 items sequentialy"),
+                                                 isLine(Severity::Trace, loggerName, "executed 0 items sequentialy")));
 }
 
 TEST_F(PcmExecutorSequentialTest, ItemsRunInTheirOrderBetweenTheTwoLines)
@@ -69,12 +66,9 @@ TEST_F(PcmExecutorSequentialTest, ItemsRunOnTheCallingThread)
 
 TEST_F(PcmExecutorSequentialTest, LogsNothingBelowTrace)
 {
-    LogCapture const log(Severity::Debug);
     PcmExecutorSequential sut;
 
-    sut.execute({makeItem([] {})});
-
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(linesAbout({makeItem([] {})}, sut, Severity::Debug), IsEmpty());
 }
 
 TEST_F(PcmExecutorSequentialTest, MakesNoThread)

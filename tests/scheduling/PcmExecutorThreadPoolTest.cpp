@@ -53,13 +53,11 @@ bool isReadyWithin(std::future<void> const& future, std::chrono::milliseconds ti
 
 TEST_F(PcmExecutorThreadPoolTest, EmptyBatchLogsBothLinesWithTheCountZero)
 {
-    LogCapture const log;
     PcmExecutorThreadPool sut;
 
-    sut.execute({});
-
-    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Trace, loggerName, "executing 0 items using thread pool"),
-                                         isLine(Severity::Trace, loggerName, "executed 0 items using thread pool")));
+    EXPECT_THAT(linesAbout({}, sut),
+                ElementsAre(isLine(Severity::Trace, loggerName, "executing 0 items using thread pool"),
+                            isLine(Severity::Trace, loggerName, "executed 0 items using thread pool")));
 }
 
 TEST_F(PcmExecutorThreadPoolTest, AllItemsRunBetweenTheTwoLines)
@@ -84,12 +82,9 @@ TEST_F(PcmExecutorThreadPoolTest, AllItemsRunBetweenTheTwoLines)
 
 TEST_F(PcmExecutorThreadPoolTest, LogsNothingBelowTrace)
 {
-    LogCapture const log(Severity::Debug);
     PcmExecutorThreadPool sut;
 
-    sut.execute({makeItem([] {})});
-
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(linesAbout({makeItem([] {})}, sut, Severity::Debug), IsEmpty());
 }
 
 TEST_F(PcmExecutorThreadPoolTest, HasSixThreadsPerHardwareThread)

@@ -12,7 +12,6 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -152,6 +151,21 @@ protected:
     {
     }
 
+    /// Registers a function that owns the service, like nobody else from then on, and destroys its own token.
+    static void addFunctionThatEndsItself(std::shared_ptr<Service> service)
+    {
+        std::promise<void> registered;
+        service->token = service->manager->add(
+            [service, registering = registered.get_future().share()]
+            {
+                registering.get();
+                service->token.reset();
+            },
+            longPeriod);
+        service.reset();
+        registered.set_value();
+    }
+
     /// Each manager has one thread, and each pool as many as it likes: all of them are gone.
     void expectEnded()
     {
@@ -213,17 +227,9 @@ TEST_P(PeriodicCallerManagerEndHardenedTest, FunctionMayHoldTheManagerAndEndItsO
 {
     auto service = std::make_shared<Service>();
     std::weak_ptr<Service> const watched = service;
-    std::promise<void> registered;
     service->manager = makeAsleep(GetParam());
-    service->token = service->manager->add(
-        [service, registering = registered.get_future().share()]
-        {
-            registering.get();
-            service->token.reset();
-        },
-        longPeriod);
-    service.reset();
-    registered.set_value();
+
+    addFunctionThatEndsItself(std::move(service));
 
     EXPECT_TRUE(waitFor([&watched] { return watched.expired(); }));
     expectEnded();
@@ -233,19 +239,11 @@ TEST_P(PeriodicCallerManagerEndHardenedTest, RemovedFunctionMayHoldTheManagerAnd
 {
     auto service = std::make_shared<Service>();
     std::weak_ptr<Service> const watched = service;
-    std::promise<void> registered;
     std::atomic<int> ticks{0};
     service->manager = makeAsleep(GetParam());
     service->other = service->manager->add([&ticks] { ++ticks; }, 20ms); // its due time ends the sleep
-    service->token = service->manager->add(
-        [service, registering = registered.get_future().share()]
-        {
-            registering.get();
-            service->token.reset();
-        },
-        longPeriod);
-    service.reset();
-    registered.set_value();
+
+    addFunctionThatEndsItself(std::move(service));
 
     EXPECT_TRUE(waitFor([&watched] { return watched.expired(); }));
     EXPECT_GT(ticks, 0);

@@ -1,4 +1,5 @@
 #include "scheduling/CallerTest.h"
+#include "scheduling/HeldCall.h"
 #include "support/Resources.h"
 
 #include <utils/PeriodicCaller.h>
@@ -86,19 +87,17 @@ TEST_F(PeriodicCallerStartStopTest, StopBetweenTheWorkersLastLookAndItsWaitIsNot
 
 TEST_F(PeriodicCallerStartStopTest, StopReturnsOnlyAfterTheCallInProgress)
 {
-    std::promise<void> entered;
-    std::promise<void> release;
+    HeldCall held;
     std::atomic<bool> finished{false};
     skippedWaits = 1;
     PeriodicCaller sut(1h, "led",
-                       [&, mayEnd = release.get_future().share()](auto const&)
+                       [&](auto const&)
                        {
-                           entered.set_value();
-                           mayEnd.wait_for(20s);
+                           held();
                            finished = true;
                        });
     sut.start();
-    ASSERT_TRUE(becomesReady(entered.get_future()));
+    ASSERT_TRUE(held.awaitEntered());
 
     auto stopped = std::async(std::launch::async,
                               [&]
@@ -108,26 +107,24 @@ TEST_F(PeriodicCallerStartStopTest, StopReturnsOnlyAfterTheCallInProgress)
                               });
     EXPECT_TRUE(log.waitFor(stopping));
     EXPECT_FALSE(becomesReady(stopped, 50ms));
-    release.set_value();
+    held.release();
 
     EXPECT_TRUE(stopped.get());
 }
 
 TEST_F(PeriodicCallerStartStopTest, StartDuringACallWaitsForItsEndAndThrows)
 {
-    std::promise<void> entered;
-    std::promise<void> release;
+    HeldCall held;
     std::atomic<bool> finished{false};
     skippedWaits = 1;
     PeriodicCaller sut(1h, "led",
-                       [&, mayEnd = release.get_future().share()](auto const&)
+                       [&](auto const&)
                        {
-                           entered.set_value();
-                           mayEnd.wait_for(20s);
+                           held();
                            finished = true;
                        });
     sut.start();
-    ASSERT_TRUE(becomesReady(entered.get_future()));
+    ASSERT_TRUE(held.awaitEntered());
     log.clear();
 
     auto secondStart = std::async(std::launch::async,
@@ -138,7 +135,7 @@ TEST_F(PeriodicCallerStartStopTest, StartDuringACallWaitsForItsEndAndThrows)
                                   });
     EXPECT_TRUE(log.waitFor(debugLine("+start()")));
     EXPECT_FALSE(becomesReady(secondStart, 50ms));
-    release.set_value();
+    held.release();
 
     EXPECT_TRUE(secondStart.get());
 }
@@ -225,18 +222,14 @@ TEST_F(PeriodicCallerStartStopTest, AHundredStartsAndStopsLeaveNothingBehind)
         sut.stop();
     };
     startAndStopOne(); // the doubles keep a block for their records from now on
-    auto const descriptors = openDescriptors();
-    auto const threads = runningThreads();
-    auto const blocks = heapBlocks();
+    auto const before = holdings();
 
     for (int i = 0; i < 100; ++i)
     {
         startAndStopOne();
     }
 
-    EXPECT_EQ(heapBlocks(), blocks);
-    EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_TRUE(waitFor([&] { return runningThreads() <= threads; })); // a joined thread is listed a moment longer
+    EXPECT_TRUE(isBackTo(before));
     EXPECT_EQ(pthreadCreate.count(), 101U);
     EXPECT_GT(heapAllocations(), 100U); // they are counted at all
 }

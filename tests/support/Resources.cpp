@@ -1,6 +1,7 @@
 #include "support/Resources.h"
 
 #include "support/HeapCounters.h"
+#include "support/WaitFor.h"
 
 #include <malloc.h>
 
@@ -62,6 +63,24 @@ std::size_t heapBytes()
 {
     auto const state = mallinfo2();
     return state.uordblks + state.hblkhd;
+}
+
+Holdings holdings()
+{
+    return {heapBlocks(), openDescriptors(), runningThreads()};
+}
+
+testing::AssertionResult isBackTo(Holdings const& before)
+{
+    waitFor([&before] { return runningThreads() <= before.threads; });
+    Holdings const now = holdings();
+    if (now.blocks == before.blocks && now.descriptors == before.descriptors && now.threads <= before.threads)
+    {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "blocks " << before.blocks << " -> " << now.blocks << ", descriptors "
+                                       << before.descriptors << " -> " << now.descriptors << ", threads "
+                                       << before.threads << " -> " << now.threads;
 }
 
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 
 namespace Halden::Tavro::TestSupport
@@ -20,5 +22,19 @@ std::size_t heapBlocks();
 
 /// What is allocated of the heap, by whomever; 0 with a sanitizer, which has a heap of its own.
 std::size_t heapBytes();
+
+/// What a process holds: blocks of operator new where they are counted, see heapAllocations(), descriptors and threads.
+struct Holdings
+{
+    std::size_t blocks;
+    std::size_t descriptors;
+    std::size_t threads;
+};
+
+Holdings holdings();
+
+/// Whether the process holds what it held before. A thread that has been joined is listed a moment longer, and so may
+/// have been counted before: none but further threads fail, and only when they stay.
+testing::AssertionResult isBackTo(Holdings const& before);
 
 }

@@ -1,12 +1,12 @@
 #include "time/ClockFixture.h"
 
-#include <fcntl.h>
+#include <utils/SystemTimeHandler.h>
+
 #include <linux/rtc.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <utility>
 
 namespace Halden::Tavro::TestSupport
@@ -120,6 +120,23 @@ void ClockFixture::letClockDeviceFail()
         });
 }
 
+void ClockFixture::letClockDeviceNotAnswer()
+{
+    devices = {"/dev/rtc0"};
+    ioctlDouble.failCall(1, -1, EINVAL);
+    letLoggingChangeErrno();
+}
+
+void ClockFixture::expectUnreadable(std::string const& device, std::string const& reason)
+{
+    auto const line = isLine(Log::Severity::Error, "", "Reading " + device + " failed with errno " + reason);
+    log.expect(line);
+
+    EXPECT_FALSE(Utils::devRtcValid(device));
+
+    EXPECT_THAT(log.lines(), testing::ElementsAre(line));
+}
+
 void ClockFixture::useRealTimers()
 {
     timerfdCreateDouble.reset();
@@ -174,26 +191,14 @@ extern "C"
         return adjtimexDouble(query);
     }
 
-    int openOfTest(char const* path, int flags, ...)
+    int openOfTest(char const* path, int flags, mode_t mode)
     {
-        mode_t mode = 0;
-        if ((flags & (O_CREAT | O_TMPFILE)) != 0)
-        {
-            va_list arguments;
-            va_start(arguments, flags);
-            mode = va_arg(arguments, mode_t);
-            va_end(arguments);
-        }
         return isDevice(path) ? openDouble(path, flags, mode)
                               : systemFunction<int (*)(char const*, int, ...)>("open")(path, flags, mode);
     }
 
-    int ioctlOfTest(int descriptor, unsigned long request, ...) noexcept
+    int ioctlOfTest(int descriptor, unsigned long request, void* argument) noexcept
     {
-        va_list arguments;
-        va_start(arguments, request);
-        void* const argument = va_arg(arguments, void*);
-        va_end(arguments);
         return isUnderTest(descriptor)
                    ? ioctlDouble(descriptor, request, argument)
                    : systemFunction<int (*)(int, unsigned long, ...)>("ioctl")(descriptor, request, argument);

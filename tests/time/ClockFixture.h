@@ -53,6 +53,13 @@ protected:
     /// closing.
     void letClockDeviceFail();
 
+    /// That device is there but does not answer, and logging changes errno.
+    void letClockDeviceNotAnswer();
+
+    /// Lets the device be judged, which must find it unreadable and say so in one line, for a reason such as
+    /// "13 (Permission denied)".
+    void expectUnreadable(std::string const& device, std::string const& reason);
+
     /// From now on the timers are the kernel's.
     static void useRealTimers();
 
