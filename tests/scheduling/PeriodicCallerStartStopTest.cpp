@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -23,7 +24,26 @@ using namespace std::chrono_literals;
 using namespace testing;
 using namespace TestSupport;
 
-using PeriodicCallerStartStopTest = CallerTest;
+class PeriodicCallerStartStopTest : public CallerTest
+{
+protected:
+    /// A caller on the way into its first call, which goes on until it is released.
+    std::unique_ptr<PeriodicCaller> startIntoACall()
+    {
+        skippedWaits = 1;
+        auto caller = std::make_unique<PeriodicCaller>(1h, "led",
+                                                       [this](auto const&)
+                                                       {
+                                                           held();
+                                                           finished = true;
+                                                       });
+        caller->start();
+        return caller;
+    }
+
+    HeldCall held;
+    std::atomic<bool> finished{false};
+};
 
 TEST_F(PeriodicCallerStartStopTest, SecondStartThrowsAndLeavesTheWorkerAlone)
 {
@@ -87,22 +107,13 @@ TEST_F(PeriodicCallerStartStopTest, StopBetweenTheWorkersLastLookAndItsWaitIsNot
 
 TEST_F(PeriodicCallerStartStopTest, StopReturnsOnlyAfterTheCallInProgress)
 {
-    HeldCall held;
-    std::atomic<bool> finished{false};
-    skippedWaits = 1;
-    PeriodicCaller sut(1h, "led",
-                       [&](auto const&)
-                       {
-                           held();
-                           finished = true;
-                       });
-    sut.start();
+    auto const sut = startIntoACall();
     ASSERT_TRUE(held.awaitEntered());
 
     auto stopped = std::async(std::launch::async,
                               [&]
                               {
-                                  sut.stop();
+                                  sut->stop();
                                   return finished.load();
                               });
     EXPECT_TRUE(log.waitFor(stopping));
@@ -114,23 +125,14 @@ TEST_F(PeriodicCallerStartStopTest, StopReturnsOnlyAfterTheCallInProgress)
 
 TEST_F(PeriodicCallerStartStopTest, StartDuringACallWaitsForItsEndAndThrows)
 {
-    HeldCall held;
-    std::atomic<bool> finished{false};
-    skippedWaits = 1;
-    PeriodicCaller sut(1h, "led",
-                       [&](auto const&)
-                       {
-                           held();
-                           finished = true;
-                       });
-    sut.start();
+    auto const sut = startIntoACall();
     ASSERT_TRUE(held.awaitEntered());
     log.clear();
 
     auto secondStart = std::async(std::launch::async,
                                   [&]
                                   {
-                                      EXPECT_THAT([&] { sut.start(); }, throwsAlreadyStarted("led"));
+                                      EXPECT_THAT([&] { sut->start(); }, throwsAlreadyStarted("led"));
                                       return finished.load();
                                   });
     EXPECT_TRUE(log.waitFor(debugLine("+start()")));
