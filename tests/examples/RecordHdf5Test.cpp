@@ -69,7 +69,11 @@ TEST_F(RecordHdf5Test, FileThatCannotBeWrittenIsNamedWithTheReason)
     H5::H5File const locked(path, H5F_ACC_TRUNC);
     auto const other = runExample(RECORD_HDF5, {path});
     EXPECT_EQ(other.exitCode, 1);
-    EXPECT_EQ(other.output, "record_hdf5: " + path + ": H5File constructor: H5Fcreate failed\n");
+    EXPECT_EQ(other.output, "record_hdf5: " + path + ": unable to lock file: Resource temporarily unavailable\n");
+
+    auto const full = runExample(RECORD_HDF5, {"/dev/full"});
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_EQ(full.output, "record_hdf5: /dev/full: file write failed: No space left on device\n");
 }
 
 TEST_F(RecordHdf5Test, BadOptionsEndItWithASentenceAndStatusTwo)
