@@ -183,15 +183,25 @@ steady_clock::time_point PeriodicCallerManager::nextPcmDueTime() const
 std::vector<std::shared_ptr<PcmItemIfc>> PeriodicCallerManager::dueUntil(steady_clock::time_point const& until)
 {
     std::vector<std::shared_ptr<PcmItemIfc>> due;
+    bool inOrder = true; // as functions are that ran in turn
+    auto last = steady_clock::time_point::min();
     std::lock_guard const lock(itemsMutex);
     due.reserve(items.size());
-    std::copy_if(items.begin(), items.end(), std::back_inserter(due),
-                 [&until](auto const& item) { return item->nextDueTime() <= until; });
-    auto const isEarlier = [](auto const& left, auto const& right)
-    { return left->nextDueTime() < right->nextDueTime(); };
-    if (!std::is_sorted(due.begin(), due.end(), isEarlier)) // functions that ran in turn are due in turn
+    for (auto const& item : items)
     {
-        std::sort(due.begin(), due.end(), isEarlier);
+        steady_clock::time_point const time = item->nextDueTime();
+        if (time <= until)
+        {
+            due.push_back(item);
+            inOrder = inOrder && last <= time;
+            last = time;
+        }
+    }
+    if (!inOrder)
+    {
+        // Asks again, rather than to keep the answers in memory beside the batch.
+        std::sort(due.begin(), due.end(),
+                  [](auto const& left, auto const& right) { return left->nextDueTime() < right->nextDueTime(); });
     }
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "dueInPeriod: (%lu) items", static_cast<unsigned long>(due.size()));
     return due;
