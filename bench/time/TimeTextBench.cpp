@@ -61,7 +61,7 @@ void timeText(benchmark::State& state, char const* zone)
 BENCHMARK_CAPTURE(timeText, TzSet, "UTC0");
 BENCHMARK_CAPTURE(timeText, TzUnset, nullptr);
 
-/// The same break-down, without a stream and without the milliseconds.
+/// The same break-down, without the milliseconds.
 void timeTextStrftime(benchmark::State& state, char const* zone)
 {
     Zone const set(zone);

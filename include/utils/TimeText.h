@@ -8,7 +8,7 @@
 namespace Halden::Tavro::Utils
 {
 
-/// The time point in the form 2024-03-05T07:08:09.045Z. Builds a string stream per call: not for hot paths.
+/// The time point in the form 2024-03-05T07:08:09.045Z. The look at the time zone costs most of it.
 ///
 /// Despite the name and the "Z" the text is local time, UTC only where the process's time zone (`TZ`) is UTC. The zone
 /// is looked up anew on each call. A time that the target's time_t cannot hold (with 32 bits: after January 2038)

@@ -7,8 +7,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
+#include <cstddef>
+#include <cstdio>
 #include <ctime>
+#include <limits>
 #include <random>
 #include <string>
 #include <thread>
@@ -101,21 +103,50 @@ TEST_F(TimeTextTest, FiveMillisecondsPastASecondLookTheSameInEveryZone)
     }
 }
 
+/// What the C library makes of it.
+std::string systemsTextOf(std::chrono::nanoseconds sinceEpoch)
+{
+    auto const second = static_cast<std::time_t>(std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count());
+    auto const millisecond = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count() % 1000;
+    std::array<char, 64> text{};
+    std::size_t const length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", std::localtime(&second));
+    static_cast<void>(
+        std::snprintf(text.data() + length, text.size() - length, ".%03uZ", static_cast<unsigned>(millisecond)));
+    return text.data();
+}
+
 TEST_F(TimeTextTest, AgreesWithTheSystemInEveryZone)
 {
+    using Count = std::chrono::nanoseconds::rep;
     std::mt19937_64 random(20240305);
-    std::uniform_int_distribution<std::int64_t> anySecond(-2'000'000'000, 2'000'000'000); // also a time_t of 32 bits
+    std::uniform_int_distribution<Count> anySecond(-2'000'000'000, 2'000'000'000); // also a time_t of 32 bits
+    std::uniform_int_distribution<Count> anyTime(std::numeric_limits<Count>::min(), std::numeric_limits<Count>::max());
     for (char const* const name : {utc, berlin, newYork, kathmandu, hawaii})
     {
         zone.set(name);
         tzset();
         for (int i = 0; i < 2000; ++i)
         {
-            auto const second = static_cast<std::time_t>(anySecond(random));
-            std::array<char, 32> expected{};
-            ASSERT_GT(
-                std::strftime(expected.data(), expected.size(), "%Y-%m-%dT%H:%M:%S.000Z", std::localtime(&second)), 0U);
-            ASSERT_EQ(textOf(std::chrono::seconds(second)), expected.data()) << name;
+            auto const second = std::chrono::seconds(anySecond(random));
+            ASSERT_EQ(textOf(second), systemsTextOf(second)) << name;
+            auto const time = std::chrono::nanoseconds(anyTime(random));
+            ASSERT_EQ(textOf(time), systemsTextOf(time)) << name << ", " << time.count();
+        }
+    }
+}
+
+TEST_F(TimeTextTest, AgreesWithTheSystemAtTheBordersOfWhatTheClockAndATimeOf32BitsHold)
+{
+    zone.set(berlin);
+    tzset();
+    std::chrono::nanoseconds const last32Bits = 2'147'483'647s;
+
+    for (auto const border : {std::chrono::nanoseconds::min() + 1s, -last32Bits, 0ns, 951'782'400'000'000'000ns,
+                              last32Bits, std::chrono::nanoseconds::max() - 1s})
+    {
+        for (auto const distance : {-1s + 0ns, -1ms + 0ns, -1ns, 0ns, 1ns, 1ms - 1ns, 1ms + 0ns, 1s - 1ns, 1s + 0ns})
+        {
+            EXPECT_EQ(textOf(border + distance), systemsTextOf(border + distance)) << (border + distance).count();
         }
     }
 }
