@@ -2,10 +2,11 @@
 
 #include <log/Logger.h>
 
+#include "Fuzz.h"
+
 #include <libxml/xmlerror.h>
 
 #include <cstddef>
-#include <cstdlib>
 
 namespace Halden::Tavro::TestSupport
 {
@@ -13,14 +14,6 @@ namespace Halden::Tavro::TestSupport
 /// Documents any longer fill the memory, as their entities are expanded, or make a validation message that does not fit
 /// into its buffer, which ends the process.
 constexpr std::size_t longestDocument = 2048;
-
-inline void require(bool condition)
-{
-    if (!condition)
-    {
-        std::abort();
-    }
-}
 
 inline void ignore(void* /*data*/, char const* /*format*/, ...) {}
 
