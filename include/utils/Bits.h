@@ -7,7 +7,7 @@
 namespace Halden::Tavro::Utils::Bits
 {
 
-/// The low `width` bits set; all bits from width 32 on.
+/// The low `width` bits set. From width 32 on, all bits are.
 constexpr unsigned int bitmask(unsigned int width)
 {
     unsigned int const allOnes = ~0U;

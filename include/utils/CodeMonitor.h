@@ -16,17 +16,19 @@ namespace Halden::Tavro::Utils
 /// An unsigned number or a pointer, and which of the two it is.
 struct RuntimeTypedData
 {
+    /// What the value is.
     enum class Type : std::uint32_t
     {
-        None = 0,
-        Uint64 = 1,
-        Pointer = 2
+        None = 0,   ///< nothing
+        Uint64 = 1, ///< a number
+        Pointer = 2 ///< a pointer
     };
 
+    /// The value, as the one or the other.
     union Value
     {
-        unsigned long long uint64;
-        void* pointer;
+        unsigned long long uint64; ///< the number
+        void* pointer;             ///< the pointer
     };
 
     Value value{};         ///< zero in an empty value
@@ -45,14 +47,14 @@ struct RuntimeTypedData
 ///     }
 ///     monitor.openBarrier();
 ///
-/// Threads: one controller and one monitored thread. The arguments are guarded by no lock but by their order: the
-/// monitored code sets them before it crosses, the controller reads them while it is held. So the controller closes
-/// only while the monitored code is not setting arguments; and once the monitored code has been released, it may set
-/// arguments only when the controller reads them no more. The monitor outlives every crossing.
+/// Threads: one controller and one monitored thread. No lock guards the arguments, only their order in time: the
+/// monitored code sets them before it crosses, and the controller reads them while it holds it. So the controller must
+/// not close the barrier while the monitored code sets arguments; and a released monitored code may set arguments only
+/// when the controller no longer reads them. The monitor outlives every crossing.
 ///
 /// Hazards of the exact build:
-/// The controller also lets a released crossBarrier() return before it closes again. Otherwise the monitored code may
-/// not have noticed the opening: it then stays held without counting as trapped, until the next opening.
+/// - A released thread may not have noticed the opening when the barrier is closed again. It is then held without
+///   counting as trapped, until the next opening. So close again only after the released crossBarrier() has returned.
 class HALDEN_CPPUTILS_EXPORT CodeMonitor
 {
 public:
@@ -69,7 +71,7 @@ public:
 
     /// Monitored code: blocks while the barrier is closed. When it is open this costs one atomic read.
     ///
-    /// The opening is noticed at once, or in the rare case that its notification is missed, within 50 ms.
+    /// The opening is noticed at once, or within 50 ms in the rare case that its notification is missed.
     ///
     /// @return whether the barrier was closed
     bool crossBarrier() { return closed && waitForRelease(); }
@@ -83,16 +85,23 @@ public:
     /// @return whether a thread has reached the closed barrier
     bool trappedAtBarrier();
 
-    /// Controller: looks 50 times whether a thread is trapped, with a fiftieth of the time-out between the looks, in
-    /// whole milliseconds: 99 ms are over after 50. Below 50 ms the looks follow one another at once. The last pause is
-    /// followed by no look.
+    /// Controller: waits for a thread to be trapped, by looking 50 times.
+    ///
+    /// Each look is followed by a pause of a fiftieth of the time-out in whole milliseconds: 99 ms are over after 50,
+    /// and below 50 ms there are no pauses. Nobody looks after the last pause.
+    ///
+    /// @return whether a look has found one
     bool waitTrapped(std::chrono::milliseconds const& timeout);
 
     /// Monitored code: publishes a value in place of an earlier one of that name.
     ///
     /// A literal zero must say what it is, 0ULL or nullptr.
     void setArgument(std::string const& argument, RuntimeTypedData value);
+
+    /// The same for a number.
     void setArgument(std::string const& argument, unsigned long long value);
+
+    /// The same for a pointer.
     void setArgument(std::string const& argument, void* value);
 
     /// Controller: the value itself, valid until the barrier is closed again.

@@ -14,51 +14,66 @@ class HALDEN_CPPUTILS_EXPORT FirmwareVersionIfc
 public:
     virtual ~FirmwareVersionIfc();
 
+    /// The version of the firmware.
     virtual std::string version() const = 0;
 
     /// What an update must be made for.
     virtual std::string compatibleId() const = 0;
 };
 
-/// Asks the device's own commands with popen(3), found in PATH: tavro-fw-version, and rauc status for
-/// RAUC_SYSTEM_COMPATIBLE.
+/// Asks the device's own commands, by popen(3).
 ///
 ///     FirmwareVersionTavro firmware;
-///     if (!firmware.init()) ... // the log says why
-///     firmware.version();
+///     if (firmware.init()) // else the log says why
+///     {
+///         use(firmware.version());
+///     }
 ///
-/// Threads: init() excludes every other use; afterwards version() and compatibleId() may be called from any thread.
+/// | Value          | Command, found in PATH                              |
+/// |----------------|-----------------------------------------------------|
+/// | version()      | tavro-fw-version                                    |
+/// | compatibleId() | rauc status, of which RAUC_SYSTEM_COMPATIBLE counts |
 ///
-/// A command's exit status counts for nothing: whatever it prints is the answer, and only silence is a failure. Of what
-/// it prints the first 2047 bytes up to the first NUL are taken, without their newlines, so that several lines become
-/// one. Compare the values with what is expected before relying on them. A command that goes on printing is ended by
-/// SIGPIPE, or sees its write fail with EPIPE where it, or this process, ignores that signal.
+/// Threads: init() must not run beside any other use. Afterwards version() and compatibleId() may be called from any
+/// thread.
+///
+/// Limits:
+/// - Whatever a command prints is the answer, whatever its exit status; only silence is a failure. Compare the values
+///   with what is expected before relying on them.
+/// - Only the first 2047 bytes count, up to the first NUL and without their newlines: several lines become one.
+/// - A command that prints more is ended by SIGPIPE. Where it or this process ignores that signal, its write fails with
+///   EPIPE instead.
 ///
 /// Hazards of the exact build:
-/// A program that another thread starts meanwhile inherits the reading end of the command's
-/// pipe, so that a command that goes on printing does not end before that program.
+/// - A program that another thread starts meanwhile inherits the reading end of the command's pipe. A command that goes
+///   on printing then does not end before that program.
 class HALDEN_CPPUTILS_EXPORT FirmwareVersionTavro : public FirmwareVersionIfc, protected virtual Log::Logger
 {
 public:
     FirmwareVersionTavro();
     ~FirmwareVersionTavro() override;
 
-    /// Runs both commands, one after the other, and blocks until each has ended, without a limit of time. May be called
-    /// again; a value that cannot be had stays what it was.
+    /// Runs both commands, one after the other, and waits for their ends without a time limit. May be called again;
+    /// where a command fails, its value stays what it was.
     ///
-    /// @return whether both values were had
+    /// @return whether both commands gave their values
     bool init();
 
-    /// Empty until init() has had it.
+    /// Empty until init() has read it.
     std::string version() const override;
 
-    /// Empty until init() has had it.
+    /// Empty until init() has read it.
     std::string compatibleId() const override;
 
 protected:
+    /// The first half of init().
     bool initVersion();
+
+    /// The second half of init().
     bool initCompatibleId();
 
+    /// Runs a command, and waits for its end without a time limit.
+    ///
     /// @param command a line for the shell
     /// @return the start of its standard output, without newlines
     /// @throws std::runtime_error "Command failed." when no shell can be started, "Failed to read command output." when

@@ -22,34 +22,36 @@ public:
     Hdf5LibraryLock(Hdf5LibraryLock const&) = delete;
     Hdf5LibraryLock& operator=(Hdf5LibraryLock const&) = delete;
 
-    /// To be called on the thread that has locked.
+    /// Releases the mutex. To be called on the thread that has locked it.
     ~Hdf5LibraryLock();
 
 private:
     std::mutex& mutex;
 };
 
-/// Keeps HDF5 open from the first use to the end of the process, and has the one lock for all HDF5 work of the process.
+/// Opens HDF5 at its first use, keeps it open to the end of the process, and has the one lock for all HDF5 work.
 ///
 ///     auto const lock = Hdf5Library::instance().lock();
 ///     H5::H5File file(path, H5F_ACC_RDONLY);
 ///     ...
 ///
-/// HDF5 calls are not wrapped, so each piece of work takes the lock itself, including the destructors of HDF5 objects:
-/// declare these after the lock. A lock is needed even with an HDF5 that is built thread-safe, as Debian's is: that
-/// makes single calls of the C library safe, but neither its C++ classes nor a sequence of calls.
+/// HDF5's calls are not wrapped: each piece of work takes the lock itself. That includes the destructors of HDF5
+/// objects, so declare these after the lock. A thread-safe HDF5, such as Debian's, needs the lock as well: it protects
+/// single calls of the C library, but neither the C++ classes nor a sequence of calls.
 ///
-/// Threads: instance() and lock() may be called from any. HDF5's own printing of errors is switched off on the thread
-/// of the first instance() only, because a thread-safe HDF5 keeps that setting for each thread: every other one calls
-/// H5::Exception::dontPrint() once, before its HDF5 work.
+/// H5::Exception is no std::exception. Catch it before a thread ends by it, and inside a periodic function, whose log
+/// line would lack its text.
 ///
-/// H5::Exception is no std::exception: catch it before the end of a thread, or of a periodic function, whose log line
-/// would lack its text.
+/// Threads: instance() and lock() may be called from any thread. The first instance() switches off HDF5's own printing
+/// of errors. A thread-safe HDF5 does so for that thread only: every other thread calls H5::Exception::dontPrint()
+/// once, before its HDF5 work.
 ///
-/// During exit the destructor closes HDF5, without taking the lock, and with it all files that are still open. Threads
-/// with HDF5 work must have ended by then. Objects with static lifetime may use HDF5 in their destructors only if they
-/// were constructed after the first instance() returned. HDF5's C++ library opens and closes HDF5 itself as well,
-/// before main and last of all: that does no harm, but makes the start of every program some milliseconds longer.
+/// Limits:
+/// - At exit the destructor closes HDF5, and with it all open files, without taking the lock. Threads with HDF5 work
+///   must have ended by then. An object with static lifetime may use HDF5 in its destructor only if it was constructed
+///   after the first instance() returned.
+/// - HDF5's C++ library opens and closes HDF5 by itself as well, before main and last of all. That does no harm, but
+///   the program starts some milliseconds later.
 class HALDEN_CPPUTILS_EXPORT Hdf5Library : protected virtual Log::Logger
 {
 public:
@@ -61,10 +63,10 @@ public:
     Hdf5Library(Hdf5Library const&) = delete;
     Hdf5Library& operator=(Hdf5Library const&) = delete;
 
-    /// Waits until nobody else holds the lock, which lasts until the result is dropped.
+    /// Waits until nobody else holds the lock, and takes it. Keep the result: the lock lasts as long as it does.
     ///
     /// The lock is not recursive: a thread that asks for it again while it holds it waits for ever. Take it where the
-    /// HDF5 work begins, and not in functions called from there.
+    /// HDF5 work begins, and not in the functions that are called from there.
     ///
     /// @throws std::system_error when the mutex cannot be locked
     [[nodiscard]] std::unique_ptr<Hdf5LibraryLock> lock();

@@ -14,27 +14,40 @@
 namespace Halden::Tavro::Utils
 {
 
-/// One IPv4 or IPv6 address, as the system hands it out; no other family gets past the constructor.
+/// One IPv4 or IPv6 address, as the system hands it out; the constructor refuses every other family.
+///
+///     auto const address = IpAddress::fromString("192.0.2.1");
+///     if (!address.isLoopback())
+///     {
+///         announce(address.string());
+///     }
 ///
 /// The port, flow information and scope id of the source are kept, but no comparison and no text shows them: fe80::1 on
 /// two interfaces is the same address. To tell the two apart, compare sockaddr_in6()->sin6_scope_id as well.
 ///
-/// Every failure is logged. Threads: nothing is shared between objects, and an object that nobody writes to may be read
-/// from any thread.
+/// Every failure is logged.
+///
+/// Threads: nothing is shared between objects, and an object that nobody writes to may be read from any thread.
 class HALDEN_CPPUTILS_EXPORT IpAddress
 {
 public:
-    /// @param address of which 28 bytes are read when its family is AF_INET6, and 16 whatever else it is; not null
+    /// @param address not null; 28 bytes of it are read when its family is AF_INET6, and 16 with any other
     /// @throws std::invalid_argument "Invalid IP address family"
     explicit IpAddress(::sockaddr const* address);
 
+    /// Copies port, flow information and scope id as well.
     IpAddress(IpAddress const&) = default;
+
+    /// Copies port, flow information and scope id as well.
     IpAddress& operator=(IpAddress const&) = default;
+
     virtual ~IpAddress() = default;
 
-    /// Reads numeric text and never looks up a name, see getaddrinfo(3) with AI_NUMERICHOST. A scope ("fe80::1%eth0")
-    /// is understood. So are the short, octal and hexadecimal IPv4 forms of inet_aton(3), "127.1" and "010.0.0.1"
-    /// (which is 8.0.0.1) among them: where only the dotted form may pass, compare the text with string().
+    /// Reads numeric text and never looks up a name, see getaddrinfo(3) with AI_NUMERICHOST.
+    ///
+    /// A scope is understood, as in "fe80::1%eth0". So are the short, octal and hexadecimal IPv4 forms of inet_aton(3):
+    /// "127.1" is 127.0.0.1, and "010.0.0.1" is 8.0.0.1. Where only the dotted form may pass, compare the text with
+    /// string().
     ///
     /// @throws std::invalid_argument "Failed to parse the IP address."
     static IpAddress fromString(std::string const& text);
@@ -44,23 +57,29 @@ public:
     /// @throws std::invalid_argument "nullptr", and what the constructor throws
     static IpAddress fromSockaddr(::sockaddr const* address);
 
-    /// The address inside this object, valid for as long as the object is. The views of one family do not check that
-    /// the address is of that family.
+    /// The address inside this object, valid for as long as the object is.
     ::sockaddr const* sockaddr() const { return reinterpret_cast<::sockaddr const*>(&addr); }
+
+    /// The same as an IPv4 address, whatever its family.
     ::sockaddr_in const* sockaddr_in() const { return reinterpret_cast<::sockaddr_in const*>(&addr); }
+
+    /// The same as an IPv6 address, whatever its family.
     ::sockaddr_in6 const* sockaddr_in6() const { return reinterpret_cast<::sockaddr_in6 const*>(&addr); }
 
+    /// Whether it is an IPv4 address.
     bool isv4() const { return addr.ss_family == AF_INET; }
+
+    /// Whether it is an IPv6 address.
     bool isv6() const { return addr.ss_family == AF_INET6; }
 
-    /// True for 127.x.x.x and ::1, and for 255.x.x.x too, the broadcast address 255.255.255.255 among them; false for
-    /// ::ffff:127.0.0.1. Where 255.x.x.x can turn up, look at the first octet in sockaddr_in()->sin_addr yourself.
+    /// True for 127.x.x.x and ::1, and also for 255.x.x.x, the broadcast address among them; false for the IPv4-mapped
+    /// form of 127.0.0.1. Where 255.x.x.x can turn up, look at the first octet in sockaddr_in()->sin_addr yourself.
     bool isLoopback() const;
 
     /// The numeric text, see inet_ntop(3): no port, no brackets, no scope.
     ///
-    /// @throws std::runtime_error "IP address conversion to string failed.", or, of an object that was written to,
-    ///         "IP address is neither v4 nor v6: don't now how to convert it to string"
+    /// @throws std::runtime_error "IP address conversion to string failed.", or, for an object whose bytes
+    ///         somebody has overwritten, "IP address is neither v4 nor v6: don't now how to convert it to string"
     std::string string() const;
 
     /// Whether family and address bytes are the same. An IPv4 address never equals an IPv6 address, its mapped form
@@ -68,7 +87,7 @@ public:
     bool operator==(IpAddress const& other) const;
 
 private:
-    // What only an object can reach that was written to: both log and answer false.
+    // Only for an object whose bytes somebody has overwritten: both log and answer false.
     [[gnu::cold]] bool isLoopbackInOtherFamily() const;
     [[gnu::cold]] bool equalsInOtherFamily() const;
 
@@ -97,7 +116,7 @@ inline bool IpAddress::operator==(IpAddress const& other) const
     {
         return false;
     }
-    if (__builtin_expect(static_cast<long>(isv4()), 1L) != 0) // spares what devices have most of a jump
+    if (__builtin_expect(static_cast<long>(isv4()), 1L) != 0) // the common case on devices, without a jump
     {
         return std::memcmp(&sockaddr_in()->sin_addr, &other.sockaddr_in()->sin_addr, sizeof(in_addr)) == 0;
     }

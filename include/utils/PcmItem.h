@@ -22,14 +22,16 @@ namespace Halden::Tavro::Utils
 class HALDEN_CPPUTILS_EXPORT PcmItemIfc // NOLINT(cppcoreguidelines-virtual-class-destructor): likewise
 {
 public:
-    /// Runs the function once. Never throws.
+    /// Runs the function once. Throws nothing.
     virtual void execute() = 0;
 
-    /// @return true when nextDueTime() is earlier than now plus `within`, not when it is exactly then
+    /// Whether nextDueTime() is earlier than now plus `within`; not when it is exactly then.
     virtual bool isDueWithin(std::chrono::milliseconds within) const = 0;
 
+    /// When the function is to start next.
     virtual std::chrono::steady_clock::time_point nextDueTime() const = 0;
 
+    /// From one start to the next.
     virtual std::chrono::milliseconds period() const = 0;
 
     /// From now on execute() does not call the function. Does not wait for a call in progress, and is final.
@@ -39,28 +41,27 @@ public:
     virtual void waitEndOfExecutionIfAny() = 0;
 };
 
-/// A function with its period and the time at which it last started.
+/// A function with its period and the time of its last start.
 ///
-/// Due times count from the last start, never from the previous due time: a late start moves the schedule, and missed
-/// periods are not made up. A fresh item is due at the steady clock's epoch plus its period, so at once, unless the
-/// machine has been up for less than one period.
+/// The next due time is one period after the last start, not after the last due time: a late start moves the schedule,
+/// and missed periods are not made up. A new item is due when the machine has been up for one period, so as a rule at
+/// once.
 ///
-/// Whatever the function throws is logged and swallowed: the first time at severity Error, ever after at Trace.
+/// Whatever the function throws is logged and goes no further: the first time at Error, every later time at Trace.
 ///
-/// Threads: everything may be called from any thread. execute() calls exclude each other by a recursive mutex, which is
-/// held while the function runs.
+/// Threads: everything may be called from any thread. A recursive mutex, held while the function runs, keeps one
+/// execute() from overlapping another.
 ///
 /// Hazards of the exact build:
-/// - nextDueTime() reads the last start without the mutex under which it is written: beside an execution, a 32-bit
-///   machine may see half of it, and so a due time that is off by seconds.
-/// - The memory of the first exception is kept outside the mutex: two executions that throw at once, on two threads,
-/// may
-///   both be logged as the first.
+/// - nextDueTime() reads the last start without that mutex. Beside an execution, a 32-bit machine may see half of it
+///   changed, and so a due time that is off by seconds.
+/// - Whether an exception was logged before is kept outside that mutex. Two threads that execute one after the other,
+///   and both fail for the first time, may both log at Error.
 class HALDEN_CPPUTILS_EXPORT PcmItem : public PcmItemIfc, protected virtual Log::Logger
 {
 public:
-    /// @param function may be empty: each execution then ends in a logged std::bad_function_call
-    /// @param period   not checked; zero or less is due at all times; beyond 292 years it counts as that long
+    /// @param function may be empty: each execution then logs a std::bad_function_call
+    /// @param period   not checked: zero or less is always due; beyond 292 years it counts as that long
     PcmItem(std::function<void()> function, std::chrono::milliseconds period);
 
     PcmItem(PcmItem const&) = delete;
@@ -68,7 +69,7 @@ public:
 
     virtual ~PcmItem();
 
-    /// Counts as a start, and moves the due time on, also when the execution is forbidden.
+    /// Counts as a start, and so moves the due time on, even when the execution is forbidden.
     void execute() override;
 
     bool isDueWithin(std::chrono::milliseconds within) const override;
@@ -81,9 +82,9 @@ private:
     std::chrono::milliseconds const period_;
     std::function<void()> const function;
     std::recursive_mutex executionMutex; // held for the whole of execute(), the call of the function included
-    std::chrono::steady_clock::time_point lastExecutionStart{}; // under executionMutex, but not when it is read
+    std::chrono::steady_clock::time_point lastExecutionStart{}; // written under executionMutex, read without it
     std::atomic<bool> executionForbidden{false};
-    bool exceptionAlreadyLogged{false}; // by whoever executes, after the mutex is released
+    bool exceptionAlreadyLogged{false}; // read and written by execute(), after it has released the mutex
 };
 
 #pragma GCC diagnostic pop

@@ -17,19 +17,22 @@ namespace Halden::Tavro::Utils
 
 /// Calls one function again and again, on a thread of its own, until stopped.
 ///
-/// The first call comes after one pause. The pause runs from the end of a call to the start of the next: the schedule
-/// slips and never catches up. It is measured on the monotonic clock, while the time that the callback is told is that
-/// of the wall clock, and so jumps when the clock is set.
+///     PeriodicCaller blink(500ms, "led", [](auto const&) { toggleLed(); });
+///     blink.start();
 ///
-/// A std::exception out of the callback, an empty callback's std::bad_function_call included, is logged at severity
-/// Critical and ends the worker; the caller must then be stopped before it can be started again. Any other exception
-/// ends the process.
+/// The first call comes after one pause. The pause runs from the end of a call to the start of the next: the schedule
+/// slips and never catches up. The monotonic clock measures it, and stands still during a suspend. The time that the
+/// callback is told is that of the wall clock, and so jumps when the clock is set.
+///
+/// A std::exception out of the callback, such as the std::bad_function_call of an empty one, is logged at Critical and
+/// ends the worker. Stop the caller before you start it again. Any other exception ends the process.
 ///
 /// Threads: start(), stop() and the destructor belong to one controlling thread, never to the callback, which runs on
 /// the worker with the object's mutex held.
 class HALDEN_CPPUTILS_EXPORT PeriodicCaller : private Log::Logger
 {
 public:
+    /// Gets the wall-clock time since the previous call ended.
     using Callback = std::function<void(std::chrono::microseconds const&)>;
 
     /// @param period   pause between two calls; zero or less means none
@@ -43,6 +46,8 @@ public:
     /// Stops first, see stop().
     ~PeriodicCaller();
 
+    /// Starts the worker.
+    ///
     /// @throws std::runtime_error "PeriodicCaller is already started. Name = '...'" when started before and not stopped
     ///                            since, also when the worker has ended by itself
     /// @throws std::system_error  when the thread cannot be made; start() may be tried again

@@ -20,29 +20,34 @@ namespace Halden::Tavro::Utils
 
 class PeriodicCallerManagerExecutorIfc;
 
-/// The registration of one function, see PeriodicCallerManagerIfc::add().
+/// The registration of one function, see PeriodicCallerManagerIfc::add(). Keep it for as long as the function is to be
+/// called.
 ///
 /// Destroying it ends the registration and waits for a call in progress on another thread: afterwards the function is
-/// not running there and is never called again. It may be destroyed from inside its own function, which then runs on to
-/// its end.
+/// not running there and is never called again. It may be destroyed inside its own function, which then runs on to its
+/// end.
 class HALDEN_CPPUTILS_EXPORT PeriodicCallerManagerTokenIfc
 {
 public:
     virtual ~PeriodicCallerManagerTokenIfc();
 };
 
-/// Calls registered functions periodically.
+/// The manager as a service needs it, to be replaced by another one in tests; see PeriodicCallerManager for what to
+/// expect.
 class HALDEN_CPPUTILS_EXPORT PeriodicCallerManagerIfc
 {
 public:
     virtual ~PeriodicCallerManagerIfc();
 
-    /// Registers a function until the token is destroyed. Its first call follows at once or, where the machine has been
-    /// up for less than one period, as soon as it has been up for that long.
+    /// Registers a function until the token is destroyed, which a dropped result does at once.
     ///
-    /// @param period between two starts, truncated to whole milliseconds. Where `unsigned long` has 32 bits the log
-    ///               shows no more of them: a period of 50 days or more looks shorter there.
-    /// @return never null; dropped at once, it ends the registration with it
+    /// The first call comes at once. Where the machine has been up for less than one period, it comes when the machine
+    /// has been up for that long.
+    ///
+    /// @param function called on a thread of the manager
+    /// @param period   from start to start, truncated to whole milliseconds. On a 32-bit device the log line shows only
+    ///                 the low 32 bits of their number, so 50 days or more look shorter there.
+    /// @return never null
     // Two attributes, as gcc heeds the first at no virtual call.
     [[nodiscard, gnu::warn_unused_result]] virtual std::unique_ptr<PeriodicCallerManagerTokenIfc>
     add(std::function<void()> function, std::chrono::duration<double> period) = 0;
@@ -52,6 +57,7 @@ public:
 class HALDEN_CPPUTILS_EXPORT PcmTokenToManagerIfc
 {
 public:
+    /// Takes an item out of the schedule.
     virtual void remove(std::shared_ptr<PcmItemIfc> const& item) = 0;
 
 protected:
@@ -62,6 +68,8 @@ protected:
 class HALDEN_CPPUTILS_EXPORT PcmToken : public PeriodicCallerManagerTokenIfc
 {
 public:
+    /// @param item    registered with the manager
+    /// @param manager is told when the token ends
     PcmToken(std::shared_ptr<PcmItemIfc> item, std::shared_ptr<PcmTokenToManagerIfc> manager);
 
     PcmToken(PcmToken const&) = delete;
@@ -75,39 +83,54 @@ private:
     std::shared_ptr<PcmTokenToManagerIfc> const manager;
 };
 
-/// One scheduler thread that sleeps until the earliest function is due and then runs all that are due as one batch.
+/// Calls functions periodically. One scheduler thread sleeps until the earliest function is due, then runs all that are
+/// due as one batch.
 ///
 ///     auto const manager = std::make_shared<PeriodicCallerManager>(
 ///         PeriodicCallerManager::ExecutionStrategy::Sequential, "sensors");
 ///     auto const token = manager->add([] { readSensors(); }, 250ms);
 ///
-/// Functions run on the scheduler thread (Sequential), or on it and a pool of six threads per hardware thread
-/// (ThreadPool), under no lock but their item's own. The next pass starts when the whole batch has finished. What a
-/// function throws is logged, see PcmItem. A failure of the scheduler itself is logged at severity Critical and ends
-/// the process.
+/// Keep the token: its end ends the registration. A manager lives at least as long as its last token. In other names,
+/// "Pcm" stands for "periodic caller manager".
 ///
-/// Threads: everything may be called from any thread, also from the functions. Nothing here waits for a function but
-/// the destruction of its token, and that of the manager for its pass.
+/// What to expect:
+/// - **Overlap:** A function never overlaps itself. With a pool, the functions of one batch overlap each other.
+/// - **A slow function** delays all others, with a pool too: the next batch starts when the whole batch has finished.
+///   Beside one that takes 800 ms, a function with a period of 50 ms waits for up to 800 ms.
+/// - **Drift:** A due time counts from the last start. A late start moves all later ones, and missed calls are not made
+///   up.
+/// - **Lateness:** A function starts at best some 50 us late, the kernel's timer slack. To change that, call prctl(2)
+///   with PR_SET_TIMERSLACK on the thread that makes the manager, before it does.
+/// - **Clock:** Setting the system's clock changes nothing. During a suspend time stands still: what was left of a
+///   period follows after the resume.
+/// - **Exceptions** of a function are logged, the first at Error, all later ones at Trace. It is called again when it
+///   is next due.
+/// - **Locks:** A function runs under no lock but its item's own. Destroying a token waits for a call in progress, so
+///   hold no lock meanwhile that the function takes.
+///
+/// Threads: everything may be called from any thread, the functions included. Nothing here waits for a function but the
+/// destruction of its token, and that of the manager for its pass. A failure of the scheduler itself is logged at
+/// Critical and ends the process.
 ///
 /// Limits:
 /// - Two functions of a pool that destroy each other's tokens wait for each other for ever.
-/// - A function that is removed during a pass is kept, with all that it holds, until the scheduler wakes next.
-/// - Where one of its functions drops the last reference to a manager (hardened build), the scheduler thread ends by
-///   itself after the pass: nobody waits for it.
+/// - A function that is removed during a pass stays in memory, with all that it holds, until the scheduler next wakes.
+/// - In the hardened build, one of the manager's functions may drop the last reference to it. The scheduler thread then
+///   ends by itself after the pass, and nobody waits for it.
 ///
 /// Hazards of the exact build:
-/// - After a batch the scheduler thread scans the list of functions without a lock. An add or a token's destruction at
-///   that moment can make it read a list node that is being changed or was just freed. Adding and removing without
-///   pause beside the running scheduler crashes within seconds. A service that registered at its start and removed only
-///   at its end died once in some 1,600 runs on a loaded machine, by SIGSEGV in this scan while it destroyed its
-///   tokens. So destroy a token inside its own function where you can, which never runs beside the scan.
-/// - Wake-ups are asked for without the scheduler's wait mutex. A request that falls between the scheduler's last look
-///   and its sleep is noticed when the sleep ends by itself, at the next due time. With no function registered that is
-///   never: the destructor, or the first call of a new function, then hangs. It takes a request within a microsecond
-///   after a pass; keep a function with a period of seconds registered where that matters.
-/// - The last token, and with it the manager, cannot be destroyed inside its own function, for a thread cannot join
-///   itself: this ends the process (Sequential) or never returns (ThreadPool, unless the scheduler thread has taken up
-///   the function: then as Sequential). Keep a manager's pointer elsewhere.
+/// - After a batch the scheduler thread scans the list of functions without a lock. An add, or the end of a token, at
+///   that moment can make it read a list node that is changing or has just been freed. Adding and removing without
+///   pause crashes within seconds. A service that added at its start and removed only at its end crashed once in some
+///   1,600 runs on a loaded machine. A token that is destroyed inside its own function is safe, as that never runs
+///   beside the scan.
+/// - A request to wake or to stop is lost when it comes between the scheduler's last look and its sleep, within a
+///   microsecond after a pass. The scheduler then sleeps on until the next due time; with no function registered, for
+///   ever. So the first call of a new function may never come: keep another one with a period of seconds registered.
+///   And the destructor may never return: where that matters, let the manager live as long as the process.
+/// - The last token, and with it the manager, must not be destroyed inside its own function, as a thread cannot join
+///   itself: that ends the process, or with a pool never returns, unless the scheduler thread happens to run the
+///   function. Keep another pointer to the manager.
 /// - A function whose add() has thrown std::bad_weak_ptr stays registered for good.
 class HALDEN_CPPUTILS_EXPORT PeriodicCallerManager : public PeriodicCallerManagerIfc,
                                                      public PcmTokenToManagerIfc,
@@ -115,15 +138,17 @@ class HALDEN_CPPUTILS_EXPORT PeriodicCallerManager : public PeriodicCallerManage
                                                      protected virtual Log::Logger
 {
 public:
+    /// How the functions of one batch run. With either, the next batch waits for the slowest function of this one.
     enum class ExecutionStrategy
     {
-        ThreadPool = 0,
-        Sequential = 1
+        ThreadPool = 0, ///< side by side, on six threads per hardware thread and the scheduler thread
+        Sequential = 1  ///< one after another, on the scheduler thread
     };
 
     /// Starts the scheduler thread. Must be made by std::make_shared, or add() fails.
     ///
-    /// @param name becomes part of the logger's name
+    /// @param strategy how the functions of one batch run
+    /// @param name     becomes part of the logger's name
     /// @throws std::runtime_error when the strategy is unknown, see make_executor()
     /// @throws std::system_error  when the scheduler thread cannot be made; for those of a pool see make_executor()
     PeriodicCallerManager(ExecutionStrategy strategy, std::string const& name);
@@ -135,10 +160,13 @@ public:
     /// manager, so there are none left.
     ~PeriodicCallerManager() override;
 
-    /// A negative period makes the function due on every pass, without any sleep between the passes. One beyond 292
-    /// years, what 64 bits hold in nanoseconds, counts as that long.
+    /// | Period, in whole milliseconds | What comes of it                                                   |
+    /// |-------------------------------|--------------------------------------------------------------------|
+    /// | more than zero                | calls from start to start; beyond 292 years it counts as that long |
+    /// | zero                          | refused                                                            |
+    /// | less than zero                | taken, whatever the exception says: a call on every pass, and no sleep |
     ///
-    /// @throws std::invalid_argument "Period must be greater than zero milliseconds" when it truncates to 0 ms
+    /// @throws std::invalid_argument "Period must be greater than zero milliseconds" for zero
     /// @throws std::bad_weak_ptr     when no shared pointer owns the manager
     [[nodiscard, gnu::warn_unused_result]] std::unique_ptr<PeriodicCallerManagerTokenIfc>
     add(std::function<void()> function, std::chrono::duration<double> period) override;

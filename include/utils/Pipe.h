@@ -18,25 +18,25 @@ namespace Halden::Tavro::Utils
 ///     pipe.close(Pipe::End::Write); // else there is no end of file
 ///     auto buffer = pipe.bufferRead();
 ///
-/// To run a program, use execute(): it takes care of all that is said here.
+/// To run a program use execute(), which takes care of all that is said here.
 ///
-/// Threads: a Pipe belongs to one thread at a time. Every program that any thread starts meanwhile inherits the ends: a
-/// reader sees no end of file before that program has ended as well.
+/// Threads: a Pipe belongs to one thread at a time. Every program that any thread starts meanwhile inherits both ends,
+/// so that a reader sees no end of file before that program has ended as well.
 ///
-/// A stream buffer closes its end and leaves the number in the Pipe, so that close() and the destructor close it again,
-/// when it may belong to a file that another thread has opened since. Use the buffers where nothing else opens
-/// descriptors until the Pipe is gone: in a process with one thread, or in a forked child.
+/// Limits: a stream buffer closes its end, but the Pipe still has the number and closes it again, with close() or in
+/// its destructor. By then the number may belong to a file that another thread has opened. Use the buffers only where
+/// nothing else opens descriptors until the Pipe is gone: in a process with one thread, or in a forked child.
 ///
 /// Hazards of the exact build:
-/// close(End) leaves the number in the Pipe as well, to be closed again in the same way.
-/// The hardened build forgets it.
+/// - close(End) keeps the number too, and it is closed again in the same way. The hardened build forgets it.
 class HALDEN_CPPUTILS_EXPORT Pipe
 {
 public:
+    /// One end of a pipe.
     enum class End
     {
-        Write = 0,
-        Read = 1
+        Write = 0, ///< takes the bytes in
+        Read = 1   ///< gives them out
     };
 
     /// @throws std::runtime_error "Failed to create pipe"
@@ -51,7 +51,7 @@ public:
     /// Closes both ends and forgets them, so that a second call does nothing. Errors are ignored.
     void close();
 
-    /// Closes one end; whether it is forgotten, see above. Errors are ignored.
+    /// Closes one end, and forgets it in the hardened build. Errors are ignored.
     void close(End end);
 
     /// Makes the read end the process's standard input as well, see dup2(2).
@@ -66,10 +66,9 @@ public:
     /// Makes the write end the process's standard error as well; otherwise as useAsStdin(), with 2 and "stderr".
     int useAsStderr() const;
 
-    /// A buffer to read from, which closes the read end when it is destroyed or closed: see above.
+    /// A buffer to read from. It closes the read end when it is closed or destroyed, see the limits above.
     ///
-    /// @return closed when the end cannot be opened. A stream over a closed buffer looks good until it is used, so ask
-    /// the buffer: is_open().
+    /// @return closed when the end cannot be opened: ask is_open(), as a stream over it looks good until it is used
     __gnu_cxx::stdio_filebuf<char> bufferRead() const;
 
     /// A buffer to write into; otherwise as bufferRead(), with the write end.

@@ -7,21 +7,21 @@
 namespace Halden::Tavro::Utils
 {
 
-/// Decides, call by call, whether a delay is to be reported now.
+/// Decides, call by call, whether to report a delay now.
 ///
 ///     if (lateness.delay(stampOfLastSample, 100ms, 3))
 ///     {
 ///         reportLateness();
 ///     }
 ///
-/// Stamps count milliseconds of nowInMs(). The reference is the stamp against which lateness is measured. It starts at
-/// zero, and a new object answers false until a stamp far enough ahead has moved it.
+/// Stamps are times of nowInMs(). Lateness is measured against a reference, which starts at zero. A new object answers
+/// false until a stamp far enough ahead has become the reference.
 ///
 /// Threads: one at a time; nothing here locks.
 class HALDEN_CPPUTILS_EXPORT RateLimited
 {
 public:
-    /// Counts as a call of delay() as far as the time of the last call goes.
+    /// Counts as the last call of delay().
     RateLimited();
 
     /// The steady clock in whole milliseconds.
@@ -29,11 +29,11 @@ public:
 
     /// Decides for one stamp.
     ///
-    /// A stamp more than `tolerance` + 2 intervals ahead of the reference becomes the reference. Then a delay is
-    /// reported when more than one interval has passed since the reference, and the stamp becomes the reference. It is
-    /// not reported
+    /// First, a stamp more than (`tolerance` + 2) intervals ahead of the reference becomes the reference. Then a delay
+    /// is reported, and the stamp becomes the reference, when more than one interval has passed since the reference. It
+    /// is not reported, however,
     /// - a second time for the same reference,
-    /// - when more than two intervals have passed since the reference and at most one since the last call,
+    /// - when more than two intervals have passed since the reference, and at most one since the last call,
     /// - for a stamp of zero or less.
     ///
     /// Sums that 64 bits cannot hold count as the greatest or least value: with the greatest interval nothing is ever

@@ -9,22 +9,23 @@
 namespace Halden::Tavro::Utils
 {
 
-/// An open file of its own name for as long as the object lives, see mkstemps(3).
+/// A new file, open, which is closed and removed when the object ends, see mkstemps(3).
 ///
 ///     TempFile const file("data-", ".h5", "/tmp"); // like /tmp/data-Ab12Cd.h5, for the owner only
 ///     write(file.fileDescriptor(), ...);
 ///
 /// Threads: any, but the object must outlive every use of its path and descriptor.
 ///
-/// The descriptor is inherited by programs that the process starts; where that matters, set FD_CLOEXEC with fcntl(2). A
-/// failing close(2) at the end goes unnoticed: to be sure of what was written, call fsync(2) before.
-///
-/// For the removal at the end to succeed, the file's directory is writable and nothing else has taken the file's place.
-/// A relative path is looked up from the working directory of that moment, which should be the one of construction.
+/// Limits:
+/// - Programs that the process starts inherit the descriptor. Where that matters, set FD_CLOEXEC with fcntl(2).
+/// - Nobody notices when close(2) fails at the end. To be sure of what was written, call fsync(2) before.
+/// - The removal succeeds when the file's directory is writable and nothing else has taken the file's place. A relative
+///   path is looked up from the working directory of that moment, so that should be the one of the construction.
 ///
 /// Hazards of the exact build:
-/// A file that cannot be removed ends the process, as the std::filesystem::filesystem_error leaves the destructor; the
-/// hardened build logs it at severity Error. A constructor that finds no memory for the path leaves the file, open.
+/// - A file that cannot be removed ends the process, by a std::filesystem::filesystem_error out of the destructor. The
+///   hardened build logs it at Error.
+/// - A constructor that finds no memory for the path leaves the file, open.
 class HALDEN_CPPUTILS_EXPORT TempFile : private Log::Logger
 {
 public:
@@ -37,12 +38,13 @@ public:
     TempFile(TempFile const&) = delete;
     TempFile& operator=(TempFile const&) = delete;
 
-    /// Closes and removes the file. One that is removed already is fine.
+    /// Closes the file and removes it, unless it is gone already.
     ~TempFile();
 
+    /// Where the file is.
     std::string path() const;
 
-    /// Open for reading and writing, and not to be closed by the caller.
+    /// Open for reading and writing. Do not close it.
     int fileDescriptor() const;
 
 private:

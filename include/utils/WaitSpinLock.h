@@ -8,16 +8,18 @@
 namespace Halden::Tavro::Utils
 {
 
-/// Waits by spinning on the steady clock, for delays too short for the scheduler. The wait is the construction:
+/// Waits by spinning on the steady clock, for microseconds, where sleeping would overshoot. Constructing it is the
+/// wait:
 ///
 ///     WaitSpinLock(5us);
 ///
-/// It occupies a processor all the while: for microseconds, where sleeping would overshoot. Despite its name it locks
-/// nothing.
+/// It occupies a processor all the while. Despite its name it locks nothing.
+///
+/// Threads: any.
 class HALDEN_CPPUTILS_EXPORT WaitSpinLock
 {
 public:
-    /// Returns when at least the duration has passed, at once when it is zero or negative.
+    /// Returns when at least the duration has passed, or at once when it is zero or negative.
     explicit WaitSpinLock(std::chrono::microseconds const& duration)
     {
         using std::chrono::microseconds;

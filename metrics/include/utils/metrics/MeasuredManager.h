@@ -15,10 +15,11 @@ class Registry;
 
 }
 
+/// Figures of a running service, for Prometheus.
 namespace Halden::Tavro::Utils::Metrics
 {
 
-/// A manager whose functions have names, under which it counts and times their runs.
+/// A manager whose functions have names, and which counts and times their runs for Prometheus.
 ///
 ///     auto const registry = std::make_shared<prometheus::Registry>();
 ///     auto const manager = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
@@ -26,7 +27,7 @@ namespace Halden::Tavro::Utils::Metrics
 ///     auto const token = measured.add("pressure", [&] { readPressure(); }, 250ms);
 ///     SystemTimeHandler systemTime(measured.named("clock"));
 ///
-/// For each function, with its name as the label "function", the registry gets:
+/// For each function the registry gets these, with the function's name as the label "function":
 ///
 /// | Metric                          | Kind      | What                                                        |
 /// |---------------------------------|-----------|-------------------------------------------------------------|
@@ -37,10 +38,10 @@ namespace Halden::Tavro::Utils::Metrics
 /// | PREFIX_running_since_timestamp_seconds | gauge | the start of the present call as Unix time, else 0       |
 ///
 /// A function that is stuck shows in the last one, as time() - PREFIX_running_since_timestamp_seconds where that is not
-/// 0; a clock that was set during the call makes it wrong. The figures stay when a function is removed, and go on when
-/// its name is added again.
+/// 0. A clock that is set during the call falsifies it. The figures stay when a function is removed, and go on when its
+/// name is added again.
 ///
-/// Everything else is that of the manager beneath, which also logs what a function throws. A run costs some 200 ns more
+/// Everything else is as with the manager beneath, which also logs what a function throws. A run costs some 200 ns more
 /// on a PC, and no allocation.
 ///
 /// Threads: everything may be called from any thread. A copy is the same manager once more. Manager and registry live
@@ -48,9 +49,11 @@ namespace Halden::Tavro::Utils::Metrics
 class HALDEN_CPPUTILS_METRICS_EXPORT MeasuredManager
 {
 public:
-    /// Tells the time by which the manager beneath goes.
+    /// Tells the time that the manager beneath goes by.
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
+    /// Measures the functions that are added through it.
+    ///
     /// @param manager  calls the functions; not null
     /// @param registry gets the figures; not null
     /// @param prefix   of the names of the metrics
@@ -62,14 +65,16 @@ public:
 
     /// As PeriodicCallerManagerIfc::add(), with all that the manager beneath throws.
     ///
-    /// @param name any UTF-8 text
+    /// @param name     any UTF-8 text
+    /// @param function as there
+    /// @param period   as there
     /// @throws std::invalid_argument when the name is empty or no UTF-8, which Prometheus refuses, while there is a
     ///                               function of that name, or when the registry has figures of one from elsewhere
     [[nodiscard]] std::unique_ptr<PeriodicCallerManagerTokenIfc>
     add(std::string const& name, std::function<void()> function, std::chrono::duration<double> period);
 
-    /// A manager for code that adds its function without a name: it gets this one. Where that code adds a second one
-    /// before it has removed the first, it gets the exception of add().
+    /// A manager for code that adds its function without a name: the function gets this one. When that code adds a
+    /// second function before it has removed the first, add() throws.
     ///
     /// @throws std::invalid_argument as add() for the name
     std::shared_ptr<PeriodicCallerManagerIfc> named(std::string name) const;

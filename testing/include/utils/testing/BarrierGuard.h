@@ -7,8 +7,8 @@
 namespace Halden::Tavro::Utils::Testing
 {
 
-/// Holds the thread that comes to a code monitor, and lets it go at the latest at its own end, also when the test ends
-/// early: by a failed assertion or an exception.
+/// Holds the thread that comes to a code monitor, and lets it go when the guard ends at the latest, also when a failed
+/// assertion or an exception ends the test early.
 ///
 ///     BarrierGuard held(service.monitor);
 ///     service.startMeasurement();
@@ -31,7 +31,9 @@ public:
     /// Lets the thread go, unless the barrier was opened before.
     ~BarrierGuard();
 
-    /// @return false when no thread has come within the limit
+    /// Waits for a thread to come.
+    ///
+    /// @return false when none has come within the limit
     bool waitTrapped(std::chrono::milliseconds limit = std::chrono::seconds(10));
 
     /// Opens the barrier now.

@@ -22,10 +22,10 @@ testing::Matcher<LogLine const&> isLine(Log::Severity severity, Logger const& lo
                           testing::Field("text", &LogLine::text, text));
 }
 
-/// A capture that also fails the test: at its end, for each line at severity Warning or worse that no expect() has
-/// announced. What clear() has forgotten does not count.
+/// A capture that also fails the test: at its end, for each line at Warning or worse that no expect() has announced.
+/// What clear() has forgotten does not count.
 ///
-/// Threads: as LogCapture; expect() and the end belong to the test's.
+/// Threads: as LogCapture; expect() and the end belong to the thread of the test.
 class StrictLogCapture : public LogCapture
 {
 public:
@@ -46,14 +46,16 @@ public:
         }
     }
 
-    /// Announces lines, any number of them, that are no fault although they are severe.
+    /// Announces lines, any number of them, that may come although they are severe.
     void expect(testing::Matcher<LogLine const&> const& line) { expected.push_back(line); }
 
+    /// How many lines so far match.
     std::size_t count(testing::Matcher<LogLine const&> const& line) const
     {
         return LogCapture::count(testing::Matches(line));
     }
 
+    /// As LogCapture::waitFor(), for a line that matches.
     bool waitFor(testing::Matcher<LogLine const&> const& line,
                  std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {

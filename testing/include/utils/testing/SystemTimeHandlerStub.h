@@ -21,7 +21,7 @@ public:
     /// From now on the answer of hasAbsoluteTime().
     void setAbsoluteTime(bool believed);
 
-    /// @throws std::logic_error when the test has not said anything yet
+    /// @throws std::logic_error when the test has not set an answer yet
     bool hasAbsoluteTime() const override;
 
     /// Counts the calls, and changes nothing.
