@@ -36,7 +36,7 @@ void closeEnd(int& descriptor)
     }
     else
     {
-        ::close(descriptor); // kept: [pipe-end-closed-again] the field holds the number on, and users close it again
+        ::close(descriptor); // kept: [pipe-end-closed-again] the field keeps the number, and users close it again
     }
 }
 
