@@ -18,6 +18,7 @@ inCode || /^    / { print; next }
 }
 {
     gsub(/::ffff/, ":⁠:ffff") # with a joiner: else it would be taken for a name of the program
+    gsub(/%/, "%%") # or it vanishes
     gsub(/\]\(#/, "](#" page "-")
     rest = $0
     line = ""
