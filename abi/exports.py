@@ -1,15 +1,19 @@
 #!/usr/bin/env python3
-"""Compares what libraries export with what their public headers declare, and names each difference.
-
-usage: exports.py LIBRARY[,LIBRARY]... INCLUDE-FOLDER NAMESPACE [COMPILER-OPTION]...
-"""
+"""Compares what libraries export with what their public headers declare, and names each difference."""
+import argparse
 import json
 import pathlib
 import re
 import subprocess
 import sys
 
-libraries, include, namespace, options = sys.argv[1].split(","), pathlib.Path(sys.argv[2]), sys.argv[3], sys.argv[4:]
+parser = argparse.ArgumentParser(description=__doc__)
+parser.add_argument("libraries", metavar="LIBRARY[,LIBRARY]...", type=lambda text: text.split(","))
+parser.add_argument("include", metavar="INCLUDE-FOLDER", type=pathlib.Path)
+parser.add_argument("namespace", metavar="NAMESPACE")
+parser.add_argument("options", metavar="COMPILER-OPTION", nargs=argparse.REMAINDER)
+arguments = parser.parse_args()
+libraries, include, namespace = arguments.libraries, arguments.include, arguments.namespace
 FUNCTIONS = {"FunctionDecl", "CXXMethodDecl", "CXXConstructorDecl", "CXXDestructorDecl", "CXXConversionDecl"}
 
 
@@ -39,7 +43,7 @@ def functions(node):
 
 headers = sorted(str(path.relative_to(include)) for path in include.rglob("*.h"))
 source = "".join(f"#include <{header}>\n" for header in headers)
-dump = run("clang++", "-std=c++17", "-fsyntax-only", "-x", "c++", f"-I{include}", *options, "-Xclang", "-ast-dump=json",
+dump = run("clang++", "-std=c++17", "-fsyntax-only", "-x", "c++", f"-I{include}", *arguments.options, "-Xclang", "-ast-dump=json",
            "-Xclang", f"-ast-dump-filter={namespace}", "-", text=source)
 wanted, inline, position, decoder = set(), set(), 0, json.JSONDecoder()
 while (position := dump.find("{", position)) >= 0:

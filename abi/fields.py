@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Compares the order of fields in descriptions by libabigail with the list in fields.txt.
-
-usage: fields.py DESCRIPTION...
-"""
+"""Compares the order of fields in descriptions by libabigail with the list in fields.txt."""
+import argparse
 import pathlib
 import sys
 import xml.etree.ElementTree
 
-descriptions = sys.argv[1:]
+parser = argparse.ArgumentParser(description=__doc__)
+parser.add_argument("descriptions", metavar="DESCRIPTION", nargs="+")
+descriptions = parser.parse_args().descriptions
 found = {}
 for description in descriptions:
     for node in xml.etree.ElementTree.parse(description).iter("class-decl"):

@@ -1,8 +1,6 @@
-"""Prints the table of scripts/bench.
+"""Prints the table of scripts/bench."""
 
-usage: report.py RESULTS.json INSTRUCTIONS ALLOCATIONS HARDENED-RESULTS.json
-"""
-
+import argparse
 import json
 import sys
 
@@ -55,7 +53,13 @@ def address_ratios(table, family):
 
 
 def main():
-    table = Table(medians(sys.argv[1]))
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("results", metavar="RESULTS.json")
+    parser.add_argument("instructions", metavar="INSTRUCTIONS", type=float)
+    parser.add_argument("allocations", metavar="ALLOCATIONS", type=float)
+    parser.add_argument("hardened", metavar="HARDENED-RESULTS.json")
+    arguments = parser.parse_args()
+    table = Table(medians(arguments.results))
     value = table.value
     print(f"{'ours / reference':<58} {'ratio':>9} {'limit':>6} {'':<7} medians")
 
@@ -101,7 +105,7 @@ def main():
                     value(f"runTrueSpawn/{memory}"), 1.1 if memory == 0 else None)
         table.ratio(f"processor time of execute / bare fork, {memory} MiB more", value(f"runTrueExecute/{memory}"),
                     value(f"runTrueFork/{memory}"))
-    hardened = Table(medians(sys.argv[4]))
+    hardened = Table(medians(arguments.hardened))
     for build, one, limit in (("exact", table, None), ("hardened", hardened, 1.3)):
         table.ratio(f"time of execute / posix_spawn and waitpid, {build} build", one.value("timeTrueExecute"),
                     one.value("timeTrueSpawn"), limit)
@@ -111,8 +115,8 @@ def main():
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
 
     print()
-    table.count("instructions of a disabled log call", float(sys.argv[2]), 35)
-    table.count("allocations of disabled log calls", float(sys.argv[3]), 0)
+    table.count("instructions of a disabled log call", arguments.instructions, 35)
+    table.count("allocations of disabled log calls", arguments.allocations, 0)
     table.count("allocations of a sequential pass of 1000", value("pass/Sequential/1000", "allocations"), 1)
     table.count("ns of the processor that measuring adds to a run",
                 round(value("measuredRun", "cpu_time") - value("plainRun", "cpu_time")), 300)
