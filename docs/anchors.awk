@@ -1,5 +1,15 @@
 # Gives the headings of a Markdown page the anchors that a reader of the source meets, "## How it works" #how-it-works, and
 # lets links lead to them; and the page a list of them. Labels are common to all pages here, so each begins with the page's name.
+#
+# A percent sign in code stands twice, or it would vanish.
+function keepPercentSigns(parts, count, i) {
+    count = split($0, parts, "`")
+    $0 = parts[1]
+    for (i = 2; i <= count; i++) {
+        if (i % 2 == 0) { gsub(/%/, "%%", parts[i]) }
+        $0 = $0 "`" parts[i]
+    }
+}
 BEGIN {
     page = ARGV[1]
     sub(/.*\//, "", page)
@@ -18,7 +28,7 @@ inCode || /^    / { print; next }
 }
 {
     gsub(/::ffff/, ":⁠:ffff") # with a joiner: else it would be taken for a name of the program
-    gsub(/%/, "%%") # or it vanishes
+    keepPercentSigns()
     gsub(/\]\(#/, "](#" page "-")
     rest = $0
     line = ""
