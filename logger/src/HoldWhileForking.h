@@ -9,8 +9,8 @@ namespace Halden::Tavro::Log
 
 /// Sees to it that nobody holds the mutex in a forked child, which has no other thread to release it.
 ///
-/// To be called before main: the first to register is the last to be asked before a fork, as the last locks to be taken
-/// are those of logging.
+/// Call it before main: what is registered first is called last before a fork, and the locks of logging must be the
+/// last to be taken.
 template <std::mutex& mutex>
 void holdWhileForking()
 {

@@ -33,8 +33,8 @@ double inSeconds(nanoseconds duration)
     return std::chrono::duration<double>(duration).count();
 }
 
-/// As the managers take it, in whole milliseconds, within what no clock of a device reaches. With a negative one a
-/// function is due as soon as it has started.
+/// In whole milliseconds, as the managers take it, and not beyond what any device's clock reaches. With a negative
+/// period a function is due again as soon as it has started.
 milliseconds toMilliseconds(std::chrono::duration<double> period)
 {
     constexpr std::chrono::duration<double> longest = std::chrono::hours(24 * 365 * 100);
@@ -98,8 +98,8 @@ private:
 
 }
 
-/// The figures, and who uses which name. Does not hold the manager: the manager's thread may be the last to let go of a
-/// function, and with it of this.
+/// The figures, and who uses which name. Does not own the manager: the manager's thread may be the last to release a
+/// function, and this with it.
 class MeasuredManager::Book
 {
 public:
@@ -153,7 +153,7 @@ private:
     std::map<std::string, Entry> names; // guarded by mutex
 };
 
-/// A name as long as it is in use.
+/// A name while it is in use.
 class MeasuredManager::TakenName
 {
 public:
@@ -194,7 +194,7 @@ public:
     void run()
     {
         steady_clock::time_point const start = book->now();
-        // The manager has looked at the clock before, the last time perhaps a bit less so.
+        // The manager has read the clock a little earlier, but not always by the same: a start may seem to be early.
         figures.lateness.Observe(inSeconds(std::max<nanoseconds>(start - due, nanoseconds::zero())));
         due = start + period;
         figures.runningSince.Set(inSeconds(system_clock::now().time_since_epoch()));

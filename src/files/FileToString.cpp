@@ -17,7 +17,7 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-/// With the stream's usual 8 KiB the calls of read(2) take a tenth of the time.
+/// With the stream's usual 8 KiB, a tenth of the time would go into calls of read(2).
 constexpr std::size_t blockSize = 64UL * 1024;
 
 /// Appends to a string. The library hands it whole blocks where a plain assignment from iterators goes byte by byte.
@@ -46,7 +46,7 @@ private:
     std::string& text;
 };
 
-/// Does nothing where the size cannot be told (-1) or is none that a string can have: some directories say 2^63-1.
+/// Does nothing where the size cannot be told (-1) or is more than a string can hold: some directories say 2^63-1.
 void reserve(std::string& text, std::streamoff size)
 {
     if (size > 0 && static_cast<std::uint64_t>(size) <= text.max_size())

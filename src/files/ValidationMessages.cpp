@@ -21,8 +21,8 @@ using Buffer = std::array<char, 5000>;
 // clang-tidy compiles this file once for each build, and the second time it overlooks va_start(3).
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized)
 
-/// vsprintf(3) with the C library's size test. It is called by name, for the headers ask for it in optimised builds
-/// only. A sanitizer replaces it with a function that does not test, so the length is looked at before.
+/// vsprintf(3) with the C library's size test. It is called by name, as the headers use it in optimised builds only. A
+/// sanitizer replaces it by a function without that test, so the length is checked before.
 void formatOrEndProcess(Buffer& buffer, char const* format, va_list values)
 {
     va_list again;

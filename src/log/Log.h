@@ -49,9 +49,8 @@ Value carried(Value& value)
     return value;
 }
 
-/// A buffer goes by value as far as here: where the variadic call itself would put such an object depends on the
-/// target, and whoever reads the "%s" looks for a pointer. This one is to the copy, which lives until the call has
-/// returned.
+/// A buffer comes by value up to here and no further: where a variadic call puts such an object depends on the target,
+/// and "%s" expects a pointer. That is one to the copy, which lives until the call has returned.
 template <std::size_t size>
 char const* carried(std::array<char, size>& buffer)
 {
@@ -78,7 +77,7 @@ void write(Log::Severity severity, std::string_view format, Values... values)
 
 }
 
-// Macros, for only at the call itself is the format still a literal.
+// Macros, as only at the call itself the format is still a literal.
 #define TAVRO_LOG_FIRST(first, ...) first
 
 // The lambda knows the values by their types alone, as carried() leaves them.

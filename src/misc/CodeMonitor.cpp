@@ -20,8 +20,8 @@ constexpr std::chrono::milliseconds longestWait{50};
 
 constexpr int looks = 50;
 
-/// Whether a crossing thread goes on waiting. Opening the barrier takes `trapped` back, which only that thread sets, so
-/// the hardened build sees an opening also when the barrier is closed again.
+/// Whether a crossing thread goes on waiting. Opening the barrier resets `trapped`, which only that thread sets: so the
+/// hardened build notices an opening even when the barrier has been closed again.
 bool isHeld(bool closed, bool trapped)
 {
     return hardened ? closed && trapped : closed; // kept: [reclosed-barrier] the exact build waits for an open barrier

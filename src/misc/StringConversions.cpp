@@ -27,8 +27,8 @@ bool startsHexadecimal(char const* text)
            std::isxdigit(static_cast<unsigned char>(text[2])) != 0;
 }
 
-/// What strtoull(3) of base 0 reads in the C locale, with the exceptions of std::stoull. Not by that function: some C
-/// libraries read "0b1" as a binary number, others as 0.
+/// Reads as strtoull(3) does with base 0 in the C locale, and throws as std::stoull does. It does not call strtoull, as
+/// some C libraries read "0b1" as a binary number, others as 0.
 ///
 /// @param function the exceptions' text
 Number readNumber(std::string const& text, char const* function)
@@ -103,7 +103,7 @@ std::string mismatchString(std::string const& a, std::string const& b)
     std::string const& longer = firstIsLonger ? a : b;
     std::string const& shorter = firstIsLonger ? b : a;
 
-    // The shorter text's terminating NUL takes part; nothing behind it may be read.
+    // The shorter text's terminating NUL is compared too; nothing behind it may be read.
     auto const compared = std::min(longer.size(), shorter.size() + 1);
     auto const end = std::next(longer.begin(), static_cast<std::string::difference_type>(compared));
     return {std::mismatch(longer.begin(), end, shorter.c_str()).first, longer.end()};

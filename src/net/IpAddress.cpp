@@ -18,8 +18,8 @@ namespace
 
 /// The socket address, with zeros behind it.
 ///
-/// Cleared in halves: gcc makes plain stores of up to 64 bytes, but of 128 an instruction that takes longer than all
-/// the rest of making an address.
+/// Cleared in halves: for 64 bytes gcc makes plain stores, but for 128 an instruction that takes longer than the rest
+/// of the construction.
 sockaddr_storage stored(sockaddr const* address)
 {
     sockaddr_storage storage; // NOLINT(cppcoreguidelines-pro-type-member-init): see above

@@ -168,8 +168,8 @@ bool succeeds(Step const& step, Log::Logger const& logger)
     }
 }
 
-/// Ends a wait for events: the kernel acknowledges a message that asks for nothing. Where it cannot be sent, the wait
-/// ends with its time-out.
+/// Ends a wait for events: the kernel acknowledges a message that asks for nothing. If it cannot be sent, the wait ends
+/// with its time-out.
 void wakeReceiver(int socket)
 {
     nlmsghdr message{};
@@ -239,7 +239,7 @@ Log::Logger const& LocalIps::Receiver::loggerOf(LocalIps const& monitor)
     return ofThisThread.monitor == &monitor ? *ofThisThread.logger : monitor;
 }
 
-/// To be called when no event is queued, for else one that was reported already would be undone.
+/// Call it when no event is queued: an older one that is handled afterwards would undo what has been reported here.
 void LocalIps::Receiver::catchUp(LocalIps& monitor)
 {
     std::vector<IpAddress> present;

@@ -11,7 +11,7 @@
 namespace Halden::Tavro::Utils
 {
 
-/// Between two looks at a child, and what its time-out is counted in.
+/// The pause between two looks at a child, and the unit of its time-out.
 constexpr std::chrono::milliseconds pollPeriod{10};
 
 /// One look at a child, which does not wait.

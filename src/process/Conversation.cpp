@@ -35,10 +35,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::streamsize chunkSize = 8192;
 
-/// More than that stays in the pipe: a program that writes for ever must not take the memory of this process.
+/// More than that stays in the pipe: a program that writes for ever must not use up this process's memory.
 constexpr std::size_t largestOutput = std::size_t{64} * 1024 * 1024;
 
-/// @return when as many polls as the exact build makes would be over
+/// @return when the exact build would have made its last poll
 Clock::time_point deadlineAfter(std::chrono::milliseconds timeout)
 {
     auto const now = Clock::now();
@@ -192,8 +192,8 @@ private:
     std::string output;
 };
 
-/// The child up to its end, which is told at once where the system has a descriptor for that, else within some
-/// milliseconds. A child that is left before is killed and reaped.
+/// The child up to its end, which is noticed at once where the system has a descriptor for that, else within some
+/// milliseconds. A child that is abandoned before is killed and reaped.
 class Child
 {
 public:
@@ -229,7 +229,7 @@ public:
         return std::min(deadline, Clock::now() + pause);
     }
 
-    /// @param isTold whether the descriptor has told the end
+    /// @param isTold whether the descriptor has reported the end
     void look(bool isTold)
     {
         if (hasEnded() || (event.isOpen() && !isTold))

@@ -17,7 +17,7 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-// Of popen(3), with close-on-exec or without.
+// For popen(3), with close-on-exec or without.
 // kept: [firmware-pipe-inherited] "r", programs of other threads inherit the pipe
 constexpr char const* readMode = hardened ? "re" : "r";
 

@@ -115,7 +115,7 @@ bool tellsFailures()
     return false;
 }
 
-/// Asks once; from several threads perhaps once each, but without a lock that a forked child could find held.
+/// Asks once, or once for each of several threads, but without a lock that a forked child could find held.
 bool isUsable()
 {
     enum class Answer

@@ -67,7 +67,7 @@ PcmExecutorThreadPool::Pool::Pool()
 {
 }
 
-// What the first constructor has made, the destructor ends when the second one throws.
+// Delegates, so that the destructor joins the threads made so far when one of them cannot be made.
 PcmExecutorThreadPool::Pool::Pool(std::size_t count)
     : Pool()
 {

@@ -110,8 +110,7 @@ PeriodicCallerManager::~PeriodicCallerManager()
         RunningScheduler* const scheduler = RunningScheduler::ofThisThread();
         if (scheduler != nullptr && scheduler->runs(*this))
         {
-            // One of the functions that this thread runs has held the last reference: the scheduler thread ends by
-            // itself.
+            // A function that this thread runs has dropped the last reference: the scheduler thread ends by itself.
             TAVRO_LOG_TO(*this, Log::Severity::Info, "stop requested: leaving wait");
             TAVRO_LOG_TO(*this, Log::Severity::Info, "-schedulerThread: exiting without error");
             scheduler->orphan(std::move(executor));
@@ -183,7 +182,7 @@ steady_clock::time_point PeriodicCallerManager::nextPcmDueTime() const
 std::vector<std::shared_ptr<PcmItemIfc>> PeriodicCallerManager::dueUntil(steady_clock::time_point const& until)
 {
     std::vector<std::shared_ptr<PcmItemIfc>> due;
-    bool inOrder = true; // as functions are that ran in turn
+    bool inOrder = true; // the usual case: what ran one after another falls due in the same order
     auto last = steady_clock::time_point::min();
     std::lock_guard const lock(itemsMutex);
     due.reserve(items.size());
@@ -199,7 +198,7 @@ std::vector<std::shared_ptr<PcmItemIfc>> PeriodicCallerManager::dueUntil(steady_
     }
     if (!inOrder)
     {
-        // Asks again, rather than to keep the answers in memory beside the batch.
+        // Asks again rather than keeping the answers beside the batch.
         std::sort(due.begin(), due.end(),
                   [](auto const& left, auto const& right) { return left->nextDueTime() < right->nextDueTime(); });
     }
@@ -230,8 +229,8 @@ void PeriodicCallerManager::updateSchedulerNextDueTime()
 void PeriodicCallerManager::requestWakeUp()
 {
     std::unique_lock lock(waitMutex, std::defer_lock);
-    // So it comes before the scheduler's last look or after the begin of its sleep. A request that has not been served
-    // is followed by a look at the stop and, under itemsMutex, by a scan, which find whatever else has changed.
+    // Under the lock, a request comes before the scheduler's last look or after its sleep has begun. One that is still
+    // pending needs no lock: the scheduler will look at the stop and, under itemsMutex, at the list.
     if (hardened && !wakeUpRequested)
     {
         lock.lock();
@@ -320,8 +319,8 @@ void PeriodicCallerManager::waitUntil(steady_clock::time_point const& next)
     };
     std::unique_lock lock(waitMutex);
     steady_clock::time_point now = steady_clock::now();
-    // The clock before the request, so that a request is seen up to the end. A sleep whose end has passed would cost a
-    // visit to the kernel.
+    // Reads the clock before it looks for a request, so that none is missed up to the end. A sleep whose end has passed
+    // would cost a visit to the kernel.
     while (!isRequested() && now < next)
     {
         schedulerWakeup.wait_until(lock, std::min(next, now + longestWait));

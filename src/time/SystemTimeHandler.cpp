@@ -27,7 +27,7 @@ constexpr std::chrono::duration<double> pollPeriod(60.0);
 constexpr time_t farFuture = 2147483647; // the last second that 32 bits hold, in 2038
 
 // Instead of a timer's descriptor:
-constexpr int closedTimer = -1;  // closed after it was read, or never made; a poll reads it all the same and fails
+constexpr int closedTimer = -1;  // closed after a poll, or never made; a later poll reads it all the same, and fails
 constexpr int unarmedTimer = -2; // hardened build: not armed yet, or no longer needed; polls find it still running
 
 using Token = std::unique_ptr<PeriodicCallerManagerTokenIfc>;
@@ -36,13 +36,13 @@ using Token = std::unique_ptr<PeriodicCallerManagerTokenIfc>;
 /// handler. One mutex for all handlers will do: it is held only to move a token, a few times in a handler's life.
 std::mutex tokenMutex;
 
-/// Shared by the polls that destroy their own tokens; tokenMutex is taken behind it.
+/// Shared by the polls that destroy their own tokens. Taken before tokenMutex.
 std::shared_mutex tokenEnd;
 
-/// Takes the token away from the polls, and waits for one that destroys it already: with it that poll holds the
-/// manager, and must not be the last to do so, for no manager can end on a thread of its own.
+/// Takes the token away from the polls, and waits for a poll that is destroying it already: through the token that poll
+/// holds the manager, and must not be the last to do so, as no manager can end on a thread of its own.
 ///
-/// @return the token, to be destroyed without the locks: that waits for a poll in progress
+/// @return the token, to be destroyed without the locks, as that waits for a poll in progress
 Token takeToken(Token& pollToken)
 {
     Token token;

@@ -12,7 +12,7 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
-/// Behind zeros where it has fewer digits than wanted.
+/// Puts zeros before a number of fewer digits than wanted.
 void append(std::string& text, unsigned number, std::size_t wanted)
 {
     std::array<char, std::numeric_limits<unsigned>::digits10 + 1> digits{};

@@ -18,7 +18,7 @@ namespace
 struct Watch
 {
     LogCapture::Predicate const line;
-    std::promise<void> seen; // kept once
+    std::promise<void> seen; // set once
 };
 
 std::chrono::nanoseconds sinceBoot()

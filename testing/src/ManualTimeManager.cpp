@@ -37,7 +37,7 @@ milliseconds toMilliseconds(std::chrono::duration<double> period)
     return milliseconds(static_cast<milliseconds::rep>(period.count() * 1000.0));
 }
 
-/// Never, where the sum would be beyond.
+/// Where the sum does not fit, `never`.
 steady_clock::time_point later(steady_clock::time_point time, nanoseconds duration)
 {
     return duration > never - time ? never : time + duration;
