@@ -22,6 +22,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <fstream>
 #include <iostream>
@@ -134,7 +136,7 @@ void drawTimeline(Options const& options, Service const& service, Clock::time_po
     file.close();
     if (!file)
     {
-        throw std::runtime_error(*options.timeline + ": could not be written in full");
+        throw std::runtime_error(*options.timeline + ": " + std::strerror(errno));
     }
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <future>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 
 using Halden::Tavro::Utils::CodeMonitor;
@@ -41,8 +42,8 @@ unsigned long long addUp(unsigned n, CodeMonitor& monitor)
     return sum;
 }
 
-/// @return false when the worker did not come to the barrier
-bool lookAtJob(unsigned n, CodeMonitor& monitor)
+/// @throws std::runtime_error when the worker has not come to the barrier
+void lookAtJob(unsigned n, CodeMonitor& monitor)
 {
     monitor.closeBarrier(); // before the worker gets there
     auto worker = std::async(std::launch::async, addUp, n, std::ref(monitor));
@@ -56,7 +57,10 @@ bool lookAtJob(unsigned n, CodeMonitor& monitor)
     }
     monitor.openBarrier();
     std::cout << "job " << n << ": released, the result is " << worker.get() << '\n';
-    return held;
+    if (!held)
+    {
+        throw std::runtime_error("the worker has not come to the barrier");
+    }
 }
 
 int look(unsigned jobs)
@@ -64,11 +68,7 @@ int look(unsigned jobs)
     CodeMonitor monitor("addUp");
     for (unsigned job = 1; job <= jobs; ++job)
     {
-        if (!lookAtJob(job, monitor))
-        {
-            std::cerr << "The worker did not come to the barrier.\n";
-            return 1;
-        }
+        lookAtJob(job, monitor);
     }
     std::cout << "open barrier: the result is " << addUp(jobs, monitor) << '\n';
     return 0;

@@ -337,10 +337,17 @@ TEST_F(DeviceServiceTest, FilesThatCannotBeWrittenAreNamedWithTheReason)
         EXPECT_EQ(result.exitCode, 1) << file;
         EXPECT_EQ(result.output, "device_service: " + std::string(file) + ": " + reason + "\n");
     }
-    auto const full = runService({"--seconds", "1", "--timeline", "/dev/full"});
+}
 
-    EXPECT_EQ(full.exitCode, 1);
-    EXPECT_THAT(full.output, EndsWith("device_service: /dev/full: could not be written in full\n"));
+TEST_F(DeviceServiceTest, FullDiskIsTheReasonWhereItIs)
+{
+    auto const timeline = runService({"--seconds", "1", "--timeline", "/dev/full"});
+    auto const record = runService({"--record", "/dev/full"});
+
+    EXPECT_EQ(timeline.exitCode, 1);
+    EXPECT_THAT(timeline.output, EndsWith("device_service: /dev/full: No space left on device\n"));
+    EXPECT_EQ(record.exitCode, 1);
+    EXPECT_EQ(record.output, "device_service: /dev/full: file write failed: No space left on device\n");
 }
 
 TEST_F(DeviceServiceTest, TakesItsNameFromTheDescription)
