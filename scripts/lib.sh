@@ -38,7 +38,7 @@ know() {
             # shellcheck disable=SC2053 # a pattern
             [[ $argument != $word ]] || known=true
         done
-        $known || fail "unknown: $argument; --help says what there is"
+        $known || fail "unknown argument: $argument; see --help"
     done
 }
 
@@ -48,9 +48,9 @@ know_ctest() {
         case $1 in
         -R | -E | -L | -LE | -I | --timeout | --repeat) shift ;;
         -N | -V | -VV | --rerun-failed | --stop-on-failure) ;;
-        *) fail "unknown: $1; --help says what there is" ;;
+        *) fail "unknown argument: $1; see --help" ;;
         esac
-        shift || fail "an option lacks its value"
+        shift || fail "an option needs a value; see --help"
     done
 }
 

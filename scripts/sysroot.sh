@@ -30,7 +30,7 @@ configure_armhf_apt() {
     } >"$apt/apt.conf"
 }
 
-# Fetches the indexes, once more after a while where one is in the middle of an update. One that still cannot be had is
+# Fetches the indexes, once more after a while where one is in the middle of an update. One that still cannot be fetched is
 # no failure: whether the others suffice shows when the packages are fetched.
 update_armhf_apt() {
     armhf_apt update && return
@@ -99,7 +99,7 @@ ensure_armhf_sysroot() {
     rm -rf "$armhf_sysroot"
     configure_armhf_apt
     update_armhf_apt
-    armhf_apt install --download-only "${packages[@]}" >/dev/null || fail "the armhf packages cannot be had"
+    armhf_apt install --download-only "${packages[@]}" >/dev/null || fail "the armhf packages cannot be fetched"
     register_armhf_packages
     unpack_armhf_packages
     printf '%s\n' "${packages[*]}" >"$stamp"

@@ -34,9 +34,12 @@ def lines(name):
 
 
 def main(arguments):
-    if '--help' in arguments or len(arguments) != 2:
+    if '--help' in arguments:
         print(__doc__.strip())
-        return 0 if '--help' in arguments else 2
+        return 0
+    if len(arguments) != 2:
+        print('usage: compare.py DELIVERED PRESENT', file=sys.stderr)
+        return 2
     delivered, present = (lines(name) for name in arguments)
     differing = [pair for pair in zip(delivered, present) if not agree(*pair)]
     for pair in differing:
