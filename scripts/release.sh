@@ -15,8 +15,8 @@ released() {
 
 # ensure_release_packages: what building for both architectures needs.
 ensure_release_packages() {
-    ensure_packages "${build_packages[@]}" debhelper dpkg-dev file g++-arm-linux-gnueabihf git libcli11-dev \
-        prometheus-cpp-dev qemu-user "$@"
+    ensure_packages "${build_packages[@]}" debhelper doxygen doxygen-awesome-css dpkg-dev file \
+        g++-arm-linux-gnueabihf git libcli11-dev prometheus-cpp-dev qemu-user "$@"
     ensure_armhf_sysroot
 }
 
