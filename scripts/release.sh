@@ -16,7 +16,7 @@ released() {
 # ensure_release_packages: what building for both architectures needs.
 ensure_release_packages() {
     ensure_packages "${build_packages[@]}" debhelper doxygen doxygen-awesome-css dpkg-dev file \
-        g++-arm-linux-gnueabihf git libcli11-dev prometheus-cpp-dev qemu-user "$@"
+        g++-arm-linux-gnueabihf git libcli11-dev prometheus-cpp-dev python3 qemu-user "$@"
     ensure_armhf_sysroot
 }
 

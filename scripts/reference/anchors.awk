@@ -1,15 +1,17 @@
 # Gives the headings of a Markdown page the anchors that a reader of the source meets, "## How it works" #how-it-works, and
 # lets links lead to them; and the page a list of them. Labels are common to all pages here, so each begins with the page's name.
-#
-# A percent sign in code stands twice, or it would vanish.
-function keepPercentSigns(parts, count, i) {
-    count = split($0, parts, "`")
-    $0 = parts[1]
+
+# quotable LINE: with double signs around code that has an apostrophe, which would end it.
+function quotable(line,    parts, count, i, text) {
+    count = split(line, parts, "`")
+    text = parts[1]
     for (i = 2; i <= count; i++) {
-        if (i % 2 == 0) { gsub(/%/, "%%", parts[i]) }
-        $0 = $0 "`" parts[i]
+        sign = parts[i - i % 2] ~ /'/ && i - i % 2 < count ? "``" : "`"
+        text = text sign parts[i]
     }
+    return text
 }
+
 BEGIN {
     page = ARGV[1]
     sub(/.*\//, "", page)
@@ -19,6 +21,7 @@ BEGIN {
 inCode || /^    / { print; next }
 /^# / && page != "README" { print $0 "\n\n[TOC]\n"; next }
 /^###* / {
+    gsub(/`/, "")
     anchor = tolower($0)
     sub(/^#+ +/, "", anchor)
     gsub(/[^a-z0-9 _-]/, "", anchor)
@@ -28,7 +31,7 @@ inCode || /^    / { print; next }
 }
 {
     gsub(/::ffff/, ":⁠:ffff") # with a joiner: else it would be taken for a name of the program
-    keepPercentSigns()
+    gsub(/%[A-Za-z]/, "%&") # else the sign would be an order not to make a link, and gone
     gsub(/\]\(#/, "](#" page "-")
     rest = $0
     line = ""
@@ -38,5 +41,5 @@ inCode || /^    / { print; next }
         line = line substr(rest, 1, RSTART - 1) "](#" target "-"
         rest = substr(rest, RSTART + RLENGTH)
     }
-    print line rest
+    print quotable(line rest)
 }
