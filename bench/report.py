@@ -111,7 +111,11 @@ def main():
                     one.value("timeTrueSpawn"), limit)
     table.ratio("texts of a 5 KB document / bare libxml2", value("nodesTextOfLibrary"), value("nodesTextBare"), 1.1)
     table.ratio("disabled log call / relaxed atomic read", value("logDisabled"), value("relaxedRead"))
+    table.ratio("severity guard / relaxed atomic read", value("severityGuard"), value("relaxedRead"))
     table.ratio("disabled log call / spdlog's", value("logDisabled"), value("logDisabledSpdlog"))
+    table.ratio("enabled log call / by hand", value("logEnabled"), value("logEnabledByHand"), 1.2)
+    table.ratio("enabled log call without values / by hand", value("logEnabledWithoutValues"), value("logEnabledByHand"),
+                1)
     table.ratio("enabled log call / spdlog's", value("logEnabled"), value("logEnabledSpdlog"))
 
     print()

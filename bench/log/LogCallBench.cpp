@@ -7,7 +7,12 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/null_sink.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
 #include <memory>
 
 using namespace Halden::Tavro;
@@ -43,6 +48,16 @@ void logDisabled(benchmark::State& state)
 }
 BENCHMARK(logDisabled);
 
+/// What stands before a text that is costly to compose.
+void severityGuard(benchmark::State& state)
+{
+    for (auto _ : state)
+    {
+        benchmark::DoNotOptimize(Log::LoggerProxy::instance().isSeverityEnabled(Log::Severity::Trace));
+    }
+}
+BENCHMARK(severityGuard);
+
 void logDisabledSpdlog(benchmark::State& state)
 {
     spdlog::logger logger = makeSpdlogLogger();
@@ -62,6 +77,38 @@ void logEnabled(benchmark::State& state)
     }
 }
 BENCHMARK(logEnabled);
+
+void logEnabledWithoutValues(benchmark::State& state)
+{
+    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<Bench::NullSink>());
+    for (auto _ : state)
+    {
+        TAVRO_LOG_TO(logger, Log::Severity::Info, "~step 5 of nine");
+    }
+}
+BENCHMARK(logEnabledWithoutValues);
+
+/// What no enabled call can do without: the text, the time, and the call of the sink.
+[[gnu::noinline, gnu::format(printf, 2, 3)]] void logByHand(Log::LoggerImplIfc& sink, char const* format, ...)
+{
+    std::array<char, 512> text; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by what follows
+    va_list values;
+    va_start(values, format);
+    auto const length = static_cast<std::size_t>(std::vsnprintf(text.data(), text.size(), format, values));
+    va_end(values);
+    sink.write({std::chrono::system_clock::now(), Log::Severity::Info, "bench", {text.data(), length}});
+}
+
+void logEnabledByHand(benchmark::State& state)
+{
+    std::unique_ptr<Log::LoggerImplIfc> const sink = std::make_unique<Bench::NullSink>();
+    benchmark::DoNotOptimize(sink.get());
+    for (auto _ : state)
+    {
+        logByHand(*sink, "~step %d of %s", 5, "nine");
+    }
+}
+BENCHMARK(logEnabledByHand);
 
 void logEnabledSpdlog(benchmark::State& state)
 {

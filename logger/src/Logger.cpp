@@ -49,27 +49,31 @@ Sinks& processWideSinks()
     holdWhileForking<sinkMutex>();
 }
 
-/// Formats as vprintf(3) does, on the stack where the text is of usual length.
+/// Formats as vprintf(3) does, on the stack where format and text are of usual length.
 class Text
 {
 public:
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer is filled by what follows
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffers are filled by what follows
     Text(std::string_view format, va_list values)
-        : format(format)
     {
+        if (format.find('%') == std::string_view::npos)
+        {
+            text = format.substr(0, format.find('\0'));
+            return;
+        }
+        char const* const terminated = terminate(format);
         va_list again;
         va_copy(again, values);
-        int const length = std::vsnprintf(usual.data(), usual.size(), this->format.c_str(), values);
+        int const length = std::vsnprintf(usual.data(), usual.size(), terminated, values);
         if (length >= static_cast<int>(usual.size()))
         {
             large.resize(static_cast<std::size_t>(length));
-            static_cast<void>(std::vsnprintf(large.data(), large.size() + 1, this->format.c_str(), again));
+            static_cast<void>(std::vsnprintf(large.data(), large.size() + 1, terminated, again));
             text = large;
         }
         else
         {
-            text = length < 0 ? std::string_view(this->format)
-                              : std::string_view(usual.data(), static_cast<std::size_t>(length));
+            text = length < 0 ? format : std::string_view(usual.data(), static_cast<std::size_t>(length));
         }
         va_end(again);
     }
@@ -77,7 +81,20 @@ public:
     std::string_view view() const { return text; }
 
 private:
-    std::string const format; // ends in a NUL, which the caller's view need not
+    /// A copy that ends in a NUL, which the caller's view need not.
+    char const* terminate(std::string_view format)
+    {
+        if (format.size() >= usualFormat.size())
+        {
+            largeFormat = format;
+            return largeFormat.c_str();
+        }
+        usualFormat[format.copy(usualFormat.data(), format.size())] = '\0';
+        return usualFormat.data();
+    }
+
+    std::array<char, 256> usualFormat;
+    std::string largeFormat;
     std::array<char, 512> usual;
     std::string large;
     std::string_view text;

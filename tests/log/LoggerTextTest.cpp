@@ -109,6 +109,31 @@ TEST_F(LoggerTextTest, FormatEndsWhereItsViewEnds)
                                          LogLine{Severity::Info, "", "+start()"}, LogLine{Severity::Info, "", ""}));
 }
 
+TEST_F(LoggerTextTest, FormatsOfAnyLengthArriveWhole)
+{
+    std::vector<LogLine> expected;
+    for (std::size_t const length : {0U, 1U, 252U, 253U, 254U, 255U, 256U, 257U, 511U, 512U, 513U, 5000U})
+    {
+        std::string const text(length, 'x');
+        std::string const format = text + "%d%d";
+        expected.push_back({Severity::Info, "", text});
+        expected.push_back({Severity::Info, "", text + "5"});
+
+        tavroDoLog(Severity::Info, std::string_view(format.data(), length), {});
+        tavroDoLog(Severity::Info, std::string_view(format.data(), length + 2), {}, 5);
+    }
+
+    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+}
+
+TEST_F(LoggerTextTest, FormatEndsAtItsNul)
+{
+    tavroDoLog(Severity::Info, std::string_view("one\0two", 7), {});
+    tavroDoLog(Severity::Info, std::string_view("%d\0%d", 5), {}, 1);
+
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Info, "", "one"}, LogLine{Severity::Info, "", "1"}));
+}
+
 TEST_F(LoggerTextTest, WhatCannotBeFormattedArrivesAsItsFormat)
 {
     tavroDoLog(Severity::Info, "price: %ls", {}, L"\u20ac"); // not a character of the "C" locale
