@@ -1,7 +1,7 @@
 // Runs a program with this one's standard input, and ends as it has ended. What is done here by hand, execute() does
 // for who needs neither the child's process id nor the reason why a program cannot be started.
 //
-//     echo 3 1 2 | run_program --timeout 500 --env LC_ALL=C /usr/bin/wc -w
+//     echo 3 1 2 | run_program --timeout 500 --env LC_ALL=C wc -w
 
 #include "../support/Program.h"
 #include "Signals.h"
@@ -10,6 +10,7 @@
 #include <utils/Execute.h>
 
 #include <signal.h> // NOLINT(modernize-deprecated-headers): SIGKILL is POSIX
+#include <stdlib.h> // NOLINT(modernize-deprecated-headers): as the others
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,11 +18,14 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -50,6 +54,26 @@ class Help : public CLI::Formatter
     }
 };
 
+/// The program and its arguments, which "--" may part from the options.
+std::vector<std::string> wordsOfProgram(CLI::App const& app)
+{
+    auto words = app.remaining();
+    bool const parted = !words.empty() && words.front() == "--";
+    if (parted)
+    {
+        words.erase(words.begin());
+    }
+    if (words.empty())
+    {
+        throw CLI::RequiredError("PROGRAM");
+    }
+    if (!parted && words.front().rfind('-', 0) == 0)
+    {
+        throw CLI::ValidationError(words.front(), "no such option");
+    }
+    return words;
+}
+
 /// @throws CLI::ParseError for what cannot be understood
 Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std::vector<std::string> const& variables)
 {
@@ -64,18 +88,31 @@ Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std:
         }
         options.environment.emplace_back(variable.substr(0, separator), variable.substr(separator + 1));
     }
-    options.arguments = app.remaining();
-    if (options.arguments.empty())
-    {
-        throw CLI::RequiredError("PROGRAM");
-    }
+    options.arguments = wordsOfProgram(app);
     options.program = options.arguments.front();
-    if (options.program.rfind('-', 0) == 0)
-    {
-        throw CLI::ValidationError(options.program, "no such option");
-    }
     options.arguments.erase(options.arguments.begin());
     return options;
+}
+
+/// Where a shell would find the program; else one that nobody may execute, or what is not there, for the reason's sake.
+std::string pathOf(std::string const& program)
+{
+    char const* const path = getenv("PATH");
+    std::istringstream folders(path == nullptr ? "/usr/bin:/bin" : path);
+    std::string folder;
+    std::string found = program;
+    while (program.find('/') == std::string::npos && std::getline(folders, folder, ':'))
+    {
+        std::string const candidate = (folder.empty() ? "." : folder) + "/" + program;
+        std::error_code ignored;
+        bool const exists = std::filesystem::is_regular_file(candidate, ignored);
+        if (exists && access(candidate.c_str(), X_OK) == 0)
+        {
+            return candidate;
+        }
+        found = exists ? candidate : found;
+    }
+    return found;
 }
 
 /// Ends the child, which is not to be the program, with a status as env(1) has it.
@@ -115,11 +152,11 @@ private:
         pointers.push_back(argument.data());
     }
     pointers.push_back(nullptr);
+    auto const path = pathOf(options.program);
     Log::LoggerProxy::instance().setSink(std::make_shared<StartLog>(options.program));
     try
     {
-        Utils::executeApp(stdinPipe, stdoutPipe, nullptr, options.program.c_str(), pointers.data(),
-                          options.environment);
+        Utils::executeApp(stdinPipe, stdoutPipe, nullptr, path.c_str(), pointers.data(), options.environment);
     }
     catch (std::exception const& error)
     {

@@ -1,12 +1,16 @@
 #include "support/RunExample.h"
 #include "support/RunningProgram.h"
 
+#include <utils/TempDir.h>
+
 #include <gmock/gmock.h>
 
 #include <signal.h>
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -115,12 +119,36 @@ TEST(RunProgramTest, OptionsBehindTheProgramAreTheProgrammes)
     EXPECT_EQ(runProgram({"/bin/echo", "--timeout", "50", "--help", "-n"}).output, "--timeout 50 --help -n\n");
 }
 
+TEST(RunProgramTest, DashesPartTheOptionsFromTheProgram)
+{
+    EXPECT_EQ(runProgram({"--timeout", "60000", "--", "/bin/echo", "--", "text"}).output, "-- text\n");
+    EXPECT_EQ(runProgram({"--", "-no-such-program"}).output,
+              "run_program: -no-such-program: No such file or directory\n");
+}
+
+TEST(RunProgramTest, ProgramWithoutAFolderIsFoundAsByAShell)
+{
+    Utils::TempDir const folder("RunProgramTest-", std::filesystem::temp_directory_path());
+    auto const program = std::filesystem::path(folder.path()) / "program";
+    std::filesystem::create_directories(program); // is none
+    std::filesystem::path const other = folder.path() + "/other";
+    std::filesystem::create_directories(other);
+    std::ofstream(other / "program") << "#!/bin/sh\necho $0\n";
+    ExampleOptions options;
+    options.environment = {{"PATH", folder.path() + "::" + other.string()}};
+
+    EXPECT_EQ(runExample(RUN_PROGRAM, {"program"}, options).output, "run_program: program: Permission denied\n");
+    std::filesystem::permissions(other / "program", std::filesystem::perms::owner_all);
+    EXPECT_EQ(runExample(RUN_PROGRAM, {"program"}, options).output, (other / "program").string() + '\n');
+}
+
 TEST(RunProgramTest, MissingProgramEndsWithTheReasonAndStatus127)
 {
     auto const result = runProgram({"/no/such/program"});
 
     EXPECT_EQ(result.exitCode, 127);
     EXPECT_EQ(result.output, "run_program: /no/such/program: No such file or directory\n");
+    EXPECT_EQ(runProgram({"no-such-program"}).output, "run_program: no-such-program: No such file or directory\n");
 }
 
 TEST(RunProgramTest, ProgramThatCannotBeStartedEndsWithTheReasonAndStatus126)
@@ -134,6 +162,7 @@ TEST(RunProgramTest, ProgramThatCannotBeStartedEndsWithTheReasonAndStatus126)
 TEST(RunProgramTest, BadArgumentsAreAnsweredWithOneSentence)
 {
     expectRefusal(RUN_PROGRAM, {{{}, "PROGRAM"},
+                                {{"--"}, "PROGRAM"},
                                 {{"--timeout"}, "--timeout"},
                                 {{"--timeout", "soon", "/bin/true"}, "--timeout"},
                                 {{"--timeout", "-5", "/bin/true"}, "--timeout"},
