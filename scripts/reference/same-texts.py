@@ -14,15 +14,18 @@ def words(text):
     return " ".join(text.split())
 
 
-def page_of(markdown):
-    name = re.sub("[/-]", "_", markdown.removesuffix(".md"))
-    return "index.html" if markdown == "README.md" else f"md_{name}.html"
+def page_of(markdown, folder):
+    """The page made of it, whatever the program's version puts in the place of its name's signs."""
+    if markdown == "README.md":
+        return folder / "index.html"
+    (page,) = folder.glob("md_" + re.sub(r"\W", "*", markdown.removesuffix(".md")) + ".html")
+    return page
 
 
 failed = False
 for markdown in sys.argv[2:]:
     source = re.sub("```.*?```", "", pathlib.Path(markdown).read_text(), flags=re.DOTALL)
-    page = (pathlib.Path(sys.argv[1]) / page_of(markdown)).read_text()
+    page = page_of(markdown, pathlib.Path(sys.argv[1])).read_text()
     page = re.sub("</?(a|b|em|span)( [^>]*)?>|\N{WORD JOINER}", "", page)
     shown = words(html.unescape(re.sub("<[^>]*>", " ", page)))
     for text in re.findall("`([^`]+)`", source):
