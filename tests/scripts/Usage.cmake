@@ -6,7 +6,7 @@
 
 include(${CMAKE_CURRENT_LIST_DIR}/../package/Run.cmake)
 
-file(GLOB scripts ${SOURCE_DIR}/scripts/*)
+file(GLOB scripts LIST_DIRECTORIES false ${SOURCE_DIR}/scripts/*)
 list(FILTER scripts EXCLUDE REGEX "\\.sh$")
 file(GLOB_RECURSE pythons ${SOURCE_DIR}/abi/*.py ${SOURCE_DIR}/bench/*.py)
 list(LENGTH scripts count)
