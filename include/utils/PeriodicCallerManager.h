@@ -32,17 +32,13 @@ public:
     virtual ~PeriodicCallerManagerTokenIfc();
 };
 
-/// The manager as a service needs it, to be replaced by another one in tests; see PeriodicCallerManager for what to
-/// expect.
+/// The manager as a service sees it: at work a PeriodicCallerManager, in its tests a Testing::ManualTimeManager.
 class HALDEN_CPPUTILS_EXPORT PeriodicCallerManagerIfc
 {
 public:
     virtual ~PeriodicCallerManagerIfc();
 
-    /// Registers a function until the token is destroyed, which a dropped result does at once.
-    ///
-    /// The first call comes at once. Where the machine has been up for less than one period, it comes when the machine
-    /// has been up for that long.
+    /// Registers a function until the token is destroyed. A dropped result ends the registration at once.
     ///
     /// @param function called on a thread of the manager
     /// @param period   from start to start, truncated to whole milliseconds. On a 32-bit device the log line shows only
@@ -94,9 +90,10 @@ private:
 /// "Pcm" stands for "periodic caller manager".
 ///
 /// What to expect:
+/// - **First call:** At once, or when the machine has been up for one period.
 /// - **Overlap:** A function never overlaps itself. With a pool, the functions of one batch overlap each other.
 /// - **A slow function** delays all others, with a pool too: the next batch starts when the whole batch has finished.
-///   Beside one that takes 800 ms, a function with a period of 50 ms waits for up to 800 ms.
+///   Beside one that takes 800 ms once a second, a function with a period of 50 ms runs 13 times in 3 s.
 /// - **Drift:** A due time counts from the last start. A late start moves all later ones, and missed calls are not made
 ///   up.
 /// - **Lateness:** A function starts at best some 50 us late, the kernel's timer slack. To change that, call prctl(2)
@@ -108,9 +105,9 @@ private:
 /// - **Locks:** A function runs under no lock but its item's own. Destroying a token waits for a call in progress, so
 ///   hold no lock meanwhile that the function takes.
 ///
-/// Threads: everything may be called from any thread, the functions included. Nothing here waits for a function but the
-/// destruction of its token, and that of the manager for its pass. A failure of the scheduler itself is logged at
-/// Critical and ends the process.
+/// Threads: everything may be called from any thread, and from the functions. Only two operations wait for functions:
+/// destroying a token waits for its own, and destroying the manager for the pass in progress. A failure of the
+/// scheduler itself is logged at Critical and ends the process.
 ///
 /// Limits:
 /// - Two functions of a pool that destroy each other's tokens wait for each other for ever.
@@ -160,6 +157,8 @@ public:
     /// manager, so there are none left.
     ~PeriodicCallerManager() override;
 
+    /// Registers a function, see PeriodicCallerManagerIfc::add().
+    ///
     /// | Period, in whole milliseconds | What comes of it                                                   |
     /// |-------------------------------|--------------------------------------------------------------------|
     /// | more than zero                | calls from start to start; beyond 292 years it counts as that long |
@@ -175,12 +174,10 @@ public:
     void remove(std::shared_ptr<PcmItemIfc> const& item) override;
 
 protected:
-    /// Takes no lock.
-    ///
-    /// @return the earliest due time, or the greatest time point when there is no item
+    /// The earliest due time, or the greatest time point when there is no item. Takes no lock.
     std::chrono::steady_clock::time_point nextPcmDueTime() const;
 
-    /// @return the items due at `until` or before, the most overdue first
+    /// The items that are due at `until` or before, the most overdue first.
     std::vector<std::shared_ptr<PcmItemIfc>> dueUntil(std::chrono::steady_clock::time_point const& until);
 
     /// Stores the earliest due time, and asks the scheduler to wake when it moved earlier. Runs under itemsMutex.

@@ -17,6 +17,8 @@ namespace Halden::Tavro::Utils
 /// The reading counts as local time, in whole seconds, with the daylight-saving flag that the device gives. A clock
 /// that keeps UTC therefore agrees only where the time zone is UTC.
 ///
+/// Threads: any.
+///
 /// @throws std::filesystem::filesystem_error when the device's status cannot be told, unless it is just not there
 ///
 /// Hazards of the exact build:
