@@ -34,8 +34,8 @@ public:
 /// | version()      | tavro-fw-version                                    |
 /// | compatibleId() | rauc status, of which RAUC_SYSTEM_COMPATIBLE counts |
 ///
-/// Threads: init() must not run beside any other use. Afterwards version() and compatibleId() may be called from any
-/// thread.
+/// Threads: init() must not run at the same time as any other use. Afterwards version() and compatibleId() may be
+/// called from any thread.
 ///
 /// Limits:
 /// - Whatever a command prints is the answer, whatever its exit status; only silence is a failure. Compare the values

@@ -39,7 +39,7 @@ private:
 /// objects, so declare these after the lock. A thread-safe HDF5, such as Debian's, needs the lock as well: it protects
 /// single calls of the C library, but neither the C++ classes nor a sequence of calls.
 ///
-/// H5::Exception is no std::exception. Catch it before a thread ends by it, and inside a periodic function, whose log
+/// H5::Exception is not a std::exception. Catch it before it ends a thread, and inside a periodic function, whose log
 /// line would lack its text.
 ///
 /// Threads: instance() and lock() may be called from any thread. The first instance() switches off HDF5's own printing

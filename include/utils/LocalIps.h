@@ -61,8 +61,8 @@ namespace Halden::Tavro::Utils
 ///   callback that throws anything but a std::exception ends the process, and so does any exception out of onNewAddress
 ///   during construction. The hardened build goes on to the next event, and passes an exception during construction to
 ///   the caller.
-/// - When the kernel loses events, recv fails with ENOBUFS: onReceiveError is called, and the list stays wrong.
-///   Construct the object anew, on a thread of your own. The hardened build reads the addresses again and reports what
+/// - When the kernel loses events, recv fails with ENOBUFS: onReceiveError is called, and the list stays wrong. Replace
+///   the object by a new one, on a thread of your own. The hardened build reads the addresses again and reports what
 ///   differs.
 /// - The destructor closes the socket before it waits for the receiver thread. A socket that another thread opens at
 ///   that moment may get the same number, and loses what one recv(2) takes from it: open none meanwhile. As a rule the

@@ -53,8 +53,8 @@ public:
 /// execute() from overlapping another.
 ///
 /// Hazards of the exact build:
-/// - nextDueTime() reads the last start without that mutex. Beside an execution, a 32-bit machine may see half of it
-///   changed, and so a due time that is off by seconds.
+/// - nextDueTime() reads the last start without that mutex. During an execution, a 32-bit machine may see half of
+///   it changed, and so a due time that is off by seconds.
 /// - Whether an exception was logged before is kept outside that mutex. Two threads that execute one after the other,
 ///   and both fail for the first time, may both log at Error.
 class HALDEN_CPPUTILS_EXPORT PcmItem : public PcmItemIfc, protected virtual Log::Logger

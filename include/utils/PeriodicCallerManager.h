@@ -120,7 +120,7 @@ private:
 ///   that moment can make it read a list node that is changing or has just been freed. Adding and removing without
 ///   pause crashes within seconds. A service that added at its start and removed only at its end crashed once in some
 ///   1,600 runs on a loaded machine. A token that is destroyed inside its own function is safe, as that never runs
-///   beside the scan.
+///   during the scan.
 /// - A request to wake or to stop is lost when it comes between the scheduler's last look and its sleep, within a
 ///   microsecond after a pass. The scheduler then sleeps on until the next due time; with no function registered, for
 ///   ever. So the first call of a new function may never come: keep another one with a period of seconds registered.

@@ -25,7 +25,7 @@ namespace Halden::Tavro::Utils
 /// - A clock that was opened and cannot be read stays open: it costs the process a descriptor. As the kernel lets one
 ///   opener at a time hold a clock, every later open answers EBUSY, for this process, other services and hwclock(8),
 ///   until the process ends. Where a device's clock never answers, remove its node.
-/// - A file that is no clock costs a descriptor with every call.
+/// - A file that is not a clock costs a descriptor with every call.
 HALDEN_CPPUTILS_EXPORT bool devRtcValid(std::string const& device);
 
 /// Whether the system clock can be believed as absolute time, for devices that boot with a wrong one.

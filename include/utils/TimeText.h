@@ -10,8 +10,8 @@ namespace Halden::Tavro::Utils
 
 /// The time point in local time, in the form 2024-03-05T07:08:09.045Z.
 ///
-/// Despite the name and the "Z" it is UTC only where the process's time zone (`TZ`) is UTC. The zone is looked up anew
-/// on each call, which costs most of it.
+/// Despite the name and the "Z" it is UTC only where the process's time zone (`TZ`) is UTC. The zone is looked up
+/// again on each call, which costs most of it.
 ///
 /// Threads: may be called from several at once, as long as none changes the environment meanwhile.
 ///

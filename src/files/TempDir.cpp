@@ -55,7 +55,7 @@ TempDir::~TempDir() // NOLINT(bugprone-exception-escape): in the exact build
     }
     else
     {
-        // kept: [undeletable-ends-process] a service that cannot clean up ends, and is started anew
+        // kept: [undeletable-ends-process] a service that cannot clean up ends, and is restarted
         std::filesystem::remove_all(path_);
     }
 }

@@ -172,7 +172,7 @@ std::vector<std::string> XmlHelper::nodesText(std::stringstream const& document,
     std::vector<std::string> texts = textsOf(document, xpath);
     if constexpr (!hardened)
     {
-        xmlCleanupParser(); // kept: [parser-cleanup] between two readings a service wants libxml2 to hold no memory
+        xmlCleanupParser(); // kept: [parser-cleanup] services want libxml2 to hold no memory between readings
     }
     return texts;
 }

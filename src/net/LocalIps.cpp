@@ -148,7 +148,7 @@ void callGuarded(Function const& function)
     }
     else
     {
-        function(); // kept: [callback-ends-process] what is no std::exception ends the process, as out of any thread
+        function(); // kept: [callback-ends-process] what is not a std::exception ends the process, as out of any thread
     }
 }
 
@@ -181,7 +181,7 @@ void wakeReceiver(int socket)
 
 }
 
-/// What a receiver thread knows beside the fields of its monitor.
+/// What a receiver thread knows in addition to the fields of its monitor.
 struct [[gnu::visibility("hidden")]] LocalIps::Receiver
 {
     enum class List
@@ -291,7 +291,7 @@ LocalIps::LocalIps(std::function<void(IpAddress const&)> onNewAddress,
             Receiver::end(*this);
         }
         // kept: [failed-construction] with the socket open; with the thread running, the process ends, and services are
-        // started anew
+        // restarted
         throw;
     }
 }
@@ -369,7 +369,7 @@ IpAddress LocalIps::nlToIpAddress(nlmsghdr const* message)
     {
         if (!address.has_value())
         {
-            address = addressIn(begin, IFA_ADDRESS, logger); // beside IFA_LOCAL it is the peer's, alone our own
+            address = addressIn(begin, IFA_ADDRESS, logger); // next to IFA_LOCAL it is the peer's, alone our own
         }
     } // else kept: [ifa-local-only] services on devices without IPv6 get no address by IFA_ADDRESS
     if (!address.has_value())

@@ -210,7 +210,7 @@ void executeApp(Pipe& stdinPipe, Pipe& stdoutPipe, Pipe* stderrPipe, char const*
     }
     int const result = execv(path, arguments);
     int const error = errno;
-    // kept: [execve-for-execv] the text names execve(), as those expect who search logs for it
+    // kept: [execve-for-execv] the text says execve(), which people search logs for
     TAVRO_LOG(Log::Severity::Error, "execve() failed with %s", strerror(error));
     _exit(result);
 }
