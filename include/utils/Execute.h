@@ -56,7 +56,7 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// | end of the program is noticed | within 10 ms                         | at once                    |
 /// | output                        | 64 KiB, what a pipe holds            | 64 MiB                     |
 /// | input that it does not read   | 64 KiB                               | any                        |
-/// | process left with the output  | waited for                           | waited for within the time-out |
+/// | process that it leaves behind | waited for                           | waited for within the time-out |
 /// | cost of a start               | 0.4 ms; 30 ms in a process of 1 GiB  | 0.7 ms, posix_spawn(3)     |
 ///
 /// A path without a slash is one in the current directory. A program with more output than the limit stops there until

@@ -17,11 +17,10 @@ namespace Halden::Tavro::Utils
 
 /// The addresses of the device's own interfaces, kept up to date by the kernel's reports, rtnetlink(7).
 ///
-///     LocalIps localIps([](IpAddress const& ip) { announce(ip); }, [](IpAddress const& ip) { withdraw(ip); }, {});
-///     for (IpAddress const& ip : localIps.addresses())
-///     {
-///         announce(ip);
-///     }
+///     LocalIps localIps([](IpAddress const& ip) { announce(ip); }, // at once for each that is there
+///                       [](IpAddress const& ip) { withdraw(ip); },
+///                       {});
+///     std::vector<IpAddress> const now = localIps.addresses();
 ///
 /// | Callback       | Called when                         | On                                                  |
 /// |----------------|-------------------------------------|-----------------------------------------------------|
