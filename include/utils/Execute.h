@@ -74,6 +74,14 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// only where the child has something to log, that is when Trace is enabled or the program cannot be started. Otherwise
 /// no handler of pthread_atfork(3) runs.
 ///
+/// @param path        the program, also its argument 0
+/// @param arguments   the arguments from 1 on
+/// @param environment added to this process's own, in this order; replaces variables of the same name
+/// @param input       read from its present position to its end, any bytes; a read that fails counts as the end
+/// @param timeout     zero or less gives the program 10 ms
+/// @throws std::runtime_error "Failed to create pipe", "Failed to fork to execute the other process", or as
+///         getAppOutput()
+///
 /// Hazards of the exact build:
 /// - A program that keeps running without reading its input blocks the call once the input exceeds 64 KiB. If it has
 ///   also written more than 64 KiB, the call never returns. Keep the input small, or have the program write to a file.
@@ -101,14 +109,6 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// - A log call that waits because standard error is a full pipe holds up every fork(2) of the process, as the logging
 ///   library keeps its locks from being copied. This call then waits too, before its time-out begins. In the hardened
 ///   build this happens only where it forks.
-///
-/// @param path        the program, also its argument 0
-/// @param arguments   the arguments from 1 on
-/// @param environment added to this process's own, in this order; replaces variables of the same name
-/// @param input       read from its present position to its end, any bytes; a read that fails counts as the end
-/// @param timeout     zero or less gives the program 10 ms
-/// @throws std::runtime_error "Failed to create pipe", "Failed to fork to execute the other process", or as
-///         getAppOutput()
 HALDEN_CPPUTILS_EXPORT ExecutionResult execute(std::string const& path, std::vector<std::string> const& arguments,
                                                Environment const& environment, std::istream const& input,
                                                std::chrono::milliseconds timeout);
@@ -117,10 +117,6 @@ HALDEN_CPPUTILS_EXPORT ExecutionResult execute(std::string const& path, std::vec
 ///
 /// Only for a process that has just been forked. Closes both ends of each Pipe.
 ///
-/// Hazards of the exact build:
-/// - What Pipe::useAsStdin() and its siblings throw reaches the code that forked. Catch it there, and end the child
-///   with _exit(2). The hardened build ends it with status 255, without a log line.
-///
 /// @param stdinPipe   its read end becomes the standard input
 /// @param stdoutPipe  its write end becomes the standard output
 /// @param stderrPipe  its write end becomes the standard error; null leaves that as it is
@@ -128,6 +124,10 @@ HALDEN_CPPUTILS_EXPORT ExecutionResult execute(std::string const& path, std::vec
 /// @param arguments   as for execv(3), with a null pointer at the end
 /// @param environment as for execute()
 /// @throws std::runtime_error in the exact build, see the hazards
+///
+/// Hazards of the exact build:
+/// - What Pipe::useAsStdin() and its siblings throw reaches the code that forked. Catch it there, and end the child
+///   with _exit(2). The hardened build ends it with status 255, without a log line.
 [[noreturn]] HALDEN_CPPUTILS_EXPORT void executeApp(Pipe& stdinPipe, Pipe& stdoutPipe, Pipe* stderrPipe,
                                                     char const* path, char* const* arguments,
                                                     Environment const& environment);
@@ -143,9 +143,6 @@ HALDEN_CPPUTILS_EXPORT ExecutionResult execute(std::string const& path, std::vec
 /// In the hardened build an exception leaves no child behind, except one that this process may not kill: that one runs
 /// to its end and stays as a zombie.
 ///
-/// Hazards of the exact build:
-/// - Those of execute(). Whatever is thrown, the child is neither killed nor reaped.
-///
 /// @param stdoutPipe its write end is the child's standard output
 /// @param stdinPipe  its read end is the child's standard input
 /// @param child      its process id
@@ -154,6 +151,9 @@ HALDEN_CPPUTILS_EXPORT ExecutionResult execute(std::string const& path, std::vec
 /// @throws std::runtime_error "Failed to open pipe to stdin for write", "Failed to open pipe to stdout for read", or
 ///         the reason why waitpid(2) or kill(2) failed
 /// @throws std::ios_base::failure when the output cannot be read
+///
+/// Hazards of the exact build:
+/// - Those of execute(). Whatever is thrown, the child is neither killed nor reaped.
 HALDEN_CPPUTILS_EXPORT ExecutionResult getAppOutput(Pipe& stdoutPipe, Pipe& stdinPipe, pid_t child,
                                                     std::istream const& input, std::chrono::milliseconds timeout);
 
