@@ -122,7 +122,7 @@ auto carried(Value& value)
 ///     {
 ///     public:
 ///         Pump() : Log::Logger("Pump", "", nullptr) {}
-///         void start() { tavroDoLog(Log::Severity::Info, "started with %d rpm", {}, rpm); }
+///         void start() { tavroDoLog(Log::Severity::Info, "started at %d rpm", {}, 1200); }
 ///     };
 ///
 /// Threads: any.
