@@ -1,6 +1,6 @@
 # Shared by the scripts of this folder. Expects bash with "set -euo pipefail".
 #
-# A name that ends in .sh is that of a file to be sourced, everywhere in this tree; what is run has none.
+# Everywhere in this tree, a file with .sh at the end of its name is sourced; one that is run has no such end.
 
 # What every build of the library needs.
 readonly build_packages=(cmake g++ libboost-dev libhdf5-dev libspdlog-dev libxml2-dev ninja-build)
