@@ -78,6 +78,17 @@ void logEnabled(benchmark::State& state)
 }
 BENCHMARK(logEnabled);
 
+/// As every class of the library logs: to whatever sink the process has.
+void logEnabledProcessWide(benchmark::State& state)
+{
+    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<Log::LoggerImpl>());
+    for (auto _ : state)
+    {
+        TAVRO_LOG_TO(logger, Log::Severity::Info, "~step %d of %s", 5, "nine");
+    }
+}
+BENCHMARK(logEnabledProcessWide);
+
 void logEnabledWithoutValues(benchmark::State& state)
 {
     Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<Bench::NullSink>());
