@@ -94,6 +94,30 @@ protected:
                 return syscallDouble.passOn(number, word, operation, value, until, second, bits);
             });
     }
+
+    /// Until when a look-up slept that went on after its time-out, which began when the steady clock was at 1 s.
+    std::vector<KernelTime> deadlinesOfSlowLookUp(std::uint32_t timeout)
+    {
+        SteadyClockDouble const clock(1s); // long ago: the time-out is over at once
+        std::promise<void> waited;
+        std::vector<KernelTime> deadlines;
+        onTimedSleep(
+            [&](KernelTime const& deadline)
+            {
+                deadlines.push_back(deadline);
+                waited.set_value();
+            });
+        getaddrinfoDouble.replace(
+            [&, over = waited.get_future().share()](char const*, char const*, addrinfo const*, addrinfo** list)
+            {
+                EXPECT_EQ(over.wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
+                *list = entries.data();
+                return 0;
+            });
+        EXPECT_EQ(Ip::getLocalIpForRemote("host", timeout), "192.0.2.1");
+        resetOwnDoubles();
+        return deadlines;
+    }
 };
 
 TEST_F(RouteThreadTest, RemoteIsLookedUpOnAThreadOfItsOwn)
@@ -132,28 +156,14 @@ TEST_F(RouteThreadTest, FailureOfTheWorkerComesOutUnchanged)
 // kept: services have no answer to a call that gives up
 TEST_F(RouteThreadTest, TimeOutEndsOneWaitButNotTheCall)
 {
-    SteadyClockDouble const clock(1s); // long ago: the time-out is over at once
-    std::promise<void> waited;
-    std::vector<KernelTime> deadlines;
-    onTimedSleep(
-        [&](KernelTime const& deadline)
-        {
-            deadlines.push_back(deadline);
-            waited.set_value();
-        });
-    getaddrinfoDouble.replace(
-        [&, over = waited.get_future().share()](char const*, char const*, addrinfo const*, addrinfo** list)
-        {
-            EXPECT_EQ(over.wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
-            *list = entries.data();
-            return 0;
-        });
+    for (std::uint32_t const timeout : {1U, 7U})
+    {
+        auto const deadlines = deadlinesOfSlowLookUp(timeout);
 
-    EXPECT_EQ(Ip::getLocalIpForRemote("host", 7), "192.0.2.1");
-
-    ASSERT_THAT(deadlines, SizeIs(1));
-    EXPECT_EQ(deadlines[0].seconds, 8);
-    EXPECT_EQ(deadlines[0].nanoseconds, 0);
+        ASSERT_THAT(deadlines, SizeIs(1));
+        EXPECT_EQ(deadlines[0].seconds, static_cast<long>(1 + timeout));
+        EXPECT_EQ(deadlines[0].nanoseconds, 0);
+    }
 }
 
 TEST_F(RouteThreadTest, ZeroMeansNoTimedWait)
