@@ -42,6 +42,9 @@ Function systemFunction(char const* name)
     return reinterpret_cast<Function>(systemSymbol(name));
 }
 
+/// How many doubles the calling thread is in. What they allocate never fails, see FailingNew.h.
+inline thread_local int doublesAtWork = 0;
+
 template <typename Signature>
 class CallDouble;
 
@@ -89,6 +92,18 @@ public:
         };
     }
 
+    /// Lets no call fail any more that has not been made.
+    ///
+    /// @return whether every one that was to fail has been made
+    bool takeBackFailures()
+    {
+        State& present = state();
+        std::lock_guard const lock(present.mutex);
+        bool const allMade = present.failures.empty() || present.failures.rbegin()->first <= present.recorded.size();
+        present.failures.clear();
+        return allMade;
+    }
+
     /// Answers every call that is not meant to fail.
     void replace(std::function<Result(Arguments...)> function)
     {
@@ -108,6 +123,7 @@ public:
 
     Result operator()(Arguments... arguments)
     {
+        AtWork const atWork;
         std::function<Result(Arguments...)> answer;
         {
             State& present = state();
@@ -127,8 +143,18 @@ public:
     Result passOn(Arguments... arguments) const { return systemFunction<Result (*)(Arguments...)>(name)(arguments...); }
 
 private:
+    struct AtWork
+    {
+        AtWork() { ++doublesAtWork; }
+        ~AtWork() { --doublesAtWork; }
+        AtWork(AtWork const&) = delete;
+        AtWork& operator=(AtWork const&) = delete;
+    };
+
     struct State
     {
+        State() { recorded.reserve(64); } // so that a test that counts blocks seldom sees the first call
+
         std::mutex mutex;
         std::vector<std::tuple<Arguments...>> recorded;          // guarded by mutex
         std::map<std::size_t, std::function<Result()>> failures; // guarded by mutex

@@ -1,12 +1,15 @@
 // Replaces the global allocation functions of the test program, and with them those of the libraries it links.
 
 #include "support/FailingNew.h"
+#include "support/CallDouble.h"
+#include "support/HeapCounters.h"
 
 #include <cstddef>
 #include <cstdlib>
 #include <new>
 #include <utility>
 
+namespace HeapCounters = Halden::Tavro::TestSupport::HeapCounters;
 using Halden::Tavro::TestSupport::AllocationFailure;
 
 namespace
@@ -17,7 +20,7 @@ thread_local std::size_t passing = 0; // before it
 
 AllocationFailure next()
 {
-    if (coming == AllocationFailure::None || passing-- > 0)
+    if (coming == AllocationFailure::None || Halden::Tavro::TestSupport::doublesAtWork > 0 || passing-- > 0)
     {
         return AllocationFailure::None;
     }
@@ -49,15 +52,20 @@ void* operator new(std::size_t size)
     {
         throw std::bad_alloc();
     }
+    ++HeapCounters::allocations;
     return block;
 }
 
 void operator delete(void* block) noexcept
 {
+    if (block != nullptr)
+    {
+        ++HeapCounters::frees;
+    }
     std::free(block);
 }
 
 void operator delete(void* block, std::size_t /*size*/) noexcept
 {
-    std::free(block);
+    operator delete(block);
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 namespace Halden::Tavro::TestSupport
@@ -20,8 +21,8 @@ std::atomic<bool> devicesUnderTest{false};
 
 bool isDevice(char const* path)
 {
-    std::string const text(path);
-    return devicesUnderTest && text.rfind("/dev/", 0) == 0 && text.find("rtc") != std::string::npos;
+    std::string_view const text(path);
+    return devicesUnderTest && text.rfind("/dev/", 0) == 0 && text.find("rtc") != std::string_view::npos;
 }
 
 bool isUnderTest(int descriptor)
