@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <ostream>
 #include <stdexcept>
 
@@ -24,10 +25,24 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
+/// The buffer of an end, which closes it. One that finds no memory has done so already.
+__gnu_cxx::stdio_filebuf<char> bufferOf(Pipe& pipe, Pipe::End end)
+{
+    try
+    {
+        return end == Pipe::End::Write ? pipe.bufferWrite() : pipe.bufferRead();
+    }
+    catch (std::bad_alloc const&)
+    {
+        PipeEnds::forget(pipe, end);
+        throw;
+    }
+}
+
 void writeInput(Pipe& stdinPipe, std::istream const& input)
 {
     SigpipeBlock const block; // outlives the buffer, which may write when it is destroyed
-    auto buffer = stdinPipe.bufferWrite();
+    auto buffer = bufferOf(stdinPipe, Pipe::End::Write);
     if (!buffer.is_open())
     {
         TAVRO_LOG(Log::Severity::Error, "Failed to open pipe to stdin for write");
@@ -42,7 +57,7 @@ void writeInput(Pipe& stdinPipe, std::istream const& input)
 
 __gnu_cxx::stdio_filebuf<char> openOutput(Pipe& stdoutPipe)
 {
-    auto buffer = stdoutPipe.bufferRead();
+    auto buffer = bufferOf(stdoutPipe, Pipe::End::Read);
     if (!buffer.is_open())
     {
         TAVRO_LOG(Log::Severity::Error, "Failed to open pipe to stdout for read");

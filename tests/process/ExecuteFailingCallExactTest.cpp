@@ -1,0 +1,71 @@
+// What execute() leaves behind when one of its calls fails, in the exact build.
+
+#include "process/ExecuteFailingCallFixture.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace TestSupport;
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+
+using ExecuteFailingCallExactTest = ExecuteFailingCallFixture;
+
+TEST_F(ExecuteFailingCallExactTest, PipeOrForkThatFailsLeavesNothing)
+{
+    EXPECT_THAT(leftByFailingCalls({callsOf("pipe2", pipe2Double, -1, EMFILE), callsOf("fork", forkDouble, -1, EAGAIN)},
+                                   copyText, childLeft),
+                IsEmpty());
+}
+
+// kept: a failure after the start leaves the child to the caller
+TEST_F(ExecuteFailingCallExactTest, EndThatCannotBeOpenedLeavesTheChildAlone)
+{
+    std::FILE* const none = nullptr;
+
+    EXPECT_THAT(leftByFailingCalls({callsOf("fdopen", fdopenDouble, none, EMFILE)}, copyText, childLeft),
+                ElementsAre("fdopen 1: a child", "fdopen 2: a child"));
+}
+
+// kept: as above, but where it has ended already
+TEST_F(ExecuteFailingCallExactTest, AllocationThatFailsLeavesTheChildAtMost)
+{
+    auto const left = leftByFailingCalls({allocations()}, copyText, childLeft);
+
+    EXPECT_THAT(left, AllOf(Not(IsEmpty()), Each(EndsWith(": a child"))));
+}
+
+// kept: as above
+TEST_F(ExecuteFailingCallExactTest, WaitThatFailsLeavesTheChildAlone)
+{
+    auto const left = leftByFailingCalls({callsOf("waitpid", waitpidDouble, -1, EINVAL)}, copyText, childLeft);
+
+    EXPECT_THAT(left, AllOf(Not(IsEmpty()), Each(EndsWith(": a child"))));
+}
+
+TEST_F(ExecuteFailingCallExactTest, OutputThatCannotBeReadLeavesNothing)
+{
+    EXPECT_THAT(leftByFailingCalls({callsOf("read", readDouble, -1, EIO)}, copyText, childLeft), IsEmpty());
+}
+
+// kept: as above
+TEST_F(ExecuteFailingCallExactTest, ChildThatMayNotBeKilledIsLeftAlone)
+{
+    EXPECT_THAT(leftByFailingCalls({callsOf("kill", killDouble, -1, EPERM)}, killSleeper, childLeft),
+                ElementsAre("kill 1: a child"));
+}
+
+}
+
+}

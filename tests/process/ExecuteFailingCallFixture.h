@@ -1,0 +1,77 @@
+#pragma once
+
+#include <utils/Execute.h>
+
+#include "process/ExecuteFixture.h"
+#include "support/FailingCalls.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+
+namespace Halden::Tavro::TestSupport
+{
+
+/// Programs run by execute(), any of whose calls may fail. No number is ever closed that is closed already.
+class ExecuteFailingCallFixture : public ExecuteFixture
+{
+protected:
+    ExecuteFailingCallFixture()
+    {
+        closeDouble.replace(
+            [](int descriptor)
+            {
+                int const result = closeDouble.passOn(descriptor);
+                EXPECT_FALSE(result == -1 && errno == EBADF) << "closes " << descriptor << " again";
+                return result;
+            });
+        fcloseDouble.replace(nullptr);
+        pidfdOpenDouble.replace(nullptr);
+    }
+
+    /// A program that copies its input, which ends with it.
+    static void copyText()
+    {
+        std::istringstream const input("text");
+        std::string const output =
+            Utils::execute("/bin/cat", {"-"}, {{"NAME", "value"}}, input, std::chrono::minutes(1)).output;
+        if (output != "text")
+        {
+            throw std::runtime_error("cat says " + output);
+        }
+    }
+
+    /// A program whose time is up at once.
+    static void killSleeper()
+    {
+        std::istringstream const input;
+        if (Utils::execute("/bin/sleep", {"60"}, {}, input, std::chrono::milliseconds(0)).termSignal != SIGKILL)
+        {
+            throw std::runtime_error("sleep was not killed");
+        }
+    }
+
+    /// Ends and reaps the child that is left, if there is one.
+    static std::string childLeft()
+    {
+        siginfo_t state{};
+        if (waitid(P_ALL, 0, &state, WEXITED | WNOHANG | WNOWAIT) == -1)
+        {
+            return "";
+        }
+        if (killDouble.count() > 0)
+        {
+            killDouble.passOn(std::get<0>(killDouble.calls().back()), SIGKILL);
+        }
+        waitpidDouble.passOn(-1, nullptr, 0);
+        return "a child";
+    }
+};
+
+}
