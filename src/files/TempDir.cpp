@@ -46,7 +46,14 @@ TempDir::~TempDir() // NOLINT(bugprone-exception-escape): in the exact build
     if constexpr (hardened)
     {
         std::error_code error;
-        std::filesystem::remove_all(path_, error);
+        try
+        {
+            std::filesystem::remove_all(path_, error);
+        }
+        catch (std::bad_alloc const&) // it takes memory to look for what is to be removed
+        {
+            error = std::make_error_code(std::errc::not_enough_memory);
+        }
         if (error)
         {
             errno = error.value();

@@ -2,18 +2,18 @@
 
 #include <utils/TempDir.h>
 
+#include "FailingTemporaries.h"
 #include "UnlinkatDouble.h"
 #include "WorkingDirectory.h"
-#include "support/FailingNew.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <cstddef>
-#include <exception>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Halden::Tavro::Utils
@@ -61,21 +61,46 @@ TEST_F(TempDirHardenedTest, WhatCannotBeRemovedIsLoggedAndStays)
 
 TEST_F(TempDirHardenedTest, ConstructionWithoutMemoryLeavesNothing)
 {
-    std::size_t failures = 0;
-    for (bool made = false; !made; ++failures)
+    EXPECT_THAT(leftByConstructions<TempDir>({allocations()}, parent, "data-"), IsEmpty());
+}
+
+/// It takes memory to look for what is in the directory. Without any, the tree stays like one that may not be removed.
+TEST_F(TempDirHardenedTest, DestructorWithoutMemoryNeitherEndsTheProcessNorLeavesAnythingOpen)
+{
+    std::optional<TempDir> sut;
+    auto const makeAndDestroy = [&]
     {
-        failNextAllocation(AllocationFailure::BadAlloc, failures);
-        try
+        sut.emplace("data-", parent.path());
+        std::ofstream(sut->path() + "/file") << "content";
+        sut.reset();
+    };
+    auto const removeRest = [&]
+    {
+        sut.reset();
+        for (auto const& entry : std::filesystem::directory_iterator(parent.path()))
         {
-            TempDir const sut("data-", parent.path());
-            made = !allocationHasFailed();
+            std::filesystem::remove_all(entry.path());
         }
-        catch (std::exception const&)
-        {
-        }
-        EXPECT_TRUE(std::filesystem::is_empty(parent.path())) << failures;
-    }
-    EXPECT_GT(failures, 5U) << "too few allocations were seen";
+        return "";
+    };
+
+    EXPECT_THAT(leftByFailingCalls({allocations()}, makeAndDestroy, removeRest), IsEmpty());
+}
+
+TEST_F(TempDirHardenedTest, TreeThatFindsNoMemoryToBeRemovedIsLoggedAndStays)
+{
+    auto sut = std::make_unique<TempDir>("data-", parent.path());
+    std::string const path = sut->path();
+    std::ofstream(path + "/file") << "content";
+    failNextAllocation(AllocationFailure::BadAlloc);
+
+    sut.reset();
+
+    EXPECT_TRUE(allocationHasFailed());
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Log::Severity::Error, loggerName,
+                                                 "Cannot remove temporary directory '" + path +
+                                                     "', errno is 12: Cannot allocate memory"}));
+    EXPECT_TRUE(std::filesystem::exists(path + "/file"));
 }
 
 }

@@ -2,18 +2,14 @@
 
 #include <utils/TempFile.h>
 
+#include "FailingTemporaries.h"
 #include "WorkingDirectory.h"
 #include "support/ChildProcess.h"
-#include "support/FailingNew.h"
-#include "support/LogCapture.h"
-#include "support/Resources.h"
 
 #include <gmock/gmock.h>
 
 #include <signal.h>
 
-#include <cstddef>
-#include <exception>
 #include <filesystem>
 #include <optional>
 
@@ -52,23 +48,8 @@ TEST_F(TempFileExactTest, WhatCannotBeRemovedEndsTheProcess)
 // kept: one that runs out of memory has other worries
 TEST_F(TempFileExactTest, FileWhosePathFindsNoMemoryStaysOpen)
 {
-    auto const before = openDescriptors();
-    LogCapture const silence(Log::Severity::Critical);
-    bool stayed = false;
-    for (std::size_t passing = 0; !stayed; ++passing)
-    {
-        failNextAllocation(AllocationFailure::BadAlloc, passing);
-        try
-        {
-            TempFile const sut("data-", ".h5", directory.path());
-            ASSERT_TRUE(allocationHasFailed()) << "none of its " << passing << " allocations leaves a file";
-        }
-        catch (std::exception const&)
-        {
-        }
-        stayed = !std::filesystem::is_empty(directory.path());
-    }
-    EXPECT_EQ(openDescriptors(), before + 1);
+    EXPECT_THAT(leftByConstructions<TempFile>({allocations()}, directory, "data-", ".h5"),
+                AllOf(Not(IsEmpty()), Each(EndsWith(": a file, 1 descriptor"))));
 }
 
 }

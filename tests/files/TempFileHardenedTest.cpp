@@ -2,17 +2,16 @@
 
 #include <utils/TempFile.h>
 
+#include "FailingTemporaries.h"
 #include "WorkingDirectory.h"
-#include "support/FailingNew.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"
 
 #include <gmock/gmock.h>
 
-#include <cstddef>
-#include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Halden::Tavro::Utils
@@ -54,23 +53,20 @@ TEST_F(TempFileHardenedTest, WhatCannotBeRemovedIsLoggedAndStays)
 
 TEST_F(TempFileHardenedTest, ConstructionWithoutMemoryLeavesNothing)
 {
-    auto const before = openDescriptors();
-    std::size_t failures = 0;
-    for (bool made = false; !made; ++failures)
+    EXPECT_THAT(leftByConstructions<TempFile>({allocations()}, directory, "data-", ".h5"), IsEmpty());
+}
+
+TEST_F(TempFileHardenedTest, FileIsRemovedWithoutMemory)
+{
+    std::optional<TempFile> sut;
+    auto const makeAndDestroy = [&]
     {
-        failNextAllocation(AllocationFailure::BadAlloc, failures);
-        try
-        {
-            TempFile const sut("data-", ".h5", directory.path());
-            made = !allocationHasFailed();
-        }
-        catch (std::exception const&)
-        {
-        }
-        EXPECT_TRUE(std::filesystem::is_empty(directory.path())) << failures;
-        EXPECT_EQ(openDescriptors(), before) << failures;
-    }
-    EXPECT_GT(failures, 5U) << "too few allocations were seen";
+        sut.emplace("data-", ".h5", directory.path());
+        sut.reset();
+    };
+    auto const expectRemoved = [&] { return std::filesystem::is_empty(directory.path()) ? "" : "a file"; };
+
+    EXPECT_THAT(leftByFailingCalls({allocations()}, makeAndDestroy, expectRemoved), IsEmpty());
 }
 
 }
