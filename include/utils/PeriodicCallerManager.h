@@ -128,7 +128,7 @@ private:
 /// - The last token, and with it the manager, must not be destroyed inside its own function, as a thread cannot join
 ///   itself: that ends the process, or with a pool never returns, unless the scheduler thread happens to run the
 ///   function. Keep another pointer to the manager.
-/// - A function whose add() has thrown std::bad_weak_ptr stays registered for good.
+/// - A function whose add() has thrown std::bad_weak_ptr, or std::bad_alloc at its very end, stays registered for good.
 class HALDEN_CPPUTILS_EXPORT PeriodicCallerManager : public PeriodicCallerManagerIfc,
                                                      public PcmTokenToManagerIfc,
                                                      public std::enable_shared_from_this<PeriodicCallerManager>,

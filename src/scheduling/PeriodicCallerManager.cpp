@@ -7,8 +7,11 @@
 #include <utils/PcmExecutor.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <exception>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -48,12 +51,14 @@ bool isTraceEnabled()
     return Log::LoggerProxy::instance().isSeverityEnabled(Log::Severity::Trace);
 }
 
-std::string loweredText(steady_clock::time_point before, steady_clock::time_point after)
+/// Allocates nothing: a token that is destroyed must not fail.
+std::array<char, 128> loweredText(steady_clock::time_point before, steady_clock::time_point after)
 {
-    std::ostringstream text;
-    text << "Scheduler next due time (" << sinceEpochInMs(before) << "ms) lowered to (" << sinceEpochInMs(after)
-         << "ms)";
-    return text.str();
+    std::array<char, 128> text{};
+    static_cast<void>(std::snprintf(text.data(), text.size(), "Scheduler next due time (%lldms) lowered to (%lldms)",
+                                    static_cast<long long>(sinceEpochInMs(before)),
+                                    static_cast<long long>(sinceEpochInMs(after))));
+    return text;
 }
 
 /// As far as 64 bits hold it: a due time may be 292 years back.
@@ -143,14 +148,27 @@ std::unique_ptr<PeriodicCallerManagerTokenIfc> PeriodicCallerManager::add(std::f
         self = shared_from_this(); // throws before anything is registered
     }
 
+    std::shared_ptr<PcmItem> item; // outlives the lock, for its function may own anything
     std::lock_guard const lock(itemsMutex);
     // kept: [function-copied-once] a copy; callers see how often their function is copied
-    auto const item = std::make_shared<PcmItem>(function, periodInMs); // NOLINT(performance-unnecessary-value-param)
+    item = std::make_shared<PcmItem>(function, periodInMs); // NOLINT(performance-unnecessary-value-param)
     items.push_back(item);
     TAVRO_LOG_TO(*this, Log::Severity::Trace, "Item added. Having (%lu) now", static_cast<unsigned long>(items.size()));
     updateSchedulerNextDueTime();
     requestWakeUp(); // the item may be due although the earliest due time has not moved
-    return std::make_unique<PcmToken>(item, hardened ? std::move(self) : shared_from_this());
+    try
+    {
+        return std::make_unique<PcmToken>(item, hardened ? std::move(self) : shared_from_this());
+    }
+    catch (std::bad_alloc const&)
+    {
+        // kept: [registered-without-token] in the exact build it stays, as where no shared pointer owns the manager
+        if constexpr (hardened)
+        {
+            items.pop_back();
+        }
+        throw;
+    }
 }
 
 void PeriodicCallerManager::remove(std::shared_ptr<PcmItemIfc> const& item)
@@ -216,7 +234,7 @@ void PeriodicCallerManager::updateSchedulerNextDueTime()
     }
     if (isTraceEnabled())
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Trace, "%s", loweredText(before, after).c_str());
+        TAVRO_LOG_TO(*this, Log::Severity::Trace, "%s", loweredText(before, after).data());
     }
     schedulerNextDueTime = after;
     if (after < before)
