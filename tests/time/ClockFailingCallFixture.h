@@ -1,0 +1,83 @@
+#pragma once
+
+#include "support/FailingCalls.h"
+#include "time/SystemTimeHandlerFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Halden::Tavro::TestSupport
+{
+
+/// A clock device that can be read, and a handler with real timers that polls once; either with calls that fail.
+class ClockFailingCallFixture : public SystemTimeHandlerFixture
+{
+protected:
+    ClockFailingCallFixture()
+    {
+        useRealTimers();
+        events.reserve(64);
+    }
+
+    /// For devRtcValid() alone.
+    void readDevice()
+    {
+        devices = {"/dev/rtc0"};
+        bool const isValid = Utils::devRtcValid("/dev/rtc0");
+        devices.clear();
+        if (!isValid)
+        {
+            throw std::runtime_error("not valid");
+        }
+    }
+
+    std::string deviceLeft()
+    {
+        devices.clear();
+        bool const wasOpened = ioctlDouble.count() > ioctlsBefore; // it is asked as soon as it is open
+        ioctlsBefore = ioctlDouble.count();
+        bool const wasClosed = !events.empty();
+        events.clear();
+        return wasOpened && !wasClosed ? "an open device" : "";
+    }
+
+    void initializeAndPoll()
+    {
+        handler = std::make_unique<OpenHandler>(manager);
+        handler->initialize();
+        if (manager->function)
+        {
+            manager->function();
+        }
+    }
+
+    std::string destroyHandler()
+    {
+        handler.reset();
+        manager->function = nullptr;
+        return "";
+    }
+
+    static std::vector<FailingCalls> failuresOfDevice()
+    {
+        return {callsOf("open", openDouble, -1, EACCES), callsOf("ioctl", ioctlDouble, -1, EINVAL),
+                callsOf("mktime", mktimeDouble, -1, EOVERFLOW)};
+    }
+
+    static std::vector<FailingCalls> failuresOfTimer()
+    {
+        return {callsOf("timerfd_create", timerfdCreateDouble, -1, EMFILE),
+                callsOf("timerfd_settime", timerfdSettimeDouble, -1, EINVAL)};
+    }
+
+    std::unique_ptr<OpenHandler> handler;
+    std::size_t ioctlsBefore{0};
+};
+
+}

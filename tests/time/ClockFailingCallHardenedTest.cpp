@@ -1,0 +1,36 @@
+// What clock devices and the handler's timer leave open in the hardened build when one of their calls fails: nothing.
+
+#include "time/ClockFailingCallFixture.h"
+
+namespace Halden::Tavro::Utils
+{
+
+namespace
+{
+
+using namespace TestSupport;
+using testing::IsEmpty;
+
+using ClockFailingCallHardenedTest = ClockFailingCallFixture;
+
+TEST_F(ClockFailingCallHardenedTest, DeviceIsClosedWhateverFails)
+{
+    EXPECT_THAT(leftByFailingCalls(
+                    failuresOfDevice(), [this] { readDevice(); }, [this] { return deviceLeft(); }),
+                IsEmpty());
+}
+
+TEST_F(ClockFailingCallHardenedTest, TimerIsClosedWhateverFails)
+{
+    auto failures = failuresOfTimer();
+    failures.push_back(allocations());
+    failures.push_back(callsOf("adjtimex", adjtimexDouble, -1, EFAULT));
+
+    EXPECT_THAT(leftByFailingCalls(
+                    failures, [this] { initializeAndPoll(); }, [this] { return destroyHandler(); }),
+                IsEmpty());
+}
+
+}
+
+}
