@@ -24,10 +24,13 @@ namespace
 {
 
 using Log::Severity;
+using testing::_;
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StrEq;
 using testing::ThrowsMessage;
 using namespace TestSupport;
@@ -178,6 +181,24 @@ TEST_F(LocalIpsTest, DestructorSaysWhatItDoesInThisOrder)
     EXPECT_THAT(lines, ElementsAre(line(Severity::Info, "+LocalIps destructor"), line(Severity::Info, "socket closed"),
                                    line(Severity::Info, "waiting for receiver thread to stop..."),
                                    line(Severity::Info, "receiver thread stopped")));
+}
+
+TEST_F(LocalIpsTest, DestructorClosesNoSocketWhereAHeirCouldNotOpenItAgain)
+{
+    capture.expect(isLine(Severity::Error, "LocalIps", _));
+    auto sut = std::make_unique<Monitor>(nullptr, nullptr, [] { throw std::runtime_error("no use"); });
+    kernel.add(recvFails(ENOMEM));
+    ASSERT_TRUE(capture.waitFor(isLine(Severity::Info, "LocalIps", "-receiverThread")));
+    kernel.fail("socket", EMFILE);
+    EXPECT_THROW(sut->openNetlinkRouteSocket(), std::runtime_error);
+    capture.clear();
+
+    sut.reset();
+
+    EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Info, "+LocalIps destructor"),
+                                             line(Severity::Info, "waiting for receiver thread to stop..."),
+                                             line(Severity::Info, "receiver thread stopped")));
+    EXPECT_THAT(kernel.ownerCalls(), Not(Contains("close")));
 }
 
 TEST_F(LocalIpsTest, CallbacksAreMovedIn)

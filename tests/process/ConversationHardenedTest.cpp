@@ -4,6 +4,7 @@
 #include "process/InputThatCalls.h"
 #include "process/PipeNumbers.h"
 #include "process/Programs.h"
+#include "process/WaitingChild.h"
 #include "support/FailingNew.h"
 
 #include <fcntl.h>
@@ -78,6 +79,45 @@ TEST_F(ConversationHardenedTest, OutputOfAnyLengthIsWhole)
         EXPECT_THAT(result.exitCode, Optional(0));
         EXPECT_TRUE(result.output == std::string(size, '\0')) << result.output.size();
     }
+}
+
+TEST_F(ConversationHardenedTest, InputThatThePipeTakesInPiecesArrivesWhole)
+{
+    pipe2Double.replace(
+        [](int* ends, int flags)
+        {
+            int const result = pipe2Double.passOn(ends, flags);
+            EXPECT_GT(fcntlDouble.passOn(ends[1], F_SETPIPE_SZ, 1), 0); // as little as the system allows
+            return result;
+        });
+    std::string text;
+    for (int i = 0; text.size() < 100'000; ++i)
+    {
+        text += std::to_string(i) + ' ';
+    }
+
+    EXPECT_TRUE(run("/bin/cat", {}, text).output == text);
+}
+
+TEST_F(ConversationHardenedTest, InterruptedReadIsRepeated)
+{
+    readDouble.failCall(1, -1, EINTR);
+
+    EXPECT_EQ(shell("echo text").output, "text\n");
+}
+
+TEST_F(ConversationHardenedTest, EndThatCannotBeSetNotToWaitCountsAsNotOpen)
+{
+    fcntlDouble.replace(
+        [](int descriptor, int command, long argument)
+        {
+            errno = EPERM;
+            return command == F_SETFL ? -1 : fcntlDouble.passOn(descriptor, command, argument);
+        });
+    log.expect(free(Severity::Error, "Failed to open pipe to stdin for write"));
+
+    EXPECT_THAT([] { shell("sleep 60"); },
+                testing::ThrowsMessage<std::runtime_error>(testing::StrEq("Failed to open pipe to stdin for write")));
 }
 
 TEST_F(ConversationHardenedTest, ProgramThatNeitherReadsNorEndsIsKilledInTime)
@@ -247,32 +287,6 @@ TEST_F(ConversationHardenedTest, InterruptedReapingIsRepeated)
     EXPECT_EQ(interruptions, 4);
 }
 
-/// A child of this process that lives until it is killed, with its pipes.
-class WaitingChild
-{
-public:
-    WaitingChild()
-        : id(forkDouble.passOn())
-    {
-        if (id == 0)
-        {
-            while (true)
-            {
-                pause();
-            }
-        }
-    }
-
-    ExecutionResult getOutput(std::istream const& input, std::chrono::milliseconds timeout = 1h)
-    {
-        return getAppOutput(stdoutPipe, stdinPipe, id, input, timeout);
-    }
-
-    Pipe stdoutPipe;
-    Pipe stdinPipe;
-    pid_t const id;
-};
-
 TEST_F(ConversationHardenedTest, OutputThatCannotBeReadEndsTheChild)
 {
     WaitingChild waiting;
@@ -282,6 +296,20 @@ TEST_F(ConversationHardenedTest, OutputThatCannotBeReadEndsTheChild)
     std::istringstream const input;
 
     EXPECT_THROW(waiting.getOutput(input), std::ios_base::failure);
+
+    EXPECT_FALSE(hasChildren());
+}
+
+TEST_F(ConversationHardenedTest, InterruptedLookAtAChildThatIsLeftIsRepeated)
+{
+    WaitingChild waiting;
+    name("stdout", numbersOf(waiting.stdoutPipe).read, numbersOf(waiting.stdoutPipe).write);
+    failToOpen("stdout.read");
+    waitpidDouble.failCall(1, -1, EINTR);
+    log.expect(free(Severity::Error, "Failed to open pipe to stdout for read"));
+    std::istringstream const input;
+
+    EXPECT_THROW(waiting.getOutput(input), std::runtime_error);
 
     EXPECT_FALSE(hasChildren());
 }
@@ -306,35 +334,6 @@ TEST_F(ConversationHardenedTest, EndlessOutputIsLimited)
 
     EXPECT_THAT(result.termSignal, Optional(SIGKILL));
     EXPECT_LE(result.output.size(), 65 * mebibyte);
-}
-
-TEST_F(ConversationHardenedTest, OutputThatGrowsWhileItsRestIsReadIsReadAsItWas)
-{
-    WaitingChild waiting;
-    int const otherWriter = dup(numbersOf(waiting.stdoutPipe).write);
-    std::string const chunk(1000, 'x');
-    killDouble.replace(
-        [&](pid_t process, int signalNumber)
-        {
-            EXPECT_EQ(write(otherWriter, chunk.data(), chunk.size()), 1000);
-            return killDouble.passOn(process, signalNumber);
-        });
-    std::atomic<int> more{100};
-    readDouble.replace(
-        [&](int descriptor, void* buffer, std::size_t size)
-        {
-            ssize_t const count = readDouble.passOn(descriptor, buffer, size);
-            if (count > 0 && more-- > 0)
-            {
-                EXPECT_EQ(write(otherWriter, chunk.data(), chunk.size()), 1000);
-            }
-            return count;
-        });
-    std::istringstream const input;
-
-    EXPECT_EQ(waiting.getOutput(input, 0ms).output, chunk);
-
-    closeDouble.passOn(otherWriter);
 }
 
 TEST_F(ConversationHardenedTest, OutputThatDoesNotFitInMemoryEndsTheChild)

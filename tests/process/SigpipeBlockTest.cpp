@@ -2,9 +2,11 @@
 
 #include "process/GetAppOutputFixture.h"
 #include "process/InputThatCalls.h"
+#include "support/CallDouble.h"
 
 #include <signal.h>
 
+#include <cerrno>
 #include <chrono>
 #include <istream>
 #include <sstream>
@@ -12,6 +14,18 @@
 
 namespace Halden::Tavro::Utils
 {
+
+namespace
+{
+
+TestSupport::CallDouble<int(sigset_t const*, siginfo_t*, timespec const*)> sigtimedwaitDouble{"sigtimedwait"};
+
+}
+
+extern "C" int sigtimedwait(sigset_t const* set, siginfo_t* information, timespec const* timeout)
+{
+    return sigtimedwaitDouble(set, information, timeout);
+}
 
 namespace
 {
@@ -105,6 +119,18 @@ TEST_F(SigpipeBlockTest, SigpipeThatWasPendingBeforeStaysPending)
     call();
 
     EXPECT_TRUE(blocked.take());
+}
+
+TEST_F(SigpipeBlockTest, InterruptedTakeOfTheSignalIsRepeated)
+{
+    BlockedSigpipe const blocked;
+    stdinPipe.close(Pipe::End::Read);
+    sigtimedwaitDouble.reset();
+    sigtimedwaitDouble.failCall(1, -1, EINTR);
+
+    call();
+
+    EXPECT_FALSE(blocked.take());
 }
 
 TEST_F(SigpipeBlockTest, SigpipeIsBlockedWhileTheInputIsReadAndNoLongerAfterwards)

@@ -3,10 +3,15 @@
 #include "process/Programs.h"
 
 #include "support/CallDouble.h"
+#include "support/ChildProcess.h"
 
 #include <gmock/gmock.h>
 
 #include <spawn.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <functional>
 
 namespace Halden::Tavro::Utils
 {
@@ -20,6 +25,7 @@ namespace
 CallDouble<int(pid_t*, char const*, posix_spawn_file_actions_t const*, posix_spawnattr_t const*, char* const*,
                char* const*)>
     spawnDouble{"posix_spawn"};
+CallDouble<pid_t(pid_t, int*, int)> waitpidDouble{"waitpid"};
 
 }
 
@@ -29,28 +35,66 @@ extern "C" int posix_spawn(pid_t* child, char const* path, posix_spawn_file_acti
     return spawnDouble(child, path, actions, attributes, arguments, environment);
 }
 
+extern "C" pid_t waitpid(pid_t process, int* status, int options)
+{
+    return waitpidDouble(process, status, options);
+}
+
 namespace
 {
 
+/// Asks in a process of its own, for the answer is remembered.
+ChildResult inANewProcess(std::function<void()> const& piece)
+{
+    return runInChild(
+        [&piece]
+        {
+            waitpidDouble.reset();
+            spawnDouble.replace(
+                [](pid_t* child, char const*, posix_spawn_file_actions_t const*, posix_spawnattr_t const*, char* const*,
+                   char* const*)
+                {
+                    *child = fork();
+                    if (*child == 0)
+                    {
+                        _exit(127);
+                    }
+                    return 0;
+                });
+            piece();
+            EXPECT_EQ(spawnDouble.count(), 1U);
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+}
+
 TEST(SpawnEmulatedHardenedTest, ProgramsAreForkedOnceASpawnHasNotToldItsFailure)
 {
-    spawnDouble.replace(
-        [](pid_t* child, char const*, posix_spawn_file_actions_t const*, posix_spawnattr_t const*, char* const*,
-           char* const*)
+    auto const result = inANewProcess(
+        []
         {
-            *child = fork();
-            if (*child == 0)
-            {
-                _exit(127);
-            }
-            return 0;
+            waitpidDouble.failCall(1, -1, EINTR); // while the child of that spawn is reaped
+
+            EXPECT_THAT(run("/no/such/program").exitCode, Optional(-1));
+            EXPECT_THAT(shell("exit 3").exitCode, Optional(3));
+
+            EXPECT_FALSE(hasChildren());
         });
 
-    EXPECT_THAT(run("/no/such/program").exitCode, Optional(-1));
-    EXPECT_THAT(shell("exit 3").exitCode, Optional(3));
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+}
 
-    EXPECT_EQ(spawnDouble.count(), 1U);
-    EXPECT_FALSE(hasChildren());
+TEST(SpawnEmulatedHardenedTest, ChildOfThatSpawnMayHaveBeenReapedBySomebodyElse)
+{
+    auto const result = inANewProcess(
+        []
+        {
+            waitpidDouble.failCall(1, -1, ECHILD);
+
+            EXPECT_THAT(run("/no/such/program").exitCode, Optional(-1));
+            EXPECT_THAT(shell("exit 3").exitCode, Optional(3));
+        });
+
+    EXPECT_EQ(result.exitCode, 0) << result.output;
 }
 
 }

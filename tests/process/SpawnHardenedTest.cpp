@@ -2,11 +2,15 @@
 
 #include "process/ExecuteFixture.h"
 #include "process/Programs.h"
+#include "support/CallDouble.h"
 
 #include <signal.h>
+#include <spawn.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <sstream>
 #include <string>
@@ -14,6 +18,18 @@
 
 namespace Halden::Tavro::Utils
 {
+
+namespace
+{
+
+TestSupport::CallDouble<int(posix_spawn_file_actions_t*, int, int)> addDup2Double{"posix_spawn_file_actions_adddup2"};
+
+}
+
+extern "C" int posix_spawn_file_actions_adddup2(posix_spawn_file_actions_t* actions, int from, int to) noexcept
+{
+    return addDup2Double(actions, from, to);
+}
 
 namespace
 {
@@ -126,6 +142,19 @@ TEST_F(SpawnHardenedTest, ProgramThatCannotBeStartedIsForkedToSayWhy)
         EXPECT_EQ(forkDouble.count(), 1U) << path;
     }
     EXPECT_FALSE(hasChildren());
+}
+
+TEST_F(SpawnHardenedTest, ProgramIsForkedWhereThereIsNoMemoryToSayWhatBecomesOfThePipes)
+{
+    for (std::size_t const call : {1U, 2U})
+    {
+        addDup2Double.reset();
+        addDup2Double.failCall(call, ENOMEM, 0);
+        forkDouble.reset();
+
+        EXPECT_EQ(shell("echo text").output, "text\n");
+        EXPECT_EQ(forkDouble.count(), 1U);
+    }
 }
 
 TEST_F(SpawnHardenedTest, NoHandlerOfForksRuns)

@@ -282,6 +282,26 @@ TEST_P(PeriodicCallerManagerEndHardenedTest, ManagerThatEndsInsideAFunctionLeave
     EXPECT_EQ(others, GetParam() == Strategy::Sequential ? 0 : 1);
 }
 
+TEST_P(PeriodicCallerManagerEndHardenedTest, ManagerThatEndsInsideAFunctionOfAnotherIsGoneAfterwards)
+{
+    auto sut = makeAsleep(GetParam());
+    auto other = makeAsleep(GetParam());
+    std::promise<bool> gone;
+    Token const token = sut->add(
+        [&]
+        {
+            std::weak_ptr<PeriodicCallerManager> const watched = other;
+            other.reset();
+            gone.set_value(watched.expired() && log.count(line(Severity::Info, StartsWith("-schedulerThread"))) == 1);
+        },
+        longPeriod);
+
+    auto answer = gone.get_future();
+    ASSERT_TRUE(becomesReady(answer));
+    EXPECT_TRUE(answer.get());
+    SchedulerSleep::await();
+}
+
 TEST_P(PeriodicCallerManagerEndHardenedTest, RemovedItemIsReleasedBeforeASleepWithoutEnd)
 {
     auto held = std::make_shared<int>(0);
