@@ -44,6 +44,15 @@ Sinks& processWideSinks()
     return *sinks;
 }
 
+std::shared_ptr<LoggerImplIfc> orDefault(std::shared_ptr<LoggerImplIfc> impl)
+{
+    if (impl == nullptr)
+    {
+        impl = std::make_shared<LoggerImpl>();
+    }
+    return impl;
+}
+
 [[gnu::constructor]] void keepSinkUsableInChildren()
 {
     holdWhileForking<sinkMutex>();
@@ -157,7 +166,7 @@ std::shared_ptr<LoggerImplIfc> LoggerProxy::setSink(std::shared_ptr<LoggerImplIf
 // NOLINTNEXTLINE(performance-unnecessary-value-param): as the callers of other libraries have it
 Logger::Logger(std::string name, std::string /*unused*/, std::shared_ptr<LoggerImplIfc> impl)
     : name(std::move(name))
-    , impl(impl == nullptr ? std::make_shared<LoggerImpl>() : std::move(impl))
+    , impl(orDefault(std::move(impl)))
 {
 }
 

@@ -300,7 +300,6 @@ LocalIps::~LocalIps()
 {
     TAVRO_LOG_TO(*this, Log::Severity::Info, "+LocalIps destructor");
     bool const hasSocket = netlinkSocket >= 0;
-    bool const hasReceiver = receiver.joinable();
     if constexpr (hardened)
     {
         Receiver::end(*this); // so that nobody uses the socket when it is closed; the lines stay in their order
@@ -318,15 +317,12 @@ LocalIps::~LocalIps()
     {
         TAVRO_LOG_TO(*this, Log::Severity::Info, "socket closed");
     }
-    if (hasReceiver)
+    TAVRO_LOG_TO(*this, Log::Severity::Info, "waiting for receiver thread to stop...");
+    if constexpr (!hardened)
     {
-        TAVRO_LOG_TO(*this, Log::Severity::Info, "waiting for receiver thread to stop...");
-        if constexpr (!hardened)
-        {
-            receiver.join();
-        }
-        TAVRO_LOG_TO(*this, Log::Severity::Info, "receiver thread stopped");
+        receiver.join();
     }
+    TAVRO_LOG_TO(*this, Log::Severity::Info, "receiver thread stopped");
 }
 
 std::vector<IpAddress> LocalIps::addresses()
@@ -442,7 +438,8 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
                 handleLostAddress(nlToIpAddress(message));
             }
         };
-        if (succeeds(handle, Receiver::loggerOf(*this)) || hardened) // kept: [same-event-again] else the same one again
+        bool const isHandled = succeeds(handle, Receiver::loggerOf(*this));
+        if (hardened || isHandled) // kept: [same-event-again] else the same one again
         {
             at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));
         }

@@ -89,7 +89,7 @@ std::optional<int> killAndReap(pid_t child)
         TAVRO_LOG(Log::Severity::Debug, "Child finished after kill");
         return status;
     }
-    if (answer == -1 && error != EINTR)
+    if (error != EINTR)
     {
         failWithoutStatus(error);
     }

@@ -156,7 +156,7 @@ public:
         if (!isDone() && ioctl(end.get(), FIONREAD, &available) == 0)
         {
             std::size_t const whole = output.size() + static_cast<std::size_t>(available);
-            while (!isDone() && output.size() < whole && readChunk())
+            while (output.size() < whole && readChunk())
             {
             }
         }

@@ -50,7 +50,7 @@ void PeriodicCaller::start()
 void PeriodicCaller::stop()
 {
     TAVRO_LOG_TO(*this, Log::Severity::Debug, "+stop()");
-    if (thread != nullptr && thread->joinable())
+    if (thread != nullptr)
     {
         TAVRO_LOG_TO(*this, Log::Severity::Trace, "~stop: stopping the periodic caller thread");
         {

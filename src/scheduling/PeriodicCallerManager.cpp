@@ -123,12 +123,9 @@ PeriodicCallerManager::~PeriodicCallerManager()
             return;
         }
     }
-    if (thread.joinable())
-    {
-        stopRequested = true;
-        requestWakeUp();
-        thread.join();
-    }
+    stopRequested = true;
+    requestWakeUp();
+    thread.join();
 }
 
 std::unique_ptr<PeriodicCallerManagerTokenIfc> PeriodicCallerManager::add(std::function<void()> function,

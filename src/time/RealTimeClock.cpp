@@ -46,8 +46,7 @@ seconds systemTime()
 
 bool devRtcValid(std::string const& device)
 {
-    auto const type = std::filesystem::status(device).type();
-    if (type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none)
+    if (!std::filesystem::exists(device))
     {
         TAVRO_LOG(Log::Severity::Debug, "No RTC available in %s.", device.c_str());
         return false;
