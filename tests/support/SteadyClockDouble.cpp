@@ -98,7 +98,7 @@ std::size_t SteadyClockDouble::readings() const
 }
 
 // Stands in for the standard library's, in the program as in the shared libraries it uses.
-std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept // NOLINT(cert-dcl58-cpp): on purpose
+std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept // NOLINT(cert-dcl58-cpp): the double
 {
     return time_point(Halden::Tavro::TestSupport::read());
 }
