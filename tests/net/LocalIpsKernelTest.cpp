@@ -3,12 +3,15 @@
 #include <utils/LocalIps.h>
 
 #include "net/KernelFixture.h"
+#include "support/ChildProcess.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
 #include <net/if.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -211,6 +214,23 @@ TEST_F(LocalIpsKernelTest, DestructionTakesAtMostAboutTwoSecondsAndLeavesNothing
     }
     EXPECT_EQ(if_nametoindex("link0"), 0U);
     if_freenameindex(interfaces);
+}
+
+// A service may run without a standard input.
+TEST(LocalIpsDescriptorTest, SocketMayHaveTheNumberZero)
+{
+    auto const result = runInChild(
+        []
+        {
+            auto const isOpen = [] { return fcntl(STDIN_FILENO, F_GETFD) != -1; };
+            close(STDIN_FILENO);
+            auto sut = std::make_unique<LocalIps>(nullptr, nullptr, nullptr);
+            bool const wasOpen = isOpen();
+            sut.reset();
+            return wasOpen && !isOpen() ? 0 : 1;
+        });
+
+    EXPECT_EQ(result.exitCode, 0) << result.output;
 }
 
 }
