@@ -103,7 +103,7 @@ std::string pathOf(std::string const& program)
     std::string found = program;
     while (program.find('/') == std::string::npos && std::getline(folders, folder, ':'))
     {
-        std::string const candidate = (folder.empty() ? "." : folder) + "/" + program;
+        std::string candidate = (folder.empty() ? "." : folder) + "/" + program;
         std::error_code ignored;
         bool const exists = std::filesystem::is_regular_file(candidate, ignored);
         if (exists && access(candidate.c_str(), X_OK) == 0)
