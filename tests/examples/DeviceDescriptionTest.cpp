@@ -30,7 +30,7 @@ class DeviceDescriptionTest : public Test
 protected:
     std::string file(std::string const& text) const
     {
-        auto const path = directory.path() + "/device.xml";
+        auto path = directory.path() + "/device.xml";
         std::ofstream(path) << text;
         return path;
     }

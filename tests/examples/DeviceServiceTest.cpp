@@ -77,7 +77,7 @@ long countOf(std::string const& text, std::string const& expression)
 }
 
 /// Elements, attributes and nesting; no entities but the usual, which is all that the picture uses.
-bool isWellFormed(std::string text)
+bool isWellFormed(std::string const& text)
 {
     std::regex const piece(
         R"(<\?xml[^<>]*\?>|<(/?)([a-z]+)((?: [a-zA-Z0-9]+="[^"<>&]*")*)(/?)>|[^<>&]+|&(?:amp|lt|gt);)");

@@ -112,7 +112,7 @@ TEST(Hdf5LibraryLockTest, TwoThreadsThatLockLoseNothingInOneFile)
     work(0);
     other.join();
 
-    std::vector<int> expected(2 * perThread);
+    std::vector<int> expected(2UL * perThread);
     std::iota(expected.begin(), expected.end(), 0);
     auto const lock = Hdf5Library::instance().lock();
     EXPECT_THAT(numbersIn(path), UnorderedElementsAreArray(expected));
