@@ -104,7 +104,7 @@ def main():
         table.ratio(f"processor time of execute / posix_spawn, {memory} MiB more", value(f"runTrueExecute/{memory}"),
                     value(f"runTrueSpawn/{memory}"), 1.1 if memory == 0 else None)
         table.ratio(f"processor time of execute / bare fork, {memory} MiB more", value(f"runTrueExecute/{memory}"),
-                    value(f"runTrueFork/{memory}"), 1.4 if memory == 0 else None)
+                    value(f"runTrueFork/{memory}"), 1.1 if memory == 0 else None)
     hardened = Table(medians(arguments.hardened))
     for build, one, limit in (("exact", table, None), ("hardened", hardened, 1.3)):
         table.ratio(f"time of execute / posix_spawn and waitpid, {build} build", one.value("timeTrueExecute"),
