@@ -8,7 +8,7 @@ include(${CMAKE_CURRENT_LIST_DIR}/../package/Run.cmake)
 
 file(GLOB scripts LIST_DIRECTORIES false ${SOURCE_DIR}/scripts/*)
 list(FILTER scripts EXCLUDE REGEX "\\.sh$")
-file(GLOB_RECURSE pythons ${SOURCE_DIR}/abi/*.py ${SOURCE_DIR}/bench/*.py)
+file(GLOB_RECURSE pythons ${SOURCE_DIR}/abi/*.py ${SOURCE_DIR}/bench/*.py ${SOURCE_DIR}/tests/coverage/*.py)
 list(LENGTH scripts count)
 list(LENGTH pythons python_count)
 if(count LESS 15 OR python_count LESS 4)
