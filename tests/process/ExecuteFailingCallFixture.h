@@ -65,9 +65,11 @@ protected:
         {
             return "";
         }
-        if (killDouble.count() > 0)
+        auto const waits = waitpidDouble.calls();
+        pid_t const last = waits.empty() ? 0 : std::get<0>(waits.back());
+        if (last > 0 && waitid(P_PID, static_cast<id_t>(last), &state, WEXITED | WNOHANG | WNOWAIT) == 0)
         {
-            killDouble.passOn(std::get<0>(killDouble.calls().back()), SIGKILL);
+            killDouble.passOn(last, SIGKILL); // else it ends with its input
         }
         waitpidDouble.passOn(-1, nullptr, 0);
         return "a child";

@@ -69,3 +69,20 @@ void operator delete(void* block, std::size_t /*size*/) noexcept
 {
     operator delete(block);
 }
+
+// With a sanitizer, arrays have functions of their own.
+
+void* operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+
+void operator delete[](void* block) noexcept
+{
+    operator delete(block);
+}
+
+void operator delete[](void* block, std::size_t /*size*/) noexcept
+{
+    operator delete(block);
+}
