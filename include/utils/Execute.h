@@ -27,7 +27,8 @@ namespace Halden::Tavro::Utils
 /// | its end is not known    | -          | -          | all; see hazards of execute() |
 ///
 /// The status is a signed byte: 128 reads as -128. A program that ends with 255 reads as -1, like one that could not be
-/// started. A program that ends by itself just as its time runs out has not taken too long.
+/// started. Streams print a std::int8_t as a character, so convert it to int before. A program that ends by itself just
+/// as its time runs out has not taken too long.
 struct ExecutionResult
 {
     std::optional<std::int8_t> termSignal; ///< the signal that ended it
@@ -51,8 +52,8 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// |-------------------------------|--------------------------------------|----------------------------|
 /// | path of the program           | PATH is not searched                 | likewise                   |
 /// | exitCode -1                   | not started, or status 255           | likewise                   |
-/// | time-out covers               | the wait after the input             | the whole call             |
-/// | granularity of the time-out   | 10 ms, and 10 ms more                | likewise                   |
+/// | time-out covers               | only the wait for the program's end  | the whole call             |
+/// | time-out is counted           | in steps of 10 ms; the kill comes one step late: 1000 ms is 1010 ms | likewise |
 /// | end of the program is noticed | within 10 ms                         | at once                    |
 /// | output                        | 64 KiB, what a pipe holds            | 64 MiB                     |
 /// | input that it does not read   | 64 KiB                               | any                        |
@@ -64,7 +65,7 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 /// reading `input` itself counts, but nothing can cut it short.
 ///
 /// The program gets this process's standard error, directory, signal mask and ignored signals, and its descriptors that
-/// are not close-on-exec, but not those of other calls.
+/// are not close-on-exec, but not the pipes of other execute() calls.
 ///
 /// This process must have descriptors 0, 1 and 2 open. It must neither ignore SIGCHLD nor reap children that it does
 /// not know: a child that is reaped elsewhere is an exception here, "No child processes".

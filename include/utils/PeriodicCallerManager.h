@@ -163,7 +163,7 @@ public:
     /// |-------------------------------|--------------------------------------------------------------------|
     /// | more than zero                | calls from start to start; beyond 292 years it counts as that long |
     /// | zero                          | refused                                                            |
-    /// | less than zero                | taken, whatever the exception says: a call on every pass, and no sleep |
+    /// | less than zero                | accepted, although the exception's text says "greater than zero"; no pause |
     ///
     /// @throws std::invalid_argument "Period must be greater than zero milliseconds" for zero
     /// @throws std::bad_weak_ptr     when no shared pointer owns the manager

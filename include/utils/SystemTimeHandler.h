@@ -82,7 +82,7 @@ public:
 class HALDEN_CPPUTILS_EXPORT SystemTimeHandler : public SystemTimeHandlerIfc, protected virtual Log::Logger
 {
 public:
-    /// @param manager not null unless the clock is believed at once
+    /// @param manager calls the polls; not null; not used when the clock is believed at once
     explicit SystemTimeHandler(std::shared_ptr<PeriodicCallerManagerIfc> manager);
 
     SystemTimeHandler(SystemTimeHandler const&) = delete;

@@ -22,10 +22,12 @@ namespace Halden::Tavro::Utils::Metrics
 /// A manager whose functions have names, and which counts and times their runs for Prometheus.
 ///
 ///     auto const registry = std::make_shared<prometheus::Registry>();
-///     auto const manager = std::make_shared<PeriodicCallerManager>(Strategy::Sequential, "sensors");
+///     auto const manager = std::make_shared<PeriodicCallerManager>(
+///         PeriodicCallerManager::ExecutionStrategy::Sequential, "sensors");
 ///     MeasuredManager measured(manager, registry);
 ///     auto const token = measured.add("pressure", [&] { readPressure(); }, 250ms);
 ///     SystemTimeHandler systemTime(measured.named("clock"));
+///     systemTime.initialize();
 ///
 /// For each function the registry gets these, with the function's name as the label "function":
 ///
