@@ -438,7 +438,7 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
                 handleLostAddress(nlToIpAddress(message));
             }
         };
-        bool const isHandled = succeeds(handle, Receiver::loggerOf(*this));
+        [[maybe_unused]] bool const isHandled = succeeds(handle, Receiver::loggerOf(*this));
         if (hardened || isHandled) // kept: [same-event-again] else the same one again
         {
             at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));
