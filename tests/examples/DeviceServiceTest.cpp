@@ -342,7 +342,7 @@ TEST_F(DeviceServiceTest, FilesThatCannotBeWrittenAreNamedWithTheReason)
 TEST_F(DeviceServiceTest, FullDiskIsTheReasonWhereItIs)
 {
     auto const timeline = runService({"--seconds", "1", "--timeline", "/dev/full"});
-    auto const record = runService({"--record", "/dev/full"});
+    auto const record = runService({"--record", "/dev/full"}, {{}, {{"LSAN_OPTIONS", HDF5_SUPPRESSIONS}}});
 
     EXPECT_EQ(timeline.exitCode, 1);
     EXPECT_THAT(timeline.output, EndsWith("device_service: /dev/full: No space left on device\n"));

@@ -71,7 +71,7 @@ TEST_F(RecordHdf5Test, FileThatCannotBeWrittenIsNamedWithTheReason)
     EXPECT_EQ(other.exitCode, 1);
     EXPECT_EQ(other.output, "record_hdf5: " + path + ": unable to lock file: Resource temporarily unavailable\n");
 
-    auto const full = runExample(RECORD_HDF5, {"/dev/full"});
+    auto const full = runExample(RECORD_HDF5, {"/dev/full"}, {{}, {{"LSAN_OPTIONS", HDF5_SUPPRESSIONS}}});
     EXPECT_EQ(full.exitCode, 1);
     EXPECT_EQ(full.output, "record_hdf5: /dev/full: file write failed: No space left on device\n");
 }
