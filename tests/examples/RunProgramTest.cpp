@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -135,7 +136,7 @@ TEST(RunProgramTest, ProgramWithoutAFolderIsFoundAsByAShell)
     std::filesystem::create_directories(other);
     std::ofstream(other / "program") << "#!/bin/sh\necho $0\n";
     ExampleOptions options;
-    options.environment = {{"PATH", folder.path() + "::" + other.string()}};
+    options.environment = {{"PATH", folder.path() + "::" + other.string() + ':' + std::getenv("PATH")}};
 
     EXPECT_EQ(runExample(RUN_PROGRAM, {"program"}, options).output, "run_program: program: Permission denied\n");
     std::filesystem::permissions(other / "program", std::filesystem::perms::owner_all);
