@@ -38,7 +38,7 @@ BENCHMARK(relaxedRead);
 
 void logDisabled(benchmark::State& state)
 {
-    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<Bench::NullSink>());
+    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<TestSupport::NullSink>());
     std::size_t const before = Bench::allocations();
     for (auto _ : state)
     {
@@ -70,7 +70,7 @@ BENCHMARK(logDisabledSpdlog);
 
 void logEnabled(benchmark::State& state)
 {
-    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<Bench::NullSink>());
+    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<TestSupport::NullSink>());
     for (auto _ : state)
     {
         TAVRO_LOG_TO(logger, Log::Severity::Info, "~step %d of %s", 5, "nine");
@@ -91,7 +91,7 @@ BENCHMARK(logEnabledProcessWide);
 
 void logEnabledWithoutValues(benchmark::State& state)
 {
-    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<Bench::NullSink>());
+    Log::Logger const logger("Halden::Tavro::Bench", "", std::make_shared<TestSupport::NullSink>());
     for (auto _ : state)
     {
         TAVRO_LOG_TO(logger, Log::Severity::Info, "~step 5 of nine");
@@ -112,7 +112,7 @@ BENCHMARK(logEnabledWithoutValues);
 
 void logEnabledByHand(benchmark::State& state)
 {
-    std::unique_ptr<Log::LoggerImplIfc> const sink = std::make_unique<Bench::NullSink>();
+    std::unique_ptr<Log::LoggerImplIfc> const sink = std::make_unique<TestSupport::NullSink>();
     benchmark::DoNotOptimize(sink.get());
     for (auto _ : state)
     {

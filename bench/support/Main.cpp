@@ -10,7 +10,7 @@ using namespace Halden::Tavro;
 
 int main(int argc, char** argv)
 {
-    Log::LoggerProxy::instance().setSink(std::make_shared<Bench::NullSink>());
+    Log::LoggerProxy::instance().setSink(std::make_shared<TestSupport::NullSink>());
 
     // The C library spares a process with one thread the atomic operations of shared pointers. Services have more than
     // one, so every measurement here runs beside a second thread.

@@ -5,6 +5,7 @@
 #include <log/Logger.h>
 #include <utils/FirmwareVersionTavro.h>
 
+#include "../support/NullSink.h"
 #include "Fuzz.h"
 
 #include <sys/types.h>
@@ -81,12 +82,6 @@ extern "C"
 namespace
 {
 
-/// Formats each line, and drops it.
-struct NullSink : Log::LoggerImplIfc
-{
-    void write(Log::Record const& /*record*/) override {}
-};
-
 /// Nothing where the command counts as failed.
 std::optional<std::string> expectedText()
 {
@@ -105,6 +100,7 @@ std::optional<std::string> expectedText()
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
 {
     Log::LoggerProxy::instance().setThreshold(Log::Severity::Trace);
+    // Each line is formatted, and dropped.
     Log::LoggerProxy::instance().setSink(std::make_shared<NullSink>());
     FuzzInput input(data, size);
     printed = Output{};

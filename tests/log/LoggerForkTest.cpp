@@ -3,6 +3,8 @@
 #include <log/Logger.h>
 #include <log/SpdlogSink.h>
 
+#include "support/NullSink.h"
+
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/null_sink.h>
@@ -21,6 +23,8 @@ namespace Halden::Tavro::Log
 
 namespace
 {
+
+using TestSupport::NullSink;
 
 /// Forks again and again while some threads run a function again and again.
 ///
@@ -63,12 +67,6 @@ int hungChildren(std::function<void()> const& function)
     }
     return hung;
 }
-
-class NullSink : public LoggerImplIfc
-{
-public:
-    void write(Record const& /*record*/) override {}
-};
 
 class LoggerForkTest : public testing::Test
 {

@@ -1,9 +1,11 @@
 #include "support/FailingCalls.h"
 
+#include "support/NullSink.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
 
 #include <log/Logger.h>
+#include <utils/testing/LogCapture.h>
 
 #include <gtest/gtest.h>
 
@@ -19,46 +21,17 @@ namespace Halden::Tavro::TestSupport
 namespace
 {
 
-using Log::LoggerProxy;
-using Log::Severity;
-
 /// More calls than any operation here makes.
 constexpr std::size_t tooMany = 10'000;
-
-class NullSink : public Log::LoggerImplIfc
-{
-public:
-    void write(Log::Record const& /*record*/) override {}
-};
 
 /// For as long as it lives, everything is logged to nowhere.
 class UnheardLog
 {
 public:
-    UnheardLog() { LoggerProxy::instance().setThreshold(Severity::Trace); }
-
-    ~UnheardLog()
-    {
-        LoggerProxy::instance().setThreshold(threshold);
-        LoggerProxy::instance().setSink(sink);
-    }
-
-    UnheardLog(UnheardLog const&) = delete;
-    UnheardLog& operator=(UnheardLog const&) = delete;
+    UnheardLog() { Log::LoggerProxy::instance().setSink(std::make_shared<NullSink>()); }
 
 private:
-    static Severity presentThreshold()
-    {
-        auto severity = Severity::Trace;
-        while (severity != Severity::Critical && !LoggerProxy::instance().isSeverityEnabled(severity))
-        {
-            severity = static_cast<Severity>(static_cast<int>(severity) - 1);
-        }
-        return severity;
-    }
-
-    Severity const threshold = presentThreshold();
-    std::shared_ptr<Log::LoggerImplIfc> const sink = LoggerProxy::instance().setSink(std::make_shared<NullSink>());
+    Utils::Testing::LogCapture const before; // restores sink and threshold; it would keep the lines
 };
 
 std::size_t blockedSignals()
