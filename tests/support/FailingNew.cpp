@@ -16,11 +16,11 @@ namespace
 {
 
 thread_local AllocationFailure coming = AllocationFailure::None;
-thread_local std::size_t passing = 0; // before it
+thread_local std::size_t left = 0; // allocations to pass before it
 
 AllocationFailure next()
 {
-    if (coming == AllocationFailure::None || Halden::Tavro::TestSupport::doublesAtWork > 0 || passing-- > 0)
+    if (coming == AllocationFailure::None || Halden::Tavro::TestSupport::doublesAtWork > 0 || left-- > 0)
     {
         return AllocationFailure::None;
     }
@@ -32,7 +32,7 @@ AllocationFailure next()
 void Halden::Tavro::TestSupport::failNextAllocation(AllocationFailure failure, std::size_t passing)
 {
     coming = failure;
-    ::passing = passing;
+    left = passing;
 }
 
 bool Halden::Tavro::TestSupport::allocationHasFailed()
