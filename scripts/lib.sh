@@ -94,12 +94,15 @@ ensure_packages() {
         "${missing[@]}" >/dev/null || fail "the installation failed; run: sudo $command"
 }
 
-# refuse_skips LOG [TEST]...: fails where a test was skipped, by the log of ctest, that is not among those named.
+# refuse_skips PRESET [TEST]...: fails where a test was skipped that is not among those named, whether ctest tells or the
+# program of several tests.
 refuse_skips() {
-    local -r of_ctest=$1
+    local -r preset=$1
     shift
     local unexpected
-    unexpected=$(sed -n 's/.* - \(.*\) (\(Skipped\|Not Run\|Disabled\))$/\1/p' "$of_ctest" |
+    unexpected=$(sed -n -e 's/.* - \(.*\) (\(Skipped\|Not Run\|Disabled\))$/\1/p' \
+        -e 's/^\[  SKIPPED \] \(.*\) ([0-9]* ms)$/\1/p' \
+        "build/log/tests-$preset.log" "build/$preset/Testing/Temporary/LastTest.log" |
         grep --line-regexp --fixed-strings --invert-match --file=<(printf '%s\n' "$@") || true)
     [[ -z $unexpected ]] || fail "skipped without need: $unexpected"
 }
