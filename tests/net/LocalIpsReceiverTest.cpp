@@ -123,6 +123,19 @@ TEST_F(LocalIpsReceiverTest, NoDataIsNoError)
                                              line(Severity::Debug, "no data to read, going back to select loop")));
 }
 
+TEST_F(LocalIpsReceiverTest, AnswerTooShortForAMessageIsNoError)
+{
+    int reports = 0;
+    LocalIps const sut({}, {}, [&reports] { ++reports; });
+
+    kernel.send("x");
+
+    ASSERT_TRUE(kernel.waitUntilIdle());
+    EXPECT_EQ(reports, 0);
+    EXPECT_THAT(capture.lines(), ElementsAre(line(Severity::Info, "+receiverThread"),
+                                             line(Severity::Trace, "receiverThread: recv returned 1")));
+}
+
 TEST_F(LocalIpsReceiverTest, FailedReceiveIsLoggedAndReportedAndEndsNothing)
 {
     std::string const failed =
