@@ -133,6 +133,22 @@ TEST_F(SigpipeBlockTest, InterruptedTakeOfTheSignalIsRepeated)
     EXPECT_FALSE(blocked.take());
 }
 
+TEST_F(SigpipeBlockTest, SigpipeIsNoLongerBlockedDuringTheWait)
+{
+    bool duringWait = true;
+    waitpidDouble.replace(
+        [&](pid_t, int* status, int)
+        {
+            duringWait = BlockedSigpipe::isBlocked();
+            *status = exited(0);
+            return child;
+        });
+
+    call();
+
+    EXPECT_FALSE(duringWait);
+}
+
 TEST_F(SigpipeBlockTest, SigpipeIsBlockedWhileTheInputIsReadAndNoLongerAfterwards)
 {
     bool duringRead = false;
