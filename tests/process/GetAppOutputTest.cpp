@@ -75,6 +75,16 @@ TEST_F(GetAppOutputTest, ShortInputIsWrittenAndItsEndClosedBeforeTheFirstLook)
     EXPECT_EQ(second, 0);
 }
 
+TEST_F(GetAppOutputTest, InputIsReadNoFurtherOnceNobodyTakesIt)
+{
+    stdinPipe.close(Pipe::End::Read);
+    std::istringstream const input(std::string(1'000'000, 'x'));
+
+    getAppOutput(stdoutPipe, stdinPipe, child, input, 1h);
+
+    EXPECT_GT(input.rdbuf()->in_avail(), 900'000);
+}
+
 TEST_F(GetAppOutputTest, WhatTheChildHasLeftInThePipeIsRead)
 {
     int const writeEnd = dup(numbersOf(stdoutPipe).write); // the child's
@@ -180,6 +190,9 @@ TEST_F(GetAppOutputTest, StdoutThatCannotBeOpenedIsLoggedThrowsAndStaysWithItsPi
 
     EXPECT_EQ(numbersOf(stdoutPipe).read, number);
     EXPECT_EQ(numbersOf(stdinPipe).write, -1);
+    std::array<char, 16> text{};
+    EXPECT_EQ(read(numbersOf(stdinPipe).read, text.data(), text.size()), 5);
+    EXPECT_STREQ(text.data(), "input"); // before
 }
 
 TEST_F(GetAppOutputTest, OutputThatCannotBeReadThrowsTheReason)
