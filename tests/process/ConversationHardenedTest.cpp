@@ -108,16 +108,29 @@ TEST_F(ConversationHardenedTest, InterruptedReadIsRepeated)
 
 TEST_F(ConversationHardenedTest, EndThatCannotBeSetNotToWaitCountsAsNotOpen)
 {
-    fcntlDouble.replace(
-        [](int descriptor, int command, long argument)
-        {
-            errno = EPERM;
-            return command == F_SETFL ? -1 : fcntlDouble.passOn(descriptor, command, argument);
-        });
-    log.expect(free(Severity::Error, "Failed to open pipe to stdin for write"));
+    for (int const forbidden : {F_GETFL, F_SETFL})
+    {
+        fcntlDouble.replace(
+            [forbidden](int descriptor, int command, long argument)
+            {
+                errno = EPERM;
+                return command == forbidden ? -1 : fcntlDouble.passOn(descriptor, command, argument);
+            });
+        log.expect(free(Severity::Error, "Failed to open pipe to stdin for write"));
 
-    EXPECT_THAT([] { shell("sleep 60"); },
-                testing::ThrowsMessage<std::runtime_error>(testing::StrEq("Failed to open pipe to stdin for write")));
+        EXPECT_THAT([] { shell("sleep 60"); }, testing::ThrowsMessage<std::runtime_error>(
+                                                   testing::StrEq("Failed to open pipe to stdin for write")));
+    }
+}
+
+TEST_F(ConversationHardenedTest, NothingIsClosedThatIsNotOpen)
+{
+    run("/bin/cat", {}, "text");
+
+    for (auto const& [descriptor] : closeDouble.calls())
+    {
+        EXPECT_GE(descriptor, 0);
+    }
 }
 
 TEST_F(ConversationHardenedTest, ProgramThatNeitherReadsNorEndsIsKilledInTime)

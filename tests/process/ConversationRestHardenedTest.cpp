@@ -108,6 +108,21 @@ TEST_F(ConversationRestHardenedTest, NothingIsReadWhereItsLengthCannotBeTold)
     EXPECT_EQ(output(), "");
 }
 
+TEST_F(ConversationRestHardenedTest, RestThatComesByteByByteIsWhole)
+{
+    readDouble.replace([](int descriptor, void* buffer, std::size_t)
+                       { return readDouble.passOn(descriptor, buffer, 1); });
+
+    EXPECT_EQ(output(), "late");
+}
+
+TEST_F(ConversationRestHardenedTest, NothingIsReadAfterAnEndThatComesTooEarly)
+{
+    beforeTheRest = [] { readDouble.failCall(readDouble.count() + 1, 0, 0); };
+
+    EXPECT_EQ(output(), "");
+}
+
 TEST_F(ConversationRestHardenedTest, WhatSomebodyElseReadsIsNotWaitedFor)
 {
     beforeTheRest = []
