@@ -29,6 +29,7 @@ TEST_F(PcmExecutorThreadPoolHardenedTest, QueuedTaskKeepsNoItem)
     batch.clear();
 
     EXPECT_TRUE(item.expired());
+    poolThreads.release(); // the pool waits for them
 }
 
 }
