@@ -27,6 +27,17 @@ TEST_F(RealTimeClockHardenedTest, DeviceWhoseClockDoesNotAnswerIsClosed)
     EXPECT_THAT(events, ElementsAre("close 4712"));
 }
 
+TEST_F(RealTimeClockHardenedTest, DeviceWithTheDescriptorZeroWhoseClockDoesNotAnswerIsClosed)
+{
+    letClockDeviceNotAnswer();
+    timerUnderTest = 0;
+    openDouble.replace([](char const*, int, mode_t) { return 0; });
+
+    expectUnreadable("/dev/rtc0", "22 (Invalid argument)");
+
+    EXPECT_THAT(events, ElementsAre("close 0"));
+}
+
 TEST_F(RealTimeClockHardenedTest, FailureLeavesTheDeviceToEveryLaterOpening)
 {
     letClockDeviceFail();

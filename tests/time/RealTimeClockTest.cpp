@@ -100,6 +100,17 @@ TEST_F(RealTimeClockTest, DeviceIsOpenedReadOnlyAskedOnceAndClosed)
     EXPECT_THAT(events, ElementsAre("close 4712"));
 }
 
+TEST_F(RealTimeClockTest, DeviceMayHaveTheDescriptorZero)
+{
+    devices = {"/dev/rtc0"};
+    timerUnderTest = 0;
+    openDouble.replace([](char const*, int, mode_t) { return 0; });
+
+    EXPECT_TRUE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(events, ElementsAre("close 0"));
+}
+
 // kept: services look for the text, which has no word for it
 TEST_F(RealTimeClockTest, EqualClocksCountAsSlower)
 {

@@ -64,6 +64,26 @@ TEST_F(SystemTimeHandlerPollTest, UnexpectedExpiryIsLoggedWithAllTenBytesAndPoll
     EXPECT_EQ(log.linesOf("SystemTime").back(), (LogLine{Severity::Error, "SystemTime", text}));
 }
 
+// kept: whatever has not failed has succeeded, and the line shows a buffer of ten zeros
+TEST_F(SystemTimeHandlerPollTest, TimerThatGivesNothingCountsAsExpired)
+{
+    readDouble.replace(
+        [](int, void*, size_t)
+        {
+            errno = ECANCELED;
+            return ssize_t{0};
+        });
+    std::string const text = "Reading timer file descriptor succeeded unexpectedly: ";
+    expectError(text);
+    sut.initialize();
+
+    manager->function();
+
+    EXPECT_FALSE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 0);
+    EXPECT_EQ(log.linesOf("SystemTime").back(), (LogLine{Severity::Error, "SystemTime", text}));
+}
+
 TEST_F(SystemTimeHandlerPollTest, SetClockIsLoggedThenBelievedThenClosesTheTimerThenEndsPolling)
 {
     sut.initialize();
