@@ -71,7 +71,6 @@ PcmExecutorThreadPool::Pool::Pool()
 PcmExecutorThreadPool::Pool::Pool(std::size_t count)
     : Pool()
 {
-    threads.reserve(count);
     try
     {
         while (threads.size() < count)
