@@ -77,7 +77,6 @@ std::string fileToString(std::string const& path)
     StringAppender appender(content);
     std::copy(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>(),
               std::ostreambuf_iterator<char>(&appender));
-    file.close();
     return content;
 }
 
