@@ -1,5 +1,7 @@
 #include <utils/testing/BarrierGuard.h>
 
+#include "support/SteadyClockDouble.h"
+
 #include <gmock/gmock.h>
 
 #include <future>
@@ -87,6 +89,17 @@ TEST_F(BarrierGuardTest, WithoutAThreadItWaitsForTheLimitAndReleasesNone)
 
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 60ms);
     EXPECT_FALSE(sut.release());
+}
+
+TEST_F(BarrierGuardTest, LooksForAThreadUntilTheLimitIsReached)
+{
+    BarrierGuard sut(monitor);
+    TestSupport::SteadyClockDouble clock(1h);
+    clock.advanceWithEachReading(50ms);
+
+    EXPECT_FALSE(sut.waitTrapped(100ms));
+
+    EXPECT_EQ(clock.readings(), 3); // at the begin, before the limit, at the limit
 }
 
 TEST_F(BarrierGuardTest, OpenedBarrierIsLeftOpenAtTheEnd)
