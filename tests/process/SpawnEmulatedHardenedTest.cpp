@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <tuple>
 
 namespace Halden::Tavro::Utils
 {
@@ -77,6 +78,7 @@ TEST(SpawnEmulatedHardenedTest, ProgramsAreForkedOnceASpawnHasNotToldItsFailure)
             EXPECT_THAT(run("/no/such/program").exitCode, Optional(-1));
             EXPECT_THAT(shell("exit 3").exitCode, Optional(3));
 
+            EXPECT_EQ(std::get<2>(waitpidDouble.calls().at(1)), 0); // waits for its end
             EXPECT_FALSE(hasChildren());
         });
 

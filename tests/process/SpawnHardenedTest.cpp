@@ -4,6 +4,7 @@
 #include "process/Programs.h"
 #include "support/CallDouble.h"
 
+#include <malloc.h>
 #include <signal.h>
 #include <spawn.h>
 #include <unistd.h>
@@ -22,13 +23,25 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
+TestSupport::CallDouble<int(posix_spawn_file_actions_t*)> initActionsDouble{"posix_spawn_file_actions_init"};
 TestSupport::CallDouble<int(posix_spawn_file_actions_t*, int, int)> addDup2Double{"posix_spawn_file_actions_adddup2"};
+TestSupport::CallDouble<int(posix_spawn_file_actions_t*)> destroyActionsDouble{"posix_spawn_file_actions_destroy"};
 
+}
+
+extern "C" int posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions) noexcept
+{
+    return initActionsDouble(actions);
 }
 
 extern "C" int posix_spawn_file_actions_adddup2(posix_spawn_file_actions_t* actions, int from, int to) noexcept
 {
     return addDup2Double(actions, from, to);
+}
+
+extern "C" int posix_spawn_file_actions_destroy(posix_spawn_file_actions_t* actions) noexcept
+{
+    return destroyActionsDouble(actions);
 }
 
 namespace
@@ -103,6 +116,20 @@ TEST_F(SpawnHardenedTest, EnvironmentMayBeEmpty)
     environ = before;
 }
 
+TEST_F(SpawnHardenedTest, EnvironmentOfManyVariablesIsTheSame)
+{
+    Environment environment;
+    for (int i = 0; i < 200; ++i)
+    {
+        environment.emplace_back("HALDEN_" + std::to_string(i), "value");
+    }
+    mallopt(M_PERTURB, 0x55); // so that no memory is zero by chance, where the end of the variables is missing
+
+    expectTheSame("/usr/bin/env", {}, environment);
+
+    mallopt(M_PERTURB, 0);
+}
+
 TEST_F(SpawnHardenedTest, DescriptorsAreTheSame)
 {
     expectTheSame("/bin/ls", {"/proc/self/fd"});
@@ -155,6 +182,17 @@ TEST_F(SpawnHardenedTest, ProgramIsForkedWhereThereIsNoMemoryToSayWhatBecomesOfT
         EXPECT_EQ(shell("echo text").output, "text\n");
         EXPECT_EQ(forkDouble.count(), 1U);
     }
+}
+
+TEST_F(SpawnHardenedTest, WhatIsSaidAboutThePipesIsGivenBack)
+{
+    initActionsDouble.reset();
+    destroyActionsDouble.reset();
+
+    run("/bin/true");
+
+    EXPECT_EQ(initActionsDouble.count(), 1U);
+    EXPECT_EQ(destroyActionsDouble.calls(), initActionsDouble.calls());
 }
 
 TEST_F(SpawnHardenedTest, NoHandlerOfForksRuns)
