@@ -3,6 +3,7 @@
 #include "process/GetAppOutputFixture.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -11,9 +12,11 @@
 #include <chrono>
 #include <cstdint>
 #include <ios>
+#include <istream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace Halden::Tavro::Utils
 {
@@ -83,6 +86,42 @@ TEST_F(GetAppOutputTest, InputIsReadNoFurtherOnceNobodyTakesIt)
     getAppOutput(stdoutPipe, stdinPipe, child, input, 1h);
 
     EXPECT_GT(input.rdbuf()->in_avail(), 900'000);
+}
+
+/// An input of one byte, at whose end the thread is cancelled: it goes on until it writes.
+class InputThatCancels : public std::stringbuf
+{
+public:
+    InputThatCancels()
+        : std::stringbuf("x")
+    {
+    }
+
+protected:
+    int_type underflow() override
+    {
+        pthread_cancel(pthread_self());
+        return traits_type::eof();
+    }
+};
+
+TEST_F(GetAppOutputTest, ThreadThatIsCancelledAsItWritesUnwinds)
+{
+    InputThatCancels buffer;
+    std::istream const input(&buffer);
+    bool hasReturned = false;
+
+    std::thread(
+        [&]
+        {
+            getAppOutput(stdoutPipe, stdinPipe, child, input, 1h);
+            hasReturned = true;
+        })
+        .join();
+
+    EXPECT_FALSE(hasReturned);
+    EXPECT_EQ(numbersOf(stdinPipe).write, -1);
+    EXPECT_EQ(eventCount("fclose stdin.write") + eventCount("close stdin.write"), 1U);
 }
 
 TEST_F(GetAppOutputTest, WhatTheChildHasLeftInThePipeIsRead)
