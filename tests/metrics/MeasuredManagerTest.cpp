@@ -128,6 +128,24 @@ TEST_F(MeasuredManagerTest, LatenessFallsIntoItsBucket)
     }
 }
 
+TEST_F(MeasuredManagerTest, BucketsGoFromATenthOfAMillisecondToTenSeconds)
+{
+    auto const token = sut.add(
+        "any", [] {}, 1h);
+
+    for (char const* const name : {"lateness_seconds", "run_time_seconds"})
+    {
+        std::vector<double> bounds;
+        for (auto const& bucket : histogram(name, "any").bucket)
+        {
+            bounds.push_back(bucket.upper_bound);
+        }
+        EXPECT_THAT(bounds, ElementsAre(0.0001, 0.0002, 0.0005, 0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1, 0.2, 0.5, 1,
+                                        2, 5, 10, std::numeric_limits<double>::infinity()))
+            << name;
+    }
+}
+
 TEST_F(MeasuredManagerTest, LateStartMovesTheTimeAtWhichTheNextOneIsDue)
 {
     milliseconds runTime{30};

@@ -189,6 +189,17 @@ TEST(RateLimitedTest, TheGreatestIntervalIsNeverOver)
     EXPECT_FALSE(sut.delay(milliseconds::max(), milliseconds::max(), 255));
 }
 
+TEST(RateLimitedTest, NoStampRunsAheadOfTheGreatestInterval)
+{
+    SteadyClockDouble clock(10s);
+    RateLimited sut;
+    ASSERT_FALSE(sut.delay(9950ms, 100ms, 0)); // now the reference
+
+    ASSERT_FALSE(sut.delay(10s + 40ms, milliseconds::max(), 0));
+    clock.set(10s + 60ms);
+    EXPECT_TRUE(sut.delay(10s + 40ms, 100ms, 0)); // itself 20 ms old, the reference still 110 ms
+}
+
 TEST(RateLimitedTest, TheLeastIntervalIsAlwaysOver)
 {
     SteadyClockDouble const clock(10s);
