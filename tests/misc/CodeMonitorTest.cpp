@@ -22,6 +22,18 @@ using testing::ThrowsMessage;
 using namespace TestSupport;
 using namespace std::chrono_literals;
 
+bool crossLate(CodeMonitor& monitor);
+
+/// Defines crossLate(): what crossBarrier() does for a thread that has found the barrier closed, however late. Only an
+/// explicit instantiation may name what is private.
+template <bool (CodeMonitor::*waitForRelease)()>
+struct LateCrossing
+{
+    friend bool crossLate(CodeMonitor& monitor) { return (monitor.*waitForRelease)(); }
+};
+
+template struct LateCrossing<&CodeMonitor::waitForRelease>;
+
 class CodeMonitorTest : public testing::Test
 {
 protected:
@@ -108,6 +120,18 @@ TEST_F(CodeMonitorTest, ClosingTwiceThrowsAndChangesNothing)
     EXPECT_EQ(sut.getArgument("value").value.uint64, 5U);
     EXPECT_TRUE(sut.openBarrier());
     EXPECT_TRUE(crossing.wait());
+}
+
+TEST_F(CodeMonitorTest, ClosingForgetsAThreadThatWasHeldUpUntilTheBarrierHadBeenOpened)
+{
+    sut.closeBarrier();
+    sut.openBarrier();
+    EXPECT_TRUE(crossLate(sut));
+
+    sut.closeBarrier();
+
+    EXPECT_FALSE(sut.trappedAtBarrier());
+    EXPECT_FALSE(sut.openBarrier());
 }
 
 TEST_F(CodeMonitorTest, OpeningAnOpenBarrierThrows)
