@@ -1,17 +1,14 @@
 #include <utils/IpAddress.h>
 
 #include "net/IpAddressFixture.h"
+#include "support/Fenced.h"
 
 #include <gmock/gmock.h>
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -27,36 +24,6 @@ using testing::IsEmpty;
 using namespace TestSupport;
 
 using IpAddressTest = IpAddressFixture;
-
-/// Bytes right in front of a page that nobody can read.
-class Fenced
-{
-public:
-    explicit Fenced(std::vector<unsigned char> const& bytes)
-        : pages(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))
-    {
-        if (pages == MAP_FAILED || mprotect(end(), page, PROT_NONE) != 0)
-        {
-            throw std::runtime_error("no fence");
-        }
-        first = end() - bytes.size();
-        std::memcpy(first, bytes.data(), bytes.size());
-    }
-
-    ~Fenced() { munmap(pages, 2 * page); }
-
-    Fenced(Fenced const&) = delete;
-    Fenced& operator=(Fenced const&) = delete;
-
-    sockaddr const* address() const { return reinterpret_cast<sockaddr const*>(first); }
-
-private:
-    char* end() const { return static_cast<char*>(pages) + page; }
-
-    std::size_t const page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    void* pages;
-    char* first{nullptr};
-};
 
 TEST_F(IpAddressTest, IsAPolymorphicCopyableStorageAndNothingElse)
 {
@@ -86,9 +53,9 @@ TEST_F(IpAddressTest, ConstructorReadsExactlyTheSocketAddressAndFillsUpWithZeros
     {
         std::vector<unsigned char> bytes(example.size, 0xA5);
         std::memcpy(bytes.data(), &example.family, sizeof(example.family));
-        Fenced const source(bytes);
+        Fenced const source(bytes.data(), bytes.size());
 
-        IpAddress const sut(source.address());
+        IpAddress const sut(source.as<sockaddr>());
 
         auto const stored = bytesOf(sut.sockaddr(), sizeof(sockaddr_storage));
         auto const end = stored.begin() + static_cast<std::ptrdiff_t>(example.size);
@@ -102,9 +69,9 @@ TEST_F(IpAddressTest, ConstructorReadsSixteenBytesOfAnUnsupportedFamily)
     sa_family_t const family = AF_UNIX;
     std::vector<unsigned char> bytes(16, 0);
     std::memcpy(bytes.data(), &family, sizeof(family));
-    Fenced const source(bytes);
+    Fenced const source(bytes.data(), bytes.size());
 
-    expectRefusal([&] { IpAddress const sut(source.address()); }, "IpAddress ctor got unsupported AI_FAMILY",
+    expectRefusal([&] { IpAddress const sut(source.as<sockaddr>()); }, "IpAddress ctor got unsupported AI_FAMILY",
                   "Invalid IP address family");
 }
 

@@ -3,6 +3,7 @@
 #include <utils/LocalIps.h>
 
 #include "net/MessageFixture.h"
+#include "support/Fenced.h"
 
 #include <gmock/gmock.h>
 
@@ -162,6 +163,20 @@ TEST_F(LocalIpsMessageTest, EveryTruncationAtEveryAlignmentGivesWhatIsWhole)
             ASSERT_EQ(addressesOf(sut), expected) << "length " << length << ", misalignment " << misalignment;
         }
     }
+}
+
+TEST_F(LocalIpsMessageTest, NothingIsReadBehindTheBuffer)
+{
+    auto const both = added("10.0.0.1") + added("fd00::1");
+    for (std::size_t length = 0; length <= both.size(); ++length)
+    {
+        Fenced const buffer(both.data(), length);
+        listAfter("");
+
+        sut.processAllNetlinkMessages(buffer.as<nlmsghdr>(), static_cast<int>(length));
+    }
+
+    EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1", "fd00::1"));
 }
 
 TEST_F(LocalIpsMessageTest, MessagesNeedNoPaddingAtTheEnd)
