@@ -84,14 +84,13 @@ void Pipe::close()
 
 void Pipe::close(End end) // NOLINT(readability-make-member-function-const): the descriptor is the object's
 {
-    switch (end)
+    if (end == End::Read)
     {
-    case End::Read:
         closeEnd(readFd);
-        break;
-    case End::Write:
+    }
+    else if (end == End::Write)
+    {
         closeEnd(writeFd);
-        break;
     }
 }
 
