@@ -94,6 +94,12 @@ ensure_packages() {
         "${missing[@]}" >/dev/null || fail "the installation failed; run: sudo $command"
 }
 
+# test_programs BUILD FOLDER: those that the build files name, for in the folders lie also those of former ones. The folder
+# is a pattern of sed's.
+test_programs() {
+    sed -n "s|^build \(tests/$2/[^ /]*Test\): CXX_EXECUTABLE_LINKER.*|$1/\1|p" "$1/build.ninja"
+}
+
 # refuse_skips PRESET [TEST]...: fails where a test was skipped that is not among those named, whether ctest tells or the
 # program of several tests.
 refuse_skips() {
