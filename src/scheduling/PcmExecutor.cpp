@@ -71,6 +71,7 @@ PcmExecutorThreadPool::Pool::Pool()
 PcmExecutorThreadPool::Pool::Pool(std::size_t count)
     : Pool()
 {
+    threads.reserve(count);
     try
     {
         while (threads.size() < count)
