@@ -19,10 +19,8 @@ public:
     {
     }
 
-    Descriptor(Descriptor&& other) noexcept
-        : number(std::exchange(other.number, -1))
-    {
-    }
+    Descriptor(Descriptor const&) = delete;
+    Descriptor& operator=(Descriptor const&) = delete;
 
     ~Descriptor() { close(); }
 
