@@ -26,8 +26,8 @@ using namespace TestSupport;
 class PeriodicCallerManagerHeapTest : public ManagerTest
 {
 protected:
-    /// Without texts at Trace, which are composed on the heap.
-    PeriodicCallerManagerHeapTest() { Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning); }
+    /// With all but the texts at Trace, which are composed on the heap.
+    PeriodicCallerManagerHeapTest() { Log::LoggerProxy::instance().setThreshold(Log::Severity::Debug); }
 };
 
 TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
@@ -93,6 +93,9 @@ TEST_F(PeriodicCallerManagerHeapTest, ChangeOfTheNextDueTimeComposesNoTextWhileT
 class PeriodicCallerManagerLeakTest : public PeriodicCallerManagerHeapTest, public testing::WithParamInterface<Strategy>
 {
 protected:
+    /// Without the lines about every manager, which are captured on the heap.
+    PeriodicCallerManagerLeakTest() { Log::LoggerProxy::instance().setThreshold(Log::Severity::Warning); }
+
     static void liveOnce()
     {
         std::atomic<int> calls{0};
