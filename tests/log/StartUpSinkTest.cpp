@@ -28,6 +28,17 @@ using namespace std::chrono_literals;
 using namespace testing;
 using TestSupport::runInChild;
 
+std::vector<std::string> linesOf(std::string const& output)
+{
+    std::istringstream stream(output);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+    {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 /// What the sink of the start writes for each of the times.
 std::vector<std::string> startUpLines(std::vector<std::chrono::milliseconds> const& times)
 {
@@ -42,13 +53,7 @@ std::vector<std::string> startUpLines(std::vector<std::chrono::milliseconds> con
             }
             return 0;
         });
-    std::istringstream output(child.output);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(output, line);)
-    {
-        lines.push_back(line);
-    }
-    return lines;
+    return linesOf(child.output);
 }
 
 std::string systemsDate(std::chrono::seconds time)
@@ -85,6 +90,25 @@ TEST(StartUpSinkTest, YearWithoutALeapDayIsKnown)
 {
     EXPECT_THAT(startUpLines({4'107'542'399'999ms, 4'107'542'400'000ms}),
                 ElementsAre(StartsWith("2100-02-28 23:59:59.999 "), StartsWith("2100-03-01 00:00:00.000 ")));
+}
+
+TEST(StartUpSinkTest, EverySeverityIsWrittenThatIsEnabled)
+{
+    auto const child = runInChild(
+        []
+        {
+            LoggerProxy::instance().setSink(nullptr);
+            LoggerProxy::instance().setThreshold(Severity::Trace);
+            for (int severity = 0; severity <= static_cast<int>(Severity::Trace); ++severity)
+            {
+                tavroDoLog(static_cast<Severity>(severity), "text", {});
+            }
+            return 0;
+        });
+
+    EXPECT_THAT(linesOf(child.output),
+                ElementsAre(HasSubstr(" critical "), HasSubstr(" error "), HasSubstr(" warning "), HasSubstr(" info "),
+                            HasSubstr(" debug "), HasSubstr(" trace ")));
 }
 
 TEST(StartUpSinkTest, EachLineIsWrittenAtOnce)
