@@ -89,12 +89,15 @@ TEST_F(PeriodicCallerManagerDueTimeTest, DueUntilHoldsEachItemOfEqualDueTimeOnce
         tokens.push_back(addAsleep(
             *sut, [] {}, sixYears));
     }
+    Token const last = addAsleep(
+        *sut, [] {}, threeYears); // so that the order has to be made
     SchedulerSleep::await();
 
     auto due = dueUntil(*sut, afterBoot(sixYears));
+    EXPECT_EQ(due.front()->period(), threeYears);
     std::sort(due.begin(), due.end());
 
-    EXPECT_EQ(due.size(), 20);
+    EXPECT_EQ(due.size(), 21);
     EXPECT_EQ(std::adjacent_find(due.begin(), due.end()), due.end());
 }
 
