@@ -1,6 +1,7 @@
 // Runs the example on this machine, whatever its clock is like, and compares its answers with the system's own.
 
 #include "support/RunExample.h"
+#include "support/SystemClockLock.h"
 
 #include <gmock/gmock.h>
 
@@ -88,6 +89,7 @@ TEST(ClockTrustTest, EveryDeviceIsNamedUntilOneAgrees)
 
 TEST(ClockTrustTest, SettingTheClockEndsTheWait)
 {
+    SystemClockLock const lock;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     if (clock_settime(CLOCK_REALTIME, &now) != 0)
@@ -111,6 +113,7 @@ TEST(ClockTrustTest, SettingTheClockEndsTheWait)
 
 TEST(ClockTrustTest, WaitEndsInVainAfterItsTime)
 {
+    SystemClockLock const lock;
     auto const start = std::chrono::steady_clock::now();
     auto const result = clockTrust({"--wait", "1"}, CLOCK_TRUST_UNTRUSTED);
 

@@ -2,6 +2,7 @@
 #include "scheduling/Strategies.h"
 #include "support/Resources.h"
 #include "support/SteadyClockDouble.h"
+#include "support/SystemClockLock.h"
 #include "support/WaitFor.h"
 #include "time/SystemTimeHandlerFixture.h"
 
@@ -177,6 +178,7 @@ TEST_P(SystemTimeHandlerManagerTest, DestructorWaitsForAPollThatReachesTrustMean
 
 TEST_P(SystemTimeHandlerManagerTest, SettingTheRealClockIsSeenThroughTheRealTimer)
 {
+    TestSupport::SystemClockLock const lock;
     timerfdCreateDouble.replace(
         [](int clock, int flags)
         {
