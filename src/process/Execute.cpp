@@ -147,7 +147,9 @@ std::vector<char*> toArgumentVector(std::string const& path, std::vector<std::st
 {
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): execv(3) changes nothing, whatever its type says
     auto const toPointer = [](std::string const& text) { return const_cast<char*>(text.c_str()); };
-    std::vector<char*> pointers{toPointer(path)};
+    std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 2);
+    pointers.push_back(toPointer(path));
     for (auto const& argument : arguments)
     {
         pointers.push_back(toPointer(argument));
