@@ -100,8 +100,8 @@ test_programs() {
     sed -n "s|^build \(tests/$2/[^ /]*Test\): CXX_EXECUTABLE_LINKER.*|$1/\1|p" "$1/build.ninja"
 }
 
-# refuse_skips PRESET [TEST]...: fails where a test was skipped that is not among those named, whether ctest tells or the
-# program of several tests.
+# refuse_skips PRESET [TEST]...: fails where a test was skipped that is not among those named, by grep's patterns, whether
+# ctest tells or the program of several tests.
 refuse_skips() {
     local -r preset=$1
     shift
@@ -109,7 +109,7 @@ refuse_skips() {
     unexpected=$(sed -n -e 's/.* - \(.*\) (\(Skipped\|Not Run\|Disabled\))$/\1/p' \
         -e 's/^\[  SKIPPED \] \(.*\) ([0-9]* ms)$/\1/p' \
         "build/log/tests-$preset.log" "build/$preset/Testing/Temporary/LastTest.log" |
-        grep --line-regexp --fixed-strings --invert-match --file=<(printf '%s\n' "$@") || true)
+        grep --line-regexp --invert-match --file=<(printf '%s\n' "$@") || true)
     [[ -z $unexpected ]] || fail "skipped without need: $unexpected"
 }
 
