@@ -118,8 +118,8 @@ TEST_F(ConversationHardenedTest, EndThatCannotBeSetNotToWaitCountsAsNotOpen)
             });
         log.expect(free(Severity::Error, "Failed to open pipe to stdin for write"));
 
-        EXPECT_THAT([] { shell("sleep 60"); }, testing::ThrowsMessage<std::runtime_error>(
-                                                   testing::StrEq("Failed to open pipe to stdin for write")));
+        EXPECT_THAT([] { shell("sleep 60", {}, soon); }, testing::ThrowsMessage<std::runtime_error>(
+                                                             testing::StrEq("Failed to open pipe to stdin for write")));
     }
 }
 
