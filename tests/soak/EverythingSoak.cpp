@@ -8,6 +8,7 @@
 #include "support/LogCapture.h"
 #include "support/NetworkNamespace.h"
 #include "support/Resources.h"
+#include "support/SystemClockLock.h"
 #include "support/WaitFor.h"
 
 #include <utils/Execute.h>
@@ -244,6 +245,7 @@ private:
 
     void setClock() const
     {
+        SystemClockLock const lock;
         Clock clock(pool);
         EXPECT_EQ(clock.startSetClockDetection(), 0);
         clock.pollTimeStatus();
