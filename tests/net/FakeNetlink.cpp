@@ -18,18 +18,19 @@
 namespace Halden::Tavro::TestSupport
 {
 
-namespace
-{
-
 CallDouble<int(int, int, int)> socketDouble{"socket"};
 CallDouble<int(int, sockaddr const*, socklen_t)> bindDouble{"bind"};
 CallDouble<int(int, int, void*)> fcntlDouble{"fcntl"};
 CallDouble<int(pollfd*, nfds_t, int)> pollDouble{"poll"};
 CallDouble<ssize_t(int, void*, std::size_t, int)> recvDouble{"recv"};
 CallDouble<ssize_t(int, void const*, std::size_t, int)> sendDouble{"send"};
+CallDouble<int(ifaddrs**)> getifaddrsDouble{"getifaddrs"};
+
+namespace
+{
+
 CallDouble<int(timespec const*, timespec*)> nanosleepDouble{"nanosleep"};
 CallDouble<int(int)> closeDouble{"close"};
-CallDouble<int(ifaddrs**)> getifaddrsDouble{"getifaddrs"};
 CallDouble<void(ifaddrs*)> freeifaddrsDouble{"freeifaddrs"};
 
 void resetDoubles()
@@ -86,6 +87,8 @@ std::string fcntlText(int command, void* argument)
 
 FakeNetlink::FakeNetlink()
 {
+    owner.reserve(64); // so that a test that counts blocks does not see the first call
+    receiver.reserve(64);
     resetDoubles();
     socketDouble.replace(
         [this](int domain, int type, int protocol)
@@ -95,7 +98,7 @@ FakeNetlink::FakeNetlink()
                 return socketDouble.passOn(domain, type, protocol);
             }
             int const answer = call("socket", text(type == SOCK_RAW ? "(AF_NETLINK, SOCK_RAW, " : "(", protocol, ")"));
-            return answer == 0 ? descriptor : answer;
+            return answer == 0 ? open() : answer;
         });
     replaceForSocket(bindDouble, [this](sockaddr const* address, socklen_t length)
                      { return call("bind", bindText(address, length)); });
@@ -190,6 +193,19 @@ bool FakeNetlink::waitUntilIdle() const
     return changed.wait_for(lock, std::chrono::minutes(1), [this] { return waiting; });
 }
 
+bool FakeNetlink::isOpen() const
+{
+    std::lock_guard const lock(mutex);
+    return opened;
+}
+
+void FakeNetlink::forgetCalls()
+{
+    std::lock_guard const lock(mutex);
+    owner.clear();
+    receiver.clear();
+}
+
 std::vector<std::string> FakeNetlink::ownerCalls() const
 {
     std::lock_guard const lock(mutex);
@@ -247,6 +263,14 @@ int FakeNetlink::call(char const* function, std::string const& arguments)
     return -1;
 }
 
+int FakeNetlink::open()
+{
+    std::lock_guard const lock(mutex);
+    opened = true;
+    ending = false;
+    return descriptor;
+}
+
 int FakeNetlink::answerPoll(pollfd const& polled, nfds_t count, int timeout)
 {
     isReceiver = true;
@@ -278,6 +302,11 @@ ssize_t FakeNetlink::answerRecv(int socket, void* buffer, std::size_t size, int 
 {
     std::lock_guard const lock(mutex);
     receiver.push_back(text("recv(", socket, ", ", size, ", ", flags, ")"));
+    if (passes.empty())
+    {
+        errno = EAGAIN;
+        return -1;
+    }
     auto const pass = passes.front();
     passes.pop_front();
     if (pass.recvError != 0)
@@ -340,6 +369,7 @@ int FakeNetlink::answerClose()
 {
     std::lock_guard const lock(mutex);
     owner.emplace_back("close");
+    opened = false;
     ending = true;
     changed.notify_all();
     return 0;

@@ -1,10 +1,14 @@
 #pragma once
 
+#include "support/CallDouble.h"
+
 #include <ifaddrs.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 
 #include <condition_variable>
+#include <cstddef>
 #include <ctime>
 #include <deque>
 #include <functional>
@@ -17,6 +21,14 @@
 
 namespace Halden::Tavro::TestSupport
 {
+
+extern CallDouble<int(int, int, int)> socketDouble;
+extern CallDouble<int(int, sockaddr const*, socklen_t)> bindDouble;
+extern CallDouble<int(int, int, void*)> fcntlDouble;
+extern CallDouble<int(pollfd*, nfds_t, int)> pollDouble;
+extern CallDouble<ssize_t(int, void*, std::size_t, int)> recvDouble;
+extern CallDouble<ssize_t(int, void const*, std::size_t, int)> sendDouble;
+extern CallDouble<int(ifaddrs**)> getifaddrsDouble;
 
 /// Stands in for the kernel towards LocalIps, for as long as it lives: the socket, its events, the addresses of the
 /// interfaces and the sleep of the receiver thread. One at a time.
@@ -49,8 +61,12 @@ public:
     /// How many lists of getifaddrs have not been given back.
     int listsInUse() const;
 
+    /// Whether the socket has been opened, and not closed since.
+    bool isOpen() const;
+
     /// The answers to one poll, and to the recv that follows unless the poll's result is 0. Without any left, poll
-    /// gives 0: at once when asked not to wait, else when the socket is closed or the kernel is sent a message.
+    /// gives 0: at once when asked not to wait, else when the socket is closed or the kernel is sent a message; and
+    /// recv has nothing.
     struct Pass
     {
         int pollResult{1};
@@ -76,6 +92,8 @@ public:
     std::vector<std::string> ownerCalls() const;
     std::vector<std::string> receiverCalls() const;
 
+    void forgetCalls();
+
     /// Adds a line of the test's own to the owner's calls.
     void note(std::string const& line);
 
@@ -86,6 +104,7 @@ private:
         std::list<sockaddr_storage> storage;
     };
 
+    int open();
     void addEntry(List& list, std::string const& address);
     void runBefore(std::function<void()> const& function) const;
     int call(char const* function, std::string const& arguments);
@@ -98,6 +117,7 @@ private:
 
     mutable std::mutex mutex; // guards all that follows
     mutable std::condition_variable changed;
+    bool opened{false};
     bool ending{false};
     bool waiting{false}; // the receiver thread, in poll, with nothing to answer yet
     int inUse{0};

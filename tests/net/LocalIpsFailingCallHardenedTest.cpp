@@ -1,14 +1,11 @@
-// What a monitor of the hardened build leaves behind when one of the calls of its construction fails: nothing. That of
-// the exact build leaves its socket, and ends the process once its thread runs.
+// What a monitor of the hardened build leaves behind when one of its calls fails: nothing.
 
-#include <utils/LocalIps.h>
+#include "net/LocalIpsFailingCallFixture.h"
 
-#include "net/KernelFixture.h"
-#include "support/FailingCalls.h"
-
-#include <gmock/gmock.h>
+#include <sys/types.h>
 
 #include <cerrno>
+#include <string>
 
 namespace Halden::Tavro::Utils
 {
@@ -18,18 +15,54 @@ namespace
 
 using namespace TestSupport;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
-using LocalIpsFailingCallHardenedTest = KernelFixture;
-
-TEST_F(LocalIpsFailingCallHardenedTest, ConstructionThatFailsLeavesNoSocketNoThreadAndNoList)
+class LocalIpsFailingCallHardenedTest : public LocalIpsFailingCallFixture
 {
-    inNetworkNamespace(
-        []
-        {
-            auto const failures = {callsOf("getifaddrs", getifaddrsDouble, -1, ENOMEM), allocations()};
+protected:
+    std::string left() { return kernel.listsInUse() > 0 ? "a list" : socketLeft(); }
 
-            EXPECT_THAT(leftByFailingCalls(failures, [] { LocalIps({}, {}, {}).addresses(); }), IsEmpty());
-        });
+    std::string listLeft()
+    {
+        kernel.forgetCalls();
+        return kernel.listsInUse() > 0 ? "a list" : "";
+    }
+};
+
+TEST_F(LocalIpsFailingCallHardenedTest, LifeWithAFailedCallLeavesNoSocketNoThreadAndNoList)
+{
+    auto const failures = {callsOf("bind", bindDouble, -1, EADDRINUSE), callsOf("fcntl", fcntlDouble, -1, EINVAL),
+                           callsOf("pthread_create", pthreadCreate, EAGAIN, 0),
+                           callsOf("getifaddrs", getifaddrsDouble, -1, ENOMEM),
+                           // The receiver's wait ends all the same: with its time-out, which comes at once here.
+                           doneCallsOf("send", sendDouble, ssize_t{-1}, ENOBUFS), allocations()};
+
+    EXPECT_THAT(leftByFailingCalls(failures, live, [this] { return left(); }), IsEmpty());
+}
+
+TEST_F(LocalIpsFailingCallHardenedTest, ListThatCouldNotBeReadAfterLostEventsIsReadLater)
+{
+    LocalIps sut({}, {}, {});
+    auto const give = [this](int pollResult, int recvError)
+    {
+        FakeNetlink::Pass pass;
+        pass.pollResult = pollResult;
+        pass.recvError = recvError;
+        kernel.add(pass);
+        ASSERT_TRUE(kernel.waitUntilIdle());
+    };
+    auto const loseEvents = [&]
+    {
+        kernel.send(deleted("10.0.0.1")); // which has come again in the meantime
+        give(1, ENOBUFS);
+        give(0, 0);
+        EXPECT_THAT(addressesOf(sut), UnorderedElementsAre("10.0.0.1", "fe80::1"));
+    };
+
+    EXPECT_THAT(
+        leftByFailingCalls({callsOf("recv", recvDouble, -1, EIO), callsOf("getifaddrs", getifaddrsDouble, -1, ENOMEM)},
+                           loseEvents, [this] { return listLeft(); }),
+        IsEmpty());
 }
 
 }

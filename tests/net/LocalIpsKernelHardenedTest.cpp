@@ -3,6 +3,7 @@
 #include <utils/LocalIps.h>
 
 #include "net/KernelFixture.h"
+#include "support/FailingCalls.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
 
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <fstream>
@@ -31,6 +33,7 @@ namespace
 using Log::Severity;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::StartsWith;
 using testing::UnorderedElementsAreArray;
 using namespace std::chrono_literals;
@@ -269,6 +272,17 @@ TEST_F(LocalIpsKernelHardenedTest, ThousandConstructionsThatFailLeaveNothingBehi
         {
             auto const refuse = [](auto const& /*ip*/) { throw std::logic_error("no use"); };
             expectNothingLeftBehind([&] { EXPECT_THROW(LocalIps(refuse, {}, {}), std::logic_error); });
+        });
+}
+
+TEST_F(LocalIpsKernelHardenedTest, ConstructionThatFailsLeavesNoSocketNoThreadAndNoList)
+{
+    inNetworkNamespace(
+        []
+        {
+            auto const failures = {callsOf("getifaddrs", getifaddrsDouble, -1, ENOMEM), allocations()};
+
+            EXPECT_THAT(leftByFailingCalls(failures, [] { LocalIps({}, {}, {}).addresses(); }), IsEmpty());
         });
 }
 

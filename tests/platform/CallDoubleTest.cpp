@@ -6,6 +6,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 
 namespace Halden::Tavro::TestSupport
@@ -63,6 +64,20 @@ TEST(CallDoubleTest, StandsInUnderTheNarrowAndTheWideName)
     EXPECT_EQ(wideFlags, 0);
     EXPECT_EQ(openDouble.count(), 2U);
     EXPECT_EQ(fcntlDouble.count(), 2U);
+}
+
+TEST(CallDoubleTest, CallThatFailsOnceDoneHasDoneItsWork)
+{
+    lseekDouble.reset();
+    lseekDouble.failCallOnceDone(1, off64_t{-1}, EIO);
+    int const file = open("/proc/self/maps", O_RDONLY);
+
+    errno = 0;
+    EXPECT_EQ(lseek64(file, 1, SEEK_SET), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(lseek64(file, 0, SEEK_CUR), 1);
+
+    close(file);
 }
 
 TEST(CallDoubleTest, StandsInForTheCallsOfTheStandardLibrary)

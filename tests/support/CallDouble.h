@@ -85,11 +85,16 @@ public:
     {
         State& present = state();
         std::lock_guard const lock(present.mutex);
-        present.failures[n] = [result, error]() -> Result
-        {
-            errno = error;
-            return result;
-        };
+        present.failures[n] = {false, answerOf(result, error)};
+    }
+
+    /// The same for a call that does its work first, as close(2) does.
+    template <typename Answer>
+    void failCallOnceDone(std::size_t n, Answer result, int error)
+    {
+        State& present = state();
+        std::lock_guard const lock(present.mutex);
+        present.failures[n] = {true, answerOf(result, error)};
     }
 
     /// Lets no call fail any more that has not been made.
@@ -125,18 +130,29 @@ public:
     {
         AtWork const atWork;
         std::function<Result(Arguments...)> answer;
+        std::function<Result()> failureOnceDone;
         {
             State& present = state();
             std::lock_guard const lock(present.mutex);
             present.recorded.emplace_back(arguments...);
             auto const failure = present.failures.find(present.recorded.size());
+            if (failure != present.failures.end() && !failure->second.isOnceDone)
+            {
+                return failure->second.answer();
+            }
             if (failure != present.failures.end())
             {
-                return failure->second();
+                failureOnceDone = failure->second.answer;
             }
             answer = present.replacement;
         }
-        return answer ? answer(arguments...) : passOn(arguments...);
+        auto const work = [&] { return answer ? answer(arguments...) : passOn(arguments...); };
+        if (failureOnceDone)
+        {
+            static_cast<void>(work());
+            return failureOnceDone();
+        }
+        return work();
     }
 
     /// Calls the system's function.
@@ -151,14 +167,30 @@ private:
         AtWork& operator=(AtWork const&) = delete;
     };
 
+    struct Failure
+    {
+        bool isOnceDone{false};
+        std::function<Result()> answer;
+    };
+
+    template <typename Answer>
+    static std::function<Result()> answerOf(Answer result, int error)
+    {
+        return [result, error]() -> Result
+        {
+            errno = error;
+            return result;
+        };
+    }
+
     struct State
     {
         State() { recorded.reserve(64); } // so that a test that counts blocks seldom sees the first call
 
         std::mutex mutex;
-        std::vector<std::tuple<Arguments...>> recorded;          // guarded by mutex
-        std::map<std::size_t, std::function<Result()>> failures; // guarded by mutex
-        std::function<Result(Arguments...)> replacement;         // guarded by mutex
+        std::vector<std::tuple<Arguments...>> recorded;  // guarded by mutex
+        std::map<std::size_t, Failure> failures;         // guarded by mutex
+        std::function<Result(Arguments...)> replacement; // guarded by mutex
     };
 
     State& state() const

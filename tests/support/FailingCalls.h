@@ -29,6 +29,17 @@ FailingCalls callsOf(std::string name, CallDouble<Result(Arguments...)>& callDou
             [&callDouble] { return callDouble.takeBackFailures(); }};
 }
 
+/// The same for calls that do their work first. So close(2) fails: a number that were closed again might be another
+/// thread's by then.
+template <typename Result, typename... Arguments, typename Answer>
+FailingCalls doneCallsOf(std::string name, CallDouble<Result(Arguments...)>& callDouble, Answer result, int error)
+{
+    auto calls = callsOf(std::move(name), callDouble, result, error);
+    calls.fail = [&callDouble, result, error](std::size_t n)
+    { callDouble.failCallOnceDone(callDouble.count() + n, result, error); };
+    return calls;
+}
+
 /// The allocations of the calling thread. For test programs that list support/FailingNew.cpp among their sources.
 inline FailingCalls allocations()
 {
