@@ -23,6 +23,14 @@ TEST_F(RouteFailingCallExactTest, AddressThatCannotBeReachedLeavesTheSocketOfThe
                 ElementsAre("socket 1: a socket", "connect 1: a socket"));
 }
 
+// kept: as above
+TEST_F(RouteFailingCallExactTest, LookUpThatGetsNoThreadLeavesASocketLikeAnyOther)
+{
+    EXPECT_THAT(leftByFailingCalls({callsOf("pthread_create", pthreadCreate, EAGAIN, 0)}, lookUpAside,
+                                   [this] { return socketLeft(); }),
+                ElementsAre("pthread_create 1: a socket"));
+}
+
 }
 
 }

@@ -3,6 +3,7 @@
 #include <utils/Route.h>
 
 #include "net/RouteFixture.h"
+#include "scheduling/ThreadDoubles.h"
 #include "support/FailingCalls.h"
 
 #include <gmock/gmock.h>
@@ -24,12 +25,23 @@ protected:
     {
         letResolverFind({"198.51.100.1", "198.51.100.2"});
         setNextSocket(firstSocket);
+        pthreadCreate.reset();
     }
+
+    ~RouteFailingCallFixture() override { pthreadCreate.reset(); }
 
     /// Both addresses of a host are tried.
     static void lookUp()
     {
         if (Utils::Ip::internalLocalIpForRemote("a host whose name is longer than any short string") != "192.0.2.1")
+        {
+            throw std::runtime_error("another address");
+        }
+    }
+
+    static void lookUpAside()
+    {
+        if (Utils::Ip::getLocalIpForRemote("a host whose name is longer than any short string", 5) != "192.0.2.1")
         {
             throw std::runtime_error("another address");
         }

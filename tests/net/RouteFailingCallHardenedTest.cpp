@@ -21,11 +21,11 @@ TEST_F(RouteFailingCallHardenedTest, AddressThatCannotBeReachedLeavesNoSocket)
     EXPECT_THAT(leftByFailingCalls(failures, lookUp, [this] { return socketLeft(); }), IsEmpty());
 }
 
-TEST_F(RouteFailingCallHardenedTest, LookUpOnAThreadOfItsOwnThatFindsNoMemoryLeavesNothing)
+TEST_F(RouteFailingCallHardenedTest, LookUpThatGetsNoThreadLeavesNoSocket)
 {
-    auto const lookUpAside = [] { Ip::getLocalIpForRemote("a host whose name is longer than any short string", 5); };
-
-    EXPECT_THAT(leftByFailingCalls({allocations()}, lookUpAside, [this] { return socketLeft(); }), IsEmpty());
+    EXPECT_THAT(leftByFailingCalls({callsOf("pthread_create", pthreadCreate, EAGAIN, 0)}, lookUpAside,
+                                   [this] { return socketLeft(); }),
+                IsEmpty());
 }
 
 }
