@@ -42,6 +42,24 @@ TEST_F(ClockFailingCallExactTest, RegistrationThatFindsNoMemoryLeavesTheTimerAtM
                 AllOf(Not(IsEmpty()), Each(EndsWith(": 1 descriptor"))));
 }
 
+// kept: as above
+TEST_F(ClockFailingCallExactTest, PollThatDoesNotGetToTheTimerLeavesItOpen)
+{
+    auto const failures = {callsOf("adjtimex", adjtimexDouble, -1, EFAULT), callsOf("stat", statDouble, -1, EACCES)};
+
+    EXPECT_THAT(leftByFailingCalls(
+                    failures, [this] { initializeAndPoll(); }, [this] { return destroyHandler(); }),
+                AllOf(Not(IsEmpty()), Each(EndsWith(": 1 descriptor"))));
+}
+
+TEST_F(ClockFailingCallExactTest, TimerThatCannotBeReadIsClosed)
+{
+    EXPECT_THAT(leftByFailingCalls(
+                    {callsOf("read", readDouble, -1, EIO)}, [this] { initializeAndPoll(); },
+                    [this] { return destroyHandler(); }),
+                IsEmpty());
+}
+
 }
 
 }

@@ -22,6 +22,11 @@ protected:
     ClockFailingCallFixture()
     {
         useRealTimers();
+        timerfdCreateDouble.replace([](int clock, int flags)
+                                    { return timerUnderTest = timerfdCreateDouble.passOn(clock, flags); });
+        readDouble.replace(nullptr);
+        closeDouble.replace([this](int descriptor)
+                            { return descriptor == rtc ? closeDevice() : closeTimer(descriptor); });
         events.reserve(64);
     }
 
@@ -66,14 +71,27 @@ protected:
 
     static std::vector<FailingCalls> failuresOfDevice()
     {
-        return {callsOf("open", openDouble, -1, EACCES), callsOf("ioctl", ioctlDouble, -1, EINVAL),
-                callsOf("mktime", mktimeDouble, -1, EOVERFLOW)};
+        return {callsOf("stat", statDouble, -1, EACCES), callsOf("open", openDouble, -1, EACCES),
+                callsOf("ioctl", ioctlDouble, -1, EINVAL), callsOf("mktime", mktimeDouble, -1, EOVERFLOW),
+                doneCallsOf("close", closeDouble, -1, EIO)};
     }
 
     static std::vector<FailingCalls> failuresOfTimer()
     {
         return {callsOf("timerfd_create", timerfdCreateDouble, -1, EMFILE),
                 callsOf("timerfd_settime", timerfdSettimeDouble, -1, EINVAL)};
+    }
+
+    int closeDevice()
+    {
+        events.emplace_back("close");
+        return 0;
+    }
+
+    static int closeTimer(int descriptor)
+    {
+        timerUnderTest = -1;
+        return closeDouble.passOn(descriptor);
     }
 
     std::unique_ptr<OpenHandler> handler;

@@ -25,9 +25,18 @@ TEST_F(ClockFailingCallHardenedTest, TimerIsClosedWhateverFails)
     auto failures = failuresOfTimer();
     failures.push_back(allocations());
     failures.push_back(callsOf("adjtimex", adjtimexDouble, -1, EFAULT));
+    failures.push_back(callsOf("stat", statDouble, -1, EACCES));
+    failures.push_back(callsOf("read", readDouble, -1, EIO));
+    failures.push_back(doneCallsOf("close", closeDouble, -1, EIO));
 
     EXPECT_THAT(leftByFailingCalls(
-                    failures, [this] { initializeAndPoll(); }, [this] { return destroyHandler(); }),
+                    failures,
+                    [this]
+                    {
+                        initializeAndPoll();
+                        handler.reset();
+                    },
+                    [this] { return destroyHandler(); }),
                 IsEmpty());
 }
 
