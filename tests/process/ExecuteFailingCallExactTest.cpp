@@ -53,6 +53,25 @@ TEST_F(ExecuteFailingCallExactTest, OutputThatCannotBeReadLeavesNothing)
     EXPECT_THAT(leftByFailingCalls({callsOf("read", readDouble, -1, EIO)}, copyText, childLeft), IsEmpty());
 }
 
+TEST_F(ExecuteFailingCallExactTest, InputThatCannotBeWrittenLeavesNothing)
+{
+    EXPECT_THAT(leftByFailingCalls({callsOf("write", writeDouble, -1, EIO)}, copyText, childLeft), IsEmpty());
+}
+
+TEST_F(ExecuteFailingCallExactTest, EndThatFailsToCloseIsNotClosedAgain)
+{
+    EXPECT_THAT(leftByFailingCalls(
+                    {doneCallsOf("close", closeDouble, -1, EINTR), doneCallsOf("fclose", fcloseDouble, EOF, EINTR)},
+                    copyText, childLeft),
+                IsEmpty());
+}
+
+TEST_F(ExecuteFailingCallExactTest, InterruptedSleepLeavesNothing)
+{
+    EXPECT_THAT(leftByFailingCalls({callsOf("nanosleep", nanosleepDouble, -1, EINTR)}, killSleeper, childLeft),
+                IsEmpty());
+}
+
 // kept: as above
 TEST_F(ExecuteFailingCallExactTest, ChildThatMayNotBeKilledIsLeftAlone)
 {

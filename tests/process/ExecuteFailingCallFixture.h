@@ -5,11 +5,15 @@
 #include "process/ExecuteFixture.h"
 #include "support/FailingCalls.h"
 
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -18,7 +22,16 @@
 namespace Halden::Tavro::TestSupport
 {
 
+extern CallDouble<ssize_t(int, void const*, std::size_t)> writeDouble;
+extern CallDouble<int(pollfd*, nfds_t, int)> pollDouble;
+extern CallDouble<int(int, unsigned long, void*)> ioctlDouble;
+extern CallDouble<int(pid_t*, char const*, posix_spawn_file_actions_t const*, posix_spawnattr_t const*, char* const*,
+                      char* const*)>
+    posixSpawnDouble;
+
 /// Programs run by execute(), any of whose calls may fail. No number is ever closed that is closed already.
+///
+/// For test programs that list process/ExecuteFailingCallFixture.cpp among their sources.
 class ExecuteFailingCallFixture : public ExecuteFixture
 {
 protected:
@@ -31,6 +44,10 @@ protected:
                 EXPECT_FALSE(result == -1 && errno == EBADF) << "closes " << descriptor << " again";
                 return result;
             });
+        writeDouble.reset();
+        pollDouble.reset();
+        ioctlDouble.reset();
+        posixSpawnDouble.reset();
         fcloseDouble.replace(nullptr);
         pidfdOpenDouble.replace(nullptr);
     }

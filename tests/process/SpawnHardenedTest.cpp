@@ -1,6 +1,6 @@
 // Programs that the hardened build starts without a copy of this process: nothing else may be different.
 
-#include "process/ExecuteFixture.h"
+#include "process/ExecuteFailingCallFixture.h"
 #include "process/Programs.h"
 #include "support/CallDouble.h"
 
@@ -49,9 +49,10 @@ namespace
 
 using namespace TestSupport;
 using Log::Severity;
+using testing::IsEmpty;
 using testing::Optional;
 
-class SpawnHardenedTest : public ExecuteFixture
+class SpawnHardenedTest : public ExecuteFailingCallFixture
 {
 protected:
     SpawnHardenedTest() { spawn(); }
@@ -193,6 +194,20 @@ TEST_F(SpawnHardenedTest, WhatIsSaidAboutThePipesIsGivenBack)
 
     EXPECT_EQ(initActionsDouble.count(), 1U);
     EXPECT_EQ(destroyActionsDouble.calls(), initActionsDouble.calls());
+}
+
+TEST_F(SpawnHardenedTest, StartThatFailsLeavesNothing)
+{
+    auto const copyTextSpawned = []
+    {
+        spawn();
+        copyText();
+    };
+    addDup2Double.reset();
+    auto const failures = {callsOf("posix_spawn_file_actions_adddup2", addDup2Double, ENOMEM, 0),
+                           callsOf("posix_spawn", posixSpawnDouble, EAGAIN, 0), allocations()};
+
+    EXPECT_THAT(leftByFailingCalls(failures, copyTextSpawned, childLeft), IsEmpty());
 }
 
 TEST_F(SpawnHardenedTest, NoHandlerOfForksRuns)
