@@ -8,7 +8,12 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/types.h>
+
 #include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -24,6 +29,10 @@ using testing::IsEmpty;
 
 CallDouble<char*(char*)> mkdtempDouble{"mkdtemp"};
 CallDouble<int(char*, int)> mkstempsDouble{"mkstemps"};
+CallDouble<int(int)> closeDouble{"close"};
+CallDouble<std::FILE*(char const*, char const*)> fopenDouble{"fopen64"};
+CallDouble<off64_t(int, off64_t, int)> lseekDouble{"lseek64"};
+CallDouble<ssize_t(int, void*, std::size_t)> readDouble{"read"};
 
 }
 
@@ -39,8 +48,29 @@ extern "C"
     {
         return mkstempsDouble(name, suffixLength);
     }
+
+    int close(int descriptor)
+    {
+        return closeDouble(descriptor);
+    }
+
+    std::FILE* fopen64(char const* path, char const* mode)
+    {
+        return fopenDouble(path, mode);
+    }
+
+    off64_t lseekOfTest(int descriptor, off64_t offset, int whence) noexcept
+    {
+        return lseekDouble(descriptor, offset, whence);
+    }
+
+    ssize_t read(int descriptor, void* buffer, std::size_t size)
+    {
+        return readDouble(descriptor, buffer, size);
+    }
 }
 HALDEN_DOUBLE(mkstemps, mkstempsOfTest)
+HALDEN_DOUBLE(lseek64, lseekOfTest)
 
 namespace
 {
@@ -66,13 +96,36 @@ TEST_F(FilesFailingCallTest, FileThatCannotBeMadeLeavesNothing)
         IsEmpty());
 }
 
-TEST_F(FilesFailingCallTest, ReadingThatFindsNoMemoryClosesTheFile)
+TEST_F(FilesFailingCallTest, FileThatFailsToCloseIsNotClosedAgain)
+{
+    closeDouble.replace(
+        [](int descriptor)
+        {
+            int const result = closeDouble.passOn(descriptor);
+            EXPECT_FALSE(result == -1 && errno == EBADF) << "closes " << descriptor << " again";
+            return result;
+        });
+
+    EXPECT_THAT(leftByFailingCalls(
+                    {doneCallsOf("close", closeDouble, -1, EIO)},
+                    [this] { TempFile("data-", ".h5", directory.path()); },
+                    [this] { return std::filesystem::is_empty(directory.path()) ? "" : "a file"; }),
+                IsEmpty());
+
+    closeDouble.reset();
+}
+
+TEST_F(FilesFailingCallTest, ReadingThatFailsClosesTheFile)
 {
     std::string const path = directory.path() + "/a file whose name is longer than any short string";
     std::string const content(200'000, 'x');
     std::ofstream(path) << content;
 
-    EXPECT_THAT(leftByFailingCalls({allocations()},
+    std::FILE* const none = nullptr;
+
+    EXPECT_THAT(leftByFailingCalls({callsOf("fopen", fopenDouble, none, EMFILE),
+                                    callsOf("lseek", lseekDouble, off64_t{-1}, ESPIPE),
+                                    callsOf("read", readDouble, ssize_t{-1}, EIO), allocations()},
                                    [&]
                                    {
                                        if (fileToString(path) != content)

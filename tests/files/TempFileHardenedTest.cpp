@@ -4,11 +4,14 @@
 
 #include "FailingTemporaries.h"
 #include "WorkingDirectory.h"
+#include "support/CallDouble.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -22,6 +25,18 @@ namespace
 
 using namespace testing;
 using namespace TestSupport;
+
+CallDouble<int(char const*)> removeDouble{"remove"};
+
+}
+
+extern "C" int remove(char const* path) noexcept
+{
+    return removeDouble(path);
+}
+
+namespace
+{
 
 char const* const loggerName = "Halden::Tavro::Utils::TempFile";
 
@@ -67,6 +82,22 @@ TEST_F(TempFileHardenedTest, FileIsRemovedWithoutMemory)
     auto const expectRemoved = [&] { return std::filesystem::is_empty(directory.path()) ? "" : "a file"; };
 
     EXPECT_THAT(leftByFailingCalls({allocations()}, makeAndDestroy, expectRemoved), IsEmpty());
+}
+
+TEST_F(TempFileHardenedTest, FileThatCannotBeRemovedStaysClosed)
+{
+    auto const makeAndDestroy = [this] { TempFile("data-", ".h5", directory.path()); };
+    auto const removeRest = [this]
+    {
+        for (auto const& entry : std::filesystem::directory_iterator(directory.path()))
+        {
+            std::filesystem::remove(entry.path());
+        }
+        return "";
+    };
+
+    EXPECT_THAT(leftByFailingCalls({callsOf("remove", removeDouble, -1, EBUSY)}, makeAndDestroy, removeRest),
+                IsEmpty());
 }
 
 }
