@@ -64,8 +64,8 @@ TEST_F(TempDirHardenedTest, ConstructionWithoutMemoryLeavesNothing)
     EXPECT_THAT(leftByConstructions<TempDir>({allocations()}, parent, "data-"), IsEmpty());
 }
 
-/// It takes memory to look for what is in the directory. Without any, the tree stays like one that may not be removed.
-TEST_F(TempDirHardenedTest, DestructorWithoutMemoryNeitherEndsTheProcessNorLeavesAnythingOpen)
+/// It takes memory to look for what is in the directory. Without any, the tree stays like one that cannot be removed.
+TEST_F(TempDirHardenedTest, DestructorThatFailsNeitherEndsTheProcessNorLeavesAnythingOpen)
 {
     std::optional<TempDir> sut;
     auto const makeAndDestroy = [&]

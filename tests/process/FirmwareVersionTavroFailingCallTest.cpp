@@ -23,6 +23,7 @@ using testing::IsEmpty;
 
 CallDouble<std::FILE*(char const*, char const*)> popenDouble{"popen"};
 CallDouble<std::size_t(void*, std::size_t, std::size_t, std::FILE*)> freadDouble{"fread"};
+CallDouble<int(std::FILE*)> pcloseDouble{"pclose"};
 
 }
 
@@ -37,6 +38,11 @@ extern "C"
     std::size_t fread(void* buffer, std::size_t size, std::size_t count, std::FILE* file)
     {
         return freadDouble(buffer, size, count, file);
+    }
+
+    int pclose(std::FILE* file)
+    {
+        return pcloseDouble(file);
     }
 }
 
@@ -67,7 +73,8 @@ TEST(FirmwareVersionTavroFailingCallTest, NoCallThatFailsLeavesTheCommandOrAnyth
     };
 
     EXPECT_THAT(leftByFailingCalls({callsOf("popen", popenDouble, none, EMFILE),
-                                    callsOf("fread", freadDouble, std::size_t{0}, EIO), allocations()},
+                                    callsOf("fread", freadDouble, std::size_t{0}, EIO),
+                                    doneCallsOf("pclose", pcloseDouble, -1, ECHILD), allocations()},
                                    query),
                 IsEmpty());
 }
