@@ -72,9 +72,9 @@ int watch()
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Prints the addresses of this machine with their interfaces.");
+    Program program("Prints the addresses of this machine with their interfaces.");
     bool follow = false;
-    app.add_flag("--watch", follow, "Then prints what is added (+) and lost (-), until Ctrl-C");
+    program.flag("--watch", follow, "Then prints what is added (+) and lost (-), until Ctrl-C");
     Log::LoggerProxy::instance().setThreshold(Log::Severity::Critical); // what matters is shown
-    return runProgram(app, argc, argv, [&] { return follow ? watch() : list(); });
+    return program.run(argc, argv, [&] { return follow ? watch() : list(); });
 }

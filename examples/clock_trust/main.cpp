@@ -166,10 +166,10 @@ bool isTrusted(std::chrono::seconds wait)
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.");
+    Program program("Tells whether the clock can be believed: status 0 when the time is absolute, else 1.");
     int wait = 0;
-    app.add_option("--wait", wait, "Wait up to SECONDS until the time is absolute")
-        ->option_text("SECONDS")
-        ->check(CLI::Range(0, 1'000'000));
-    return runProgram(app, argc, argv, [&] { return isTrusted(std::chrono::seconds(wait)) ? 0 : 1; });
+    program.option("--wait", wait, "Wait up to SECONDS until the time is absolute")
+        .placeholder("SECONDS")
+        .range(0, 1'000'000);
+    return program.run(argc, argv, [&] { return isTrusted(std::chrono::seconds(wait)) ? 0 : 1; });
 }

@@ -112,12 +112,12 @@ int describe(std::string const& file, std::string const& xpath)
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Checks a UPnP device description and prints name, model and services: status 0, or 1 when it is "
-                 "not valid or cannot be read.");
+    Program program("Checks a UPnP device description and prints name, model and services: status 0, or 1 when it is "
+                    "not valid or cannot be read.");
     std::string file = DEVICE_DESCRIPTION_XML;
     std::string xpath;
-    app.add_option("FILE", file, "The description; without it, the one of this example");
-    app.add_option("--xpath", xpath, "Print the texts of the nodes that this selects instead; upnp: is the prefix")
-        ->option_text("EXPRESSION");
-    return runProgram(app, argc, argv, [&] { return describe(file, xpath); });
+    program.option("FILE", file, "The description; without it, the one of this example");
+    program.option("--xpath", xpath, "Print the texts of the nodes that this selects instead; upnp: is the prefix")
+        .placeholder("EXPRESSION");
+    return program.run(argc, argv, [&] { return describe(file, xpath); });
 }

@@ -1,6 +1,8 @@
 #include "Options.h"
 
 #include <map>
+#include <string>
+#include <vector>
 
 namespace DeviceService
 {
@@ -18,25 +20,35 @@ std::map<std::string, Severity> const severities{{"critical", Severity::Critical
                                                  {"warning", Severity::Warning},   {"info", Severity::Info},
                                                  {"debug", Severity::Debug},       {"trace", Severity::Trace}};
 
+template <typename Value>
+std::vector<std::string> namesOf(std::map<std::string, Value> const& values)
+{
+    std::vector<std::string> names;
+    for (auto const& [name, value] : values)
+    {
+        names.push_back(name);
+    }
+    return names;
 }
 
-void declareOptions(CLI::App& app, Options& options)
+}
+
+void declareOptions(Program& program, Options& options)
 {
-    app.add_option("--strategy", options.strategy, "Runs the jobs one after the other or side by side")
-        ->check(CLI::IsMember(&strategies))
-        ->capture_default_str();
-    app.add_option("--seconds", options.seconds, "Ends after that many seconds, or earlier with Ctrl-C")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str();
-    app.add_option("--description", options.description, "Takes its name from this UPnP device description");
-    app.add_option("--timeline", options.timeline, "Draws all executions into this SVG file");
-    app.add_option("--record", options.record, "Records all executions into this HDF5 file");
-    app.add_option("--metrics", options.metrics, "Keeps the figures of all functions in this file, for node_exporter");
-    app.add_option("--log", options.log, "Where the log goes: stderr, syslog, journal, or a file's path")
-        ->capture_default_str();
-    app.add_option("--severity", options.severity, "The least severe messages that are logged")
-        ->check(CLI::IsMember(&severities))
-        ->capture_default_str();
+    program.option("--strategy", options.strategy, "Runs the jobs one after the other or side by side")
+        .oneOf(namesOf(strategies))
+        .showDefault();
+    program.option("--seconds", options.seconds, "Ends after that many seconds, or earlier with Ctrl-C")
+        .range(1, 86400)
+        .showDefault();
+    program.option("--description", options.description, "Takes its name from this UPnP device description");
+    program.option("--timeline", options.timeline, "Draws all executions into this SVG file");
+    program.option("--record", options.record, "Records all executions into this HDF5 file");
+    program.option("--metrics", options.metrics, "Keeps the figures of all functions in this file, for node_exporter");
+    program.option("--log", options.log, "Where the log goes: stderr, syslog, journal, or a file's path").showDefault();
+    program.option("--severity", options.severity, "The least severe messages that are logged")
+        .oneOf(namesOf(severities))
+        .showDefault();
 }
 
 Strategy strategyOf(Options const& options)

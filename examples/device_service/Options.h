@@ -1,9 +1,9 @@
 #pragma once
 
+#include "../support/Program.h"
+
 #include <log/Logger.h>
 #include <utils/PeriodicCallerManager.h>
-
-#include <CLI/CLI.hpp>
 
 #include <optional>
 #include <string>
@@ -23,8 +23,8 @@ struct Options
     std::string severity{"error"};
 };
 
-/// Tells the application of the options, which have their values once it has parsed its command line.
-void declareOptions(CLI::App& app, Options& options);
+/// Tells the program of the options, which have their values once it runs.
+void declareOptions(Program& program, Options& options);
 
 Halden::Tavro::Utils::PeriodicCallerManager::ExecutionStrategy strategyOf(Options const& options);
 Halden::Tavro::Log::Severity severityOf(Options const& options);

@@ -194,8 +194,8 @@ int run(Options const& options)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     Options options;
-    CLI::App app("A small device service: runs its jobs periodically, shows their state and reports how punctual "
-                 "they were.");
-    declareOptions(app, options);
-    return runProgram(app, argc, argv, [&] { return run(options); });
+    Program program("A small device service: runs its jobs periodically, shows their state and reports how punctual "
+                    "they were.");
+    declareOptions(program, options);
+    return program.run(argc, argv, [&] { return run(options); });
 }

@@ -49,12 +49,12 @@ int showFirmware(std::string const& commands, bool verbose)
 
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
-    CLI::App app("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.");
+    Program program("Tells the firmware's version and compatible id: status 0 when the device knows both, else 1.");
     std::string commands;
     bool verbose = false;
-    app.add_option("--device-commands", commands, "Looks for the device's commands in DIR first")
-        ->option_text("DIR")
-        ->check(CLI::ExistingDirectory);
-    app.add_flag("--verbose", verbose, "Shows on standard error what is asked and answered");
-    return runProgram(app, argc, argv, [&] { return showFirmware(commands, verbose); });
+    program.option("--device-commands", commands, "Looks for the device's commands in DIR first")
+        .placeholder("DIR")
+        .folder();
+    program.flag("--verbose", verbose, "Shows on standard error what is asked and answered");
+    return program.run(argc, argv, [&] { return showFirmware(commands, verbose); });
 }

@@ -198,13 +198,9 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     std::string path;
     unsigned samples = 20;
     unsigned period = 100;
-    CLI::App app("Records the load of the machine into an HDF5 file, which is read at the same time.");
-    app.add_option("FILE", path, "The file to write; an old one is replaced")->required();
-    app.add_option("--samples", samples, "How many samples to record")
-        ->check(CLI::Range(1, 1'000'000))
-        ->capture_default_str();
-    app.add_option("--period", period, "The milliseconds between two samples")
-        ->check(CLI::Range(1, 3'600'000))
-        ->capture_default_str();
-    return runProgram(app, argc, argv, [&] { return record(path, samples, std::chrono::milliseconds(period)); });
+    Program program("Records the load of the machine into an HDF5 file, which is read at the same time.");
+    program.option("FILE", path, "The file to write; an old one is replaced").required();
+    program.option("--samples", samples, "How many samples to record").range(1, 1'000'000).showDefault();
+    program.option("--period", period, "The milliseconds between two samples").range(1, 3'600'000).showDefault();
+    return program.run(argc, argv, [&] { return record(path, samples, std::chrono::milliseconds(period)); });
 }

@@ -39,7 +39,7 @@ int tellRoute(std::string const& host)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     std::string host;
-    CLI::App app("Tells from which local address a host is reached: status 0 when there is a route, else 1.");
-    app.add_option("HOST", host, "Host name or IPv4 address")->required()->option_text(" ");
-    return runProgram(app, argc, argv, [&] { return tellRoute(host); });
+    Program program("Tells from which local address a host is reached: status 0 when there is a route, else 1.");
+    program.option("HOST", host, "Host name or IPv4 address").required().placeholder(" ");
+    return program.run(argc, argv, [&] { return tellRoute(host); });
 }

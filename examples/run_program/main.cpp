@@ -45,50 +45,21 @@ struct Options
     std::vector<std::string> arguments;
 };
 
-/// Shows the program among the arguments, of which the parser does not know.
-class Help : public CLI::Formatter
-{
-    std::string make_usage(CLI::App const* /*app*/, std::string name) const override
-    {
-        return "Usage: " + name + " [--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...\n";
-    }
-};
-
-/// The program and its arguments, which "--" may part from the options.
-std::vector<std::string> wordsOfProgram(CLI::App const& app)
-{
-    auto words = app.remaining();
-    bool const parted = !words.empty() && words.front() == "--";
-    if (parted)
-    {
-        words.erase(words.begin());
-    }
-    if (words.empty())
-    {
-        throw CLI::RequiredError("PROGRAM");
-    }
-    if (!parted && words.front().rfind('-', 0) == 0)
-    {
-        throw CLI::ValidationError(words.front(), "no such option");
-    }
-    return words;
-}
-
-/// @throws CLI::ParseError for what cannot be understood
-Options optionsFrom(CLI::App const& app, std::chrono::milliseconds timeout, std::vector<std::string> const& variables)
+/// @throws UsageError for what cannot be understood
+Options optionsFrom(Program const& self, int timeout, std::vector<std::string> const& variables)
 {
     Options options;
-    options.timeout = timeout;
+    options.timeout = std::chrono::milliseconds(timeout);
     for (auto const& variable : variables)
     {
         auto const separator = variable.find('=');
         if (separator == 0 || separator == std::string::npos)
         {
-            throw CLI::ValidationError("--env", "'" + variable + "' is not NAME=VALUE");
+            throw UsageError("--env: '" + variable + "' is not NAME=VALUE");
         }
         options.environment.emplace_back(variable.substr(0, separator), variable.substr(separator + 1));
     }
-    options.arguments = wordsOfProgram(app);
+    options.arguments = self.command();
     options.program = options.arguments.front();
     options.arguments.erase(options.arguments.begin());
     return options;
@@ -207,20 +178,16 @@ int run(Options options)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     std::ios::sync_with_stdio(false); // the standard input is copied whole
-    CLI::App app(
+    Program self(
         "Runs a program with this one's standard input, and ends with its status; with 124 when the time was up, "
         "126 when it cannot be started, 127 when there is none, 128 and a signal's number when that has ended "
         "it. A SIGTERM goes on to the program.");
-    long long timeout = 10'000;
+    int timeout = 10'000;
     std::vector<std::string> variables;
-    app.add_option("--timeout", timeout, "Kill the program when it takes longer")
-        ->option_text("MS (10000)")
-        ->check(CLI::Range(1, 2'000'000'000));
-    app.add_option("--env", variables, "Add to the environment, or change it")
-        ->option_text("NAME=VALUE")
-        ->allow_extra_args(false);
-    app.formatter(std::make_shared<Help>());
-    app.prefix_command(); // what follows belongs to the program
-    return runProgram(app, argc, argv,
-                      [&] { return run(optionsFrom(app, std::chrono::milliseconds(timeout), variables)); });
+    self.option("--timeout", timeout, "Kill the program when it takes longer")
+        .placeholder("MS (10000)")
+        .range(1, 2'000'000'000);
+    self.option("--env", variables, "Add to the environment, or change it").placeholder("NAME=VALUE");
+    self.takesCommand("[--timeout MS] [--env NAME=VALUE]... PROGRAM ARG...");
+    return self.run(argc, argv, [&] { return run(optionsFrom(self, timeout, variables)); });
 }

@@ -49,9 +49,7 @@ int serve(int seconds)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     int seconds = 1;
-    CLI::App app("Reads a made-up sensor and reports what it has found.");
-    app.add_option("--seconds", seconds, "Ends after that many seconds")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str();
-    return runProgram(app, argc, argv, [&] { return serve(seconds); });
+    Program program("Reads a made-up sensor and reports what it has found.");
+    program.option("--seconds", seconds, "Ends after that many seconds").range(1, 86400).showDefault();
+    return program.run(argc, argv, [&] { return serve(seconds); });
 }

@@ -79,7 +79,7 @@ int look(unsigned jobs)
 int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end the program
 {
     unsigned jobs = 3;
-    CLI::App app("Holds a worker at a point of its work and looks at its values.");
-    app.add_option("--jobs", jobs, "How many jobs to look at")->capture_default_str();
-    return runProgram(app, argc, argv, [&] { return look(jobs); });
+    Program program("Holds a worker at a point of its work and looks at its values.");
+    program.option("--jobs", jobs, "How many jobs to look at").showDefault();
+    return program.run(argc, argv, [&] { return look(jobs); });
 }
