@@ -54,12 +54,12 @@ void updateSchedulerNextDueTime(PeriodicCallerManager& manager)
     (manager.*&Opened::updateSchedulerNextDueTime)();
 }
 
-testing::Matcher<LogLine const&> line(Log::Severity severity, testing::Matcher<std::string> const& text)
+testing::Matcher<LogLine const&> line(Log::Severity severity, testing::Matcher<std::string const&> const& text)
 {
     return isLine(severity, logger, text);
 }
 
-testing::Matcher<LogLine const&> trace(testing::Matcher<std::string> const& text)
+testing::Matcher<LogLine const&> trace(testing::Matcher<std::string const&> const& text)
 {
     return line(Log::Severity::Trace, text);
 }

@@ -42,8 +42,8 @@ std::vector<std::shared_ptr<Utils::PcmItemIfc>> dueUntil(Utils::PeriodicCallerMa
 std::chrono::steady_clock::time_point nextPcmDueTime(Utils::PeriodicCallerManager& manager);
 void updateSchedulerNextDueTime(Utils::PeriodicCallerManager& manager);
 
-testing::Matcher<LogLine const&> line(Log::Severity severity, testing::Matcher<std::string> const& text);
-testing::Matcher<LogLine const&> trace(testing::Matcher<std::string> const& text);
+testing::Matcher<LogLine const&> line(Log::Severity severity, testing::Matcher<std::string const&> const& text);
+testing::Matcher<LogLine const&> trace(testing::Matcher<std::string const&> const& text);
 
 /// What add() logs. Its "%lu" shows the low bits alone where `unsigned long` has 32.
 std::string addingText(long long periodInMs);

@@ -11,11 +11,12 @@
 namespace Halden::Tavro::Utils::Testing
 {
 
-/// Matches a captured line; logger and text are matchers or values.
+/// Matches a captured line; logger and text are matchers or strings.
 ///
 ///     EXPECT_THAT(log.lines(), Contains(isLine(Severity::Error, "Service", StartsWith("No answer"))));
-template <typename Logger, typename Text>
-testing::Matcher<LogLine const&> isLine(Log::Severity severity, Logger const& logger, Text const& text)
+inline testing::Matcher<LogLine const&> isLine(Log::Severity severity,
+                                               testing::Matcher<std::string const&> const& logger,
+                                               testing::Matcher<std::string const&> const& text)
 {
     return testing::AllOf(testing::Field("severity", &LogLine::severity, severity),
                           testing::Field("logger", &LogLine::logger, logger),
