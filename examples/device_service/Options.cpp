@@ -24,6 +24,7 @@ template <typename Value>
 std::vector<std::string> namesOf(std::map<std::string, Value> const& values)
 {
     std::vector<std::string> names;
+    names.reserve(values.size());
     for (auto const& [name, value] : values)
     {
         names.push_back(name);

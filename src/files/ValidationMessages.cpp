@@ -8,7 +8,7 @@
 #include <cstdio>
 
 // The end of a process whose buffer would overflow. The C library exports it, but no header declares it.
-extern "C" [[noreturn]] void __chk_fail(); // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" [[noreturn]] void __chk_fail(); // NOLINT(bugprone-reserved-identifier)
 
 namespace Halden::Tavro::Utils
 {
@@ -17,9 +17,6 @@ namespace
 {
 
 using Buffer = std::array<char, 5000>;
-
-// clang-tidy compiles this file once for each build, and the second time it overlooks va_start(3).
-// NOLINTBEGIN(clang-analyzer-valist.Uninitialized)
 
 /// vsprintf(3) with the C library's size test. It is called by name, as the headers use it in optimised builds only. A
 /// sanitizer replaces it by a function without that test, so the length is checked before.
@@ -44,8 +41,6 @@ void formatAndCut(Buffer& buffer, char const* format, va_list values)
         buffer.front() = '\0';
     }
 }
-
-// NOLINTEND(clang-analyzer-valist.Uninitialized)
 
 void format(Buffer& buffer, char const* format, va_list values)
 {
