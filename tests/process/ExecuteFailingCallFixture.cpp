@@ -46,7 +46,7 @@ extern "C"
     }
 
     int posix_spawn(pid_t* child, char const* path, posix_spawn_file_actions_t const* actions,
-                    posix_spawnattr_t const* attributes, char* const* arguments, char* const* environment) noexcept
+                    posix_spawnattr_t const* attributes, char* const* arguments, char* const* environment)
     {
         return call(posixSpawnDouble, child, path, actions, attributes, arguments, environment);
     }
