@@ -33,6 +33,16 @@ protected:
         return kernel.isOpen() ? "a socket" : "";
     }
 
+    /// Lets the receiver thread have this, and waits until it waits again.
+    void give(int pollResult, int recvError)
+    {
+        FakeNetlink::Pass pass;
+        pass.pollResult = pollResult;
+        pass.recvError = recvError;
+        kernel.add(pass);
+        ASSERT_TRUE(kernel.waitUntilIdle());
+    }
+
     FakeNetlink kernel;
 };
 

@@ -43,14 +43,6 @@ TEST_F(LocalIpsFailingCallHardenedTest, LifeWithAFailedCallLeavesNoSocketNoThrea
 TEST_F(LocalIpsFailingCallHardenedTest, ListThatCouldNotBeReadAfterLostEventsIsReadLater)
 {
     LocalIps sut({}, {}, {});
-    auto const give = [this](int pollResult, int recvError)
-    {
-        FakeNetlink::Pass pass;
-        pass.pollResult = pollResult;
-        pass.recvError = recvError;
-        kernel.add(pass);
-        ASSERT_TRUE(kernel.waitUntilIdle());
-    };
     auto const loseEvents = [&]
     {
         kernel.send(deleted("10.0.0.1")); // which has come again in the meantime
