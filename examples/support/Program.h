@@ -56,8 +56,8 @@ public:
     /// The variable is set when the name is there: "--name".
     void flag(std::string const& name, bool& variable, std::string const& help);
 
-    /// The variable gets the value that follows the name, "--name", or stands where the name, without dashes, says in
-    /// the help. One that is not there leaves it alone.
+    /// The variable gets the value that follows the name: "--name VALUE". A name without dashes is that of an argument,
+    /// by its place. What the command line does not have leaves the variable alone.
     Option option(std::string const& name, int& variable, std::string const& help);
     Option option(std::string const& name, unsigned& variable, std::string const& help);
     Option option(std::string const& name, std::string& variable, std::string const& help);
