@@ -94,7 +94,7 @@ public:
     }
 
 private:
-    std::minstd_rand generator{1}; // NOLINT(cert-msc51-cpp,cert-msc32-c): noise, no secret
+    std::minstd_rand generator{1}; // NOLINT(cert-msc51-cpp): noise, no secret
     std::normal_distribution<double> noise{4.0, 0.5};
     double filtered{4.0};
 };

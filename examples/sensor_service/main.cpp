@@ -26,7 +26,7 @@ public:
     }
 
 private:
-    std::minstd_rand generator{1}; // NOLINT(cert-msc51-cpp,cert-msc32-c): noise, no secret
+    std::minstd_rand generator{1}; // NOLINT(cert-msc51-cpp): noise, no secret
     std::normal_distribution<double> values{21.5, 0.5};
 };
 
