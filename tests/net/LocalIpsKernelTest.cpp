@@ -206,7 +206,7 @@ TEST_F(LocalIpsKernelTest, DestructionTakesAtMostAboutTwoSecondsAndLeavesNothing
 
     EXPECT_LT(duration, 5s);
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_TRUE(waitFor([&] { return runningThreads() == threads; })); // one that was joined may still be listed
+    EXPECT_TRUE(waitFor([&] { return runningThreads() <= threads; })); // one that was joined may still be listed
     EXPECT_EQ(systemAddresses(), before);
     for (auto const* interface = interfaces; interface->if_index != 0; ++interface)
     {

@@ -1,5 +1,6 @@
 #include "scheduling/ManagerTest.h"
 #include "scheduling/SchedulerSleep.h"
+#include "support/OtherThreads.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
 
@@ -8,6 +9,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -29,6 +31,13 @@ using PeriodicCallerManagerLifeTest = ManagerTest;
 using PeriodicCallerManagerLifeStrategyTest = ManagerStrategyTest;
 
 INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerLifeStrategyTest, bothStrategies(), nameOfStrategy);
+
+/// Those that stay: one that the test before has joined is listed a moment longer.
+std::size_t threadsAtRest()
+{
+    OtherThreads::awaitRest();
+    return runningThreads();
+}
 
 TEST_F(PeriodicCallerManagerLifeTest, EmptyManagerLogsItsStartAndItsEnd)
 {
@@ -80,7 +89,7 @@ TEST_F(PeriodicCallerManagerLifeTest, StopBeforeTheFirstPassLeavesNoWait)
 
 TEST_F(PeriodicCallerManagerLifeTest, UnknownStrategyThrowsAndStartsNoThread)
 {
-    std::size_t const threadsBefore = runningThreads();
+    std::size_t const threadsBefore = threadsAtRest();
 
     EXPECT_THAT(
         [] { std::make_shared<PeriodicCallerManager>(static_cast<Strategy>(2), "sensors"); },
@@ -118,7 +127,7 @@ private:
 
 TEST_P(PeriodicCallerManagerLifeStrategyTest, ConstructorThrowsWhenNoThreadCanBeMade)
 {
-    std::size_t const threadsBefore = runningThreads();
+    std::size_t const threadsBefore = threadsAtRest();
     {
         OversizedStacks const noThreads;
 
@@ -133,7 +142,7 @@ TEST_P(PeriodicCallerManagerLifeStrategyTest, TokenThatOutlivesAllOwnersKeepsThe
 {
     std::atomic<int> calls{0};
     auto sut = makeAsleep(GetParam());
-    std::size_t const threadsOfOne = runningThreads();
+    std::size_t const threadsOfOne = threadsAtRest();
     Token last = addAsleep(
         *sut, [] {}, longPeriod);
     Token fast = addAsleep(
