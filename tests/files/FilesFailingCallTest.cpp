@@ -54,7 +54,7 @@ extern "C"
         return closeDouble(descriptor);
     }
 
-    std::FILE* fopen64(char const* path, char const* mode)
+    std::FILE* fopenOfTest(char const* path, char const* mode)
     {
         return fopenDouble(path, mode);
     }
@@ -69,8 +69,9 @@ extern "C"
         return readDouble(descriptor, buffer, size);
     }
 }
-HALDEN_DOUBLE(mkstemps, mkstempsOfTest)
+HALDEN_DOUBLE(fopen64, fopenOfTest)
 HALDEN_DOUBLE(lseek64, lseekOfTest)
+HALDEN_DOUBLE(mkstemps, mkstempsOfTest)
 
 namespace
 {

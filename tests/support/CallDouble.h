@@ -233,6 +233,7 @@ private:
 
 #define HALDEN_DOUBLE_fcntl(function)                                                                                  \
     HALDEN_NAME(function, fcntl) HALDEN_NAME(function, fcntl64) HALDEN_NAME(function, __fcntl_time64)
+#define HALDEN_DOUBLE_fopen64(function) HALDEN_NAME(function, fopen) HALDEN_NAME(function, fopen64)
 #define HALDEN_DOUBLE_ioctl(function) HALDEN_NAME(function, ioctl) HALDEN_NAME(function, __ioctl_time64)
 #define HALDEN_DOUBLE_mkstemps(function) HALDEN_NAME(function, mkstemps) HALDEN_NAME(function, mkstemps64)
 #define HALDEN_DOUBLE_open(function) HALDEN_NAME(function, open) HALDEN_NAME(function, open64)
