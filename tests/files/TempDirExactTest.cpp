@@ -51,7 +51,7 @@ TEST_F(TempDirExactTest, WhatCannotBeRemovedEndsTheProcess)
     EXPECT_THAT(result.output, HasSubstr("Operation not permitted"));
 }
 
-// kept: one that runs out of memory has other worries
+// kept: a process without memory ends soon, and the folder can be cleared at boot
 TEST_F(TempDirExactTest, DirectoryWhosePathFindsNoMemoryStays)
 {
     EXPECT_THAT(leftByConstructions<TempDir>({allocations()}, parent, "data-"),

@@ -45,7 +45,7 @@ TEST_F(TempFileExactTest, WhatCannotBeRemovedEndsTheProcess)
     EXPECT_THAT(result.output, HasSubstr("Directory not empty"));
 }
 
-// kept: one that runs out of memory has other worries
+// kept: a process without memory ends soon, and the folder can be cleared at boot
 TEST_F(TempFileExactTest, FileWhosePathFindsNoMemoryStaysOpen)
 {
     EXPECT_THAT(leftByConstructions<TempFile>({allocations()}, directory, "data-", ".h5"),

@@ -170,6 +170,7 @@ TEST_F(TempFileTest, CreationIsTraced)
                                                      " (fd = " + std::to_string(sut.fileDescriptor()) + ")"}));
 }
 
+// kept: neither full stop nor quotes; who looks for a text knows it as it is
 TEST_F(TempFileTest, MissingDirectoryIsLoggedWithItsErrnoAndThrown)
 {
     std::string const nowhere = directory + "/nowhere";

@@ -88,6 +88,7 @@ TEST(BitsTest, TwoComplementEncodesTheValueInTheWidth)
     EXPECT_EQ(two_complement(-3, 12), 4093U);
 }
 
+// kept: a value that does not fit loses its upper bits, and the sign with them
 TEST(BitsTest, TwoComplementCutsOffWhatDoesNotFit)
 {
     EXPECT_EQ(two_complement(21, 4), 5U);

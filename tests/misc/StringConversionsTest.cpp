@@ -163,6 +163,7 @@ TEST(StringConversionsTest, ToUint64RefusesAnEmptyText)
     EXPECT_EQ(toUint64(""), "invalid_argument Cannot convert empty string to uint64");
 }
 
+// kept: "value", and "values" below; who looks for a text knows it as it is
 TEST(StringConversionsTest, ToUint64RefusesALeadingMinusSign)
 {
     EXPECT_EQ(toUint64("-1"), "invalid_argument Cannot convert negative value to uint64");
@@ -312,6 +313,7 @@ TEST(StringConversionsTest, ToUint8RefusesAnEmptyText)
     EXPECT_EQ(toUint8(""), "invalid_argument Cannot convert empty string to uint8");
 }
 
+// kept: as above
 TEST(StringConversionsTest, ToUint8RefusesNegativeValues)
 {
     EXPECT_EQ(toUint8("-1"), "invalid_argument Cannot convert negative values to uint8");

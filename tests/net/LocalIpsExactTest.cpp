@@ -55,7 +55,7 @@ TEST_F(LocalIpsExactTest, ListOfTheStartIsNeverFreed)
     EXPECT_EQ(kernel.listsInUse(), 1);
 }
 
-// kept: the point at which the walk resumes
+// kept: no event is left out; this one comes again, to a list that it has changed already
 TEST_F(LocalIpsExactTest, ExceptionOfAnAddressCallbackLetsTheEventBeHandledAgain)
 {
     auto const refuse = [](IpAddress const& /*ip*/) { throw std::logic_error("no use"); };
@@ -108,7 +108,7 @@ TEST_F(LocalIpsExactTest, ListIsNotReadAgainAfterLostEvents)
     EXPECT_THAT(kernel.receiverCalls(), ElementsAre(onePoll, oneRecv, onePoll));
 }
 
-// kept: the order of the destructor's steps
+// kept: the log lines come in this order, and each says what has been done
 TEST_F(LocalIpsExactTest, DestructorClosesTheSocketBeforeTheReceiverThreadEnds)
 {
     auto sut = std::make_unique<LocalIps>(nullptr, nullptr, nullptr);

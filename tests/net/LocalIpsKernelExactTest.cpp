@@ -126,7 +126,7 @@ void bringUpWithLinkLocalAddress(NetworkControl& control)
     }
 }
 
-// kept: the point at which the walk resumes
+// kept: no event is left out, also none that can never be handled
 TEST_F(LocalIpsKernelExactTest, InterfaceThatComesUpWithALinkLocalAddressIsTriedWithoutEndAndBlocksTheDestructor)
 {
     auto const result = runInChild(

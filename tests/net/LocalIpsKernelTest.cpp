@@ -156,7 +156,7 @@ TEST_F(LocalIpsKernelTest, TwoMonitorsSeeTheSame)
         });
 }
 
-// kept: an address counts once
+// kept: callbacks are told of addresses, not of interfaces, so an address counts once
 TEST_F(LocalIpsKernelTest, AddressOfTwoInterfacesIsGoneAfterTheFirstDeletion)
 {
     capture.expect(isLine(Severity::Warning, "LocalIps", HasSubstr("10.0.0.1): IP is already in our list")));

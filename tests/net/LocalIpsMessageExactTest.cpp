@@ -31,7 +31,7 @@ TEST_F(LocalIpsMessageExactTest, MessageWithoutLocalAttributeIsNoAddress)
     });
 }
 
-// kept: the point at which the walk resumes
+// kept: no message is left out
 TEST_F(LocalIpsMessageExactTest, FailingMessageIsHandledAgainUntilItNoLongerFails)
 {
     expect(Severity::Error, noAddress);

@@ -81,6 +81,7 @@ TEST_F(LocalIpsMessageTest, AttributesEndWithTheFirstOfImpossibleLength)
     }
 }
 
+// kept: the line names IFA_ADDRESS, though IFA_LOCAL is missing; what reads the log looks for it
 TEST_F(LocalIpsMessageTest, MessageWithoutAnAddressIsRefused)
 {
     expectNoAddressIn({

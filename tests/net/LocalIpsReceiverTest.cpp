@@ -136,6 +136,7 @@ TEST_F(LocalIpsReceiverTest, AnswerTooShortForAMessageIsNoError)
                                              line(Severity::Trace, "receiverThread: recv returned 1")));
 }
 
+// kept: the comma at the end; what reads the log looks for the text as it is
 TEST_F(LocalIpsReceiverTest, FailedReceiveIsLoggedAndReportedAndEndsNothing)
 {
     std::string const failed =

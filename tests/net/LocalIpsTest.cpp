@@ -118,7 +118,7 @@ TEST_F(LocalIpsTest, ConstructorListsAndReportsTheAddressesOfTheStart)
                                                  line(Severity::Info, "new IP address: ::1")));
 }
 
-// kept: an address counts once
+// kept: a scope tells interfaces apart, and an address counts once, on whichever it is
 TEST_F(LocalIpsTest, AddressesThatDifferOnlyInScopeIdAreOne)
 {
     kernel.setAddresses({"fe80::1%2", "fe80::1%3"});

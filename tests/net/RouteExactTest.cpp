@@ -15,7 +15,7 @@ using namespace TestSupport;
 
 using RouteExactTest = RouteFixture;
 
-// kept: services that look up rarely and for good
+// kept: services look up once, or seldom, and lose few descriptors
 TEST_F(RouteExactTest, ConnectedSocketStaysOpen)
 {
     EXPECT_EQ(Ip::internalLocalIpForRemote("host"), "192.0.2.1");

@@ -15,7 +15,7 @@ using namespace TestSupport;
 
 using RouteKernelExactTest = RouteKernelFixture;
 
-// kept: services that look up rarely and for good
+// kept: services look up once, or seldom, and lose few descriptors
 TEST_F(RouteKernelExactTest, EachLookUpThatSucceedsCostsADescriptor)
 {
     runBesideInterfaces(

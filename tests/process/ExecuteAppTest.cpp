@@ -19,7 +19,7 @@ class ExecuteAppTest : public ExecuteAppFixture
 {
 };
 
-// kept: here and below the line names execve(), though execv() has failed
+// kept: here and below the line names execve(), though execv() has failed; what reads the log looks for it
 TEST_F(ExecuteAppTest, PipesAreAttachedThenClosedThenTheEnvironmentSetThenTheProgramStarted)
 {
     run(false, {{"B", "1"}, {"A", "2"}, {"B", "3"}});

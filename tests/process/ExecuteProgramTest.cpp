@@ -253,6 +253,7 @@ TEST_F(ExecuteProgramTest, LongestTimeoutsAreNone)
     EXPECT_THAT(run("/bin/sleep", {"60"}, {}, std::chrono::milliseconds::min()).termSignal, Optional(SIGKILL));
 }
 
+// kept: the output ends when nobody can write to it any more
 TEST_F(ExecuteProgramTest, ProcessLeftBehindWithTheOutputIsWaitedFor)
 {
     auto const result = shell("(sleep 0.3; echo late) & echo early");
@@ -275,6 +276,7 @@ TEST_F(ExecuteProgramTest, ProgramInheritsNoPipeOfAnotherCall)
     EXPECT_EQ(during, alone);
 }
 
+// kept: the program is given what could be read
 TEST_F(ExecuteProgramTest, InputThatFailsEndsThere)
 {
     InputThatCalls buffer([] { throw std::runtime_error("I/O error"); });

@@ -24,6 +24,7 @@ class FirmwareVersionTavroOutputTest : public FirmwareFixture
 {
 };
 
+// kept: "it's stdout"; what reads the log looks for it
 TEST_F(FirmwareVersionTavroOutputTest, SuccessIsLoggedStepByStepWithTheOutputAsItIs)
 {
     giveBoth();

@@ -34,6 +34,7 @@ class GetAppOutputExactTest : public GetAppOutputFixture
 {
 };
 
+// kept: the time begins when the input is written, which may take as long as the program likes
 TEST_F(GetAppOutputExactTest, InputThenLooksThenOutputComeInThisOrder)
 {
     answers = {running, running, {child, exited(0)}};
@@ -227,7 +228,7 @@ TEST_F(GetAppOutputExactTest, ChildThatTakesTooLongIsKilledThenReaped)
                                            "log 4 Child finished after kill", "fclose stdout.read"));
 }
 
-// kept: a zombie is left
+// kept: an interrupted wait is no answer, and the zombie is left to the caller
 TEST_F(GetAppOutputExactTest, InterruptedReapingGivesNeither)
 {
     answers = {running, interrupted};
@@ -266,7 +267,7 @@ TEST_F(GetAppOutputExactTest, SigpipeIsBlockedWhileTheInputIsWrittenAndNoLonger)
     EXPECT_FALSE(duringWait);
 }
 
-// kept: the child is left running
+// kept: the child, which runs on, is left to the caller
 TEST_F(GetAppOutputExactTest, ForbiddenKillReapsNothing)
 {
     answers = {running};

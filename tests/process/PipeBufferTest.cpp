@@ -93,6 +93,7 @@ TEST_F(PipeBufferTest, ReadBufferHolds8192Bytes)
     EXPECT_EQ(buffer.in_avail(), 8191); // and a byte that was put back
 }
 
+// kept: a buffer knows no pipe, which closes the number once more
 TEST_F(PipeBufferTest, DestroyedBufferHasClosedTheDescriptorWhoseNumberStays)
 {
     Pipe const sut;

@@ -30,7 +30,7 @@ TEST_F(PipeExactTest, ClosedReadEndKeepsItsNumberAndIsClosedAgain)
     EXPECT_THAT(closed(), ElementsAre(4711, 4711, 4711, 4712));
 }
 
-// kept: likewise
+// kept: as above
 TEST_F(PipeExactTest, ClosedWriteEndKeepsItsNumberAndIsClosedAgain)
 {
     auto sut = makeOf({4711, 4712});

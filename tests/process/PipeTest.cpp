@@ -52,6 +52,7 @@ TEST_F(PipeTest, WhatIsWrittenCanBeRead)
     EXPECT_STREQ(text.data(), "text");
 }
 
+// kept: users hand the ends on to programs that they start themselves
 TEST_F(PipeTest, EndsArePlainDescriptors)
 {
     Pipe const sut;

@@ -37,6 +37,7 @@ TEST_F(PcmExecutorSequentialTest, EmptyBatchLogsBothLinesWithTheCountZero)
                                                  isLine(Severity::Trace, loggerName, "executed 0 items sequentialy")));
 }
 
+// kept: as above
 TEST_F(PcmExecutorSequentialTest, ItemsRunInTheirOrderBetweenTheTwoLines)
 {
     std::vector<std::string> events;
@@ -93,6 +94,7 @@ TEST_F(PcmExecutorSequentialTest, ItemThatThrowsDoesNotKeepTheOthersFromRunning)
     EXPECT_EQ(calls, 1);
 }
 
+// kept: items let nothing out; where one does, it is the scheduler that has failed
 TEST_F(PcmExecutorSequentialTest, ExceptionOutOfAnItemEndsTheProcess)
 {
     ChildResult const result = runInChild(

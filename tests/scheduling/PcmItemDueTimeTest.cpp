@@ -129,6 +129,7 @@ TEST(PcmItemDueTimeTest, ForbiddingAloneLogsNothingAndKeepsTheDueTime)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+// kept: a refused item would be due again at once
 TEST(PcmItemDueTimeTest, RefusedExecutionMovesTheDueTimeBeforeItWarns)
 {
     SteadyClockDouble const clock(5s);

@@ -178,6 +178,7 @@ TEST(PcmItemExceptionTest, EmptyFunctionEndsInALoggedBadFunctionCall)
     EXPECT_THAT(log.lines(), ElementsAre(error, isLine(Severity::Trace, itemLogger, laterText(what))));
 }
 
+// kept: two of the four end in a line feed; what reads the log looks for them as they are
 TEST(PcmItemExceptionTest, TextsHaveTheirLengths)
 {
     std::size_t const specifier = std::string("%s").size();
@@ -217,6 +218,7 @@ std::vector<bool> lockIsFreeInLines(std::function<void()> const& throwing)
     return isFree;
 }
 
+// kept: a log call may take its time, and nobody waits for the item meanwhile
 TEST(PcmItemExceptionTest, ExceptionsAreLoggedOutsideTheLock)
 {
     EXPECT_THAT(lockIsFreeInLines([] { throw std::runtime_error("x"); }), ElementsAre(true, true));

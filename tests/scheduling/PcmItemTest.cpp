@@ -36,6 +36,7 @@ TEST(PcmItemTest, InterfaceOperationsHaveTheirSlots)
     EXPECT_EQ(virtualSlot(&PcmItemIfc::waitEndOfExecutionIfAny), 5);
 }
 
+// kept: callers know the slots; shared pointers know the concrete class
 TEST(PcmItemTest, InterfaceIsPureWithoutDataAndWithoutVirtualDestructor)
 {
     EXPECT_TRUE(std::is_abstract_v<PcmItemIfc>);

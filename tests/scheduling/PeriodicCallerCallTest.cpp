@@ -111,6 +111,7 @@ TEST_F(PeriodicCallerCallTest, ASpuriousWakeUpNeitherCallsNorMovesTheDeadline)
     EXPECT_THAT(waits.get(), Each(Field(&Wait::deadline, waits.get().front().deadline)));
 }
 
+// kept: a caller takes any period, whatever comes of it
 TEST_F(PeriodicCallerCallTest, ZeroPeriodCallsBackToBack)
 {
     Recorded<microseconds> calls;
@@ -123,6 +124,7 @@ TEST_F(PeriodicCallerCallTest, ZeroPeriodCallsBackToBack)
     EXPECT_THAT(waits.get(), Each(Field(&Wait::left, Le(0ns))));
 }
 
+// kept: as above
 TEST_F(PeriodicCallerCallTest, NegativePeriodsCallBackToBack)
 {
     for (microseconds const period : {microseconds(-1), microseconds::min()})

@@ -39,7 +39,7 @@ TEST_F(PeriodicCallerManagerExactTest, ManagerOnTheStackThrowsOnAddButKeepsTheIt
     EXPECT_EQ(log.count(trace("Item added. Having (1) now")), 1);
 }
 
-// kept: likewise
+// kept: as above
 TEST_F(PeriodicCallerManagerExactTest, ManagerInAUniquePointerThrowsOnAddButKeepsTheItem)
 {
     std::atomic<int> calls{0};

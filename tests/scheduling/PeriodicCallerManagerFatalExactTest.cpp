@@ -54,7 +54,7 @@ TEST_F(PeriodicCallerManagerFatalExactTest, LastTokenDestroyedInsideItsOwnFuncti
     EXPECT_THAT(result.output, AllOf(HasSubstr("destroying\n"), Not(HasSubstr("destroyed\n"))));
 }
 
-// kept: likewise; the scheduler thread waits for the function
+// kept: as above, but it is the scheduler thread that waits, for the function
 TEST_F(PeriodicCallerManagerFatalExactTest, LastTokenDestroyedInsideItsOwnFunctionNeverReturnsWithAThreadPool)
 {
     // The scheduler thread itself may have taken up the item, and then the process ends.

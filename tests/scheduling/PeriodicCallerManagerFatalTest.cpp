@@ -39,6 +39,7 @@ int failScheduler(AllocationFailure failure)
     return 0;
 }
 
+// kept: a service without its scheduler ends, and is started anew
 TEST_F(PeriodicCallerManagerFatalTest, ExceptionInTheSchedulerThreadIsLoggedAndEndsTheProcess)
 {
     auto const result = runInChild([] { return failScheduler(AllocationFailure::BadAlloc); });
@@ -49,6 +50,7 @@ TEST_F(PeriodicCallerManagerFatalTest, ExceptionInTheSchedulerThreadIsLoggedAndE
     EXPECT_THAT(result.output, Not(HasSubstr("exiting without error")));
 }
 
+// kept: as above
 TEST_F(PeriodicCallerManagerFatalTest, UnknownErrorInTheSchedulerThreadIsLoggedAndEndsTheProcess)
 {
     auto const result = runInChild([] { return failScheduler(AllocationFailure::Unknown); });

@@ -51,6 +51,7 @@ TEST_F(PeriodicCallerManagerLifeTest, EmptyManagerLogsItsStartAndItsEnd)
                             line(Severity::Info, "-schedulerThread: exiting without error")));
 }
 
+// kept: brackets without a name in them; what reads the log looks for them
 TEST_F(PeriodicCallerManagerLifeTest, LoggerOfAnUnnamedManagerKeepsItsBrackets)
 {
     makeAsleep(Strategy::Sequential, "").reset();
@@ -138,6 +139,7 @@ TEST_P(PeriodicCallerManagerLifeStrategyTest, ConstructorThrowsWhenNoThreadCanBe
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+// kept: a function runs for as long as its token lives, whoever lets go of the manager
 TEST_P(PeriodicCallerManagerLifeStrategyTest, TokenThatOutlivesAllOwnersKeepsTheManagerAtWork)
 {
     std::atomic<int> calls{0};

@@ -103,6 +103,7 @@ TEST_F(PeriodicCallerManagerRegistrationTest, PeriodBelowTheLongestIsKept)
     SchedulerSleep::await();
 }
 
+// kept: only zero is refused, though the exception says "greater than zero"
 TEST_F(PeriodicCallerManagerRegistrationTest, NegativePeriodRunsPassesBackToBack)
 {
     auto sut = makeAsleep();

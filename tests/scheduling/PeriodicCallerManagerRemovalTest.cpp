@@ -27,6 +27,7 @@ using PeriodicCallerManagerRemovalStrategyTest = ManagerStrategyTest;
 
 INSTANTIATE_TEST_SUITE_P(Both, PeriodicCallerManagerRemovalStrategyTest, bothStrategies(), nameOfStrategy);
 
+// kept: "lowered" to a later time; what reads the log looks for it
 TEST_F(PeriodicCallerManagerRemovalTest, RemoveOfTheEarliestItemLowersTheNextDueTimeToALaterOneWithoutWakingUp)
 {
     auto sut = makeAsleep();
@@ -66,6 +67,7 @@ TEST_F(PeriodicCallerManagerRemovalTest, RemoveOfAnUnknownItemWarnsAndLeavesTheO
     EXPECT_EQ(nextPcmDueTime(*sut), afterBoot(sixYears));
 }
 
+// kept: an item is destroyed on the scheduler thread, never beside its function
 TEST_F(PeriodicCallerManagerRemovalTest, RemovedItemIsKeptUntilTheNextWakeUp)
 {
     HeldCall blocker;

@@ -139,6 +139,7 @@ TEST_F(PeriodicCallerTest, DestructionOfACallerNeverStartedLogsItsStop)
     EXPECT_THAT(log.lines(), ElementsAre(debugLine("+destructor"), debugLine("+stop()"), debugLine("-stop()")));
 }
 
+// kept: quotes without a name in them; what reads the log looks for them
 TEST_F(PeriodicCallerTest, AnEmptyNameKeepsItsQuotes)
 {
     PeriodicCaller sut(1h, "", doNothing);

@@ -29,7 +29,7 @@ TEST_F(RealTimeClockExactTest, DeviceWhoseClockDoesNotAnswerStaysOpen)
     EXPECT_EQ(closeDouble.count(), 0U);
 }
 
-// kept: one descriptor is lost for each device, and with it the clock; the hardened build closes it
+// kept: as above, and so the clock is not asked again; the hardened build asks it each time
 TEST_F(RealTimeClockExactTest, FirstFailureKeepsTheDeviceFromEveryLaterOpening)
 {
     letClockDeviceFail();

@@ -202,7 +202,7 @@ TEST_F(RealTimeClockTest, ReadingThatCannotBeConvertedIsNotValid)
                                                     " sec faster than /dev/rtc0.")));
 }
 
-// kept: the log shows what an int holds of the distance
+// kept: the text has an int for the distance, and stays as it is
 TEST_F(RealTimeClockTest, DistanceIsJudgedBeforeItIsCutToAnInt)
 {
     if constexpr (sizeof(time_t) < sizeof(std::int64_t))

@@ -20,7 +20,7 @@ using namespace TestSupport;
 
 using SystemTimeHandlerExactTest = SystemTimeHandlerFixture;
 
-// kept: one descriptor is lost; the hardened build closes it
+// kept: a service has one handler, and loses one descriptor; the hardened build closes it
 TEST_F(SystemTimeHandlerExactTest, TimerThatCannotBeArmedStaysOpen)
 {
     timerfdSettimeDouble.failCall(1, -1, EINVAL);
@@ -72,7 +72,7 @@ TEST_F(SystemTimeHandlerExactTest, PollAfterTheTrustStillFindsTheTimerThatWasLef
     EXPECT_EQ(manager->destroyed, 1);
 }
 
-// kept: one descriptor is lost for each handler; the hardened build closes it
+// kept: a service has one handler, which lives as long; the hardened build closes the timer
 TEST_F(SystemTimeHandlerExactTest, DestructorLeavesTheTimerOpen)
 {
     auto handler = std::make_unique<OpenHandler>(manager);
@@ -95,7 +95,7 @@ TEST_F(SystemTimeHandlerExactTest, SecondInitializationLeavesTheFirstTimerOpen)
     EXPECT_THAT(events, IsEmpty());
 }
 
-// kept: 0 is the number of the timer until there is one; the hardened build knows that it is none
+// kept: such a poll comes from a derived class alone; the hardened build knows that there is no timer yet
 TEST_F(SystemTimeHandlerExactTest, PollBeforeInitializeReadsAndClosesStandardInput)
 {
     expectError("Error accessing clock set timer: Stop polling. errno 5 (Input/output error).");
