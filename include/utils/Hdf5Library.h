@@ -32,8 +32,8 @@ private:
 /// Opens HDF5 at its first use, keeps it open to the end of the process, and has the one lock for all HDF5 work.
 ///
 ///     auto const lock = Hdf5Library::instance().lock();
-///     H5::H5File file(path, H5F_ACC_RDONLY);
-///     ...
+///     H5::H5File const file(path, H5F_ACC_RDONLY);
+///     H5::DataSet const samples = file.openDataSet("samples");
 ///
 /// HDF5's calls are not wrapped: each piece of work takes the lock itself. That includes the destructors of HDF5
 /// objects, so declare these after the lock. A thread-safe HDF5, such as Debian's, needs the lock as well: it protects

@@ -19,7 +19,7 @@ namespace Halden::Tavro::Utils
 ///     auto const address = IpAddress::fromString("192.0.2.1");
 ///     if (!address.isLoopback())
 ///     {
-///         announce(address.string());
+///         use(address.string());
 ///     }
 ///
 /// The port, flow information and scope id of the source are kept, but no comparison and no text shows them: fe80::1 on

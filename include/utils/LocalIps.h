@@ -47,6 +47,10 @@ namespace Halden::Tavro::Utils
 /// A derived class names Log::Logger among its own bases, and constructs it:
 ///
 ///     class Monitor : private virtual Log::Logger, public LocalIps
+///     {
+///     public:
+///         Monitor() : Log::Logger("Monitor", "", nullptr), LocalIps(announce, withdraw, {}) {}
+///     };
 ///
 /// Its own members do not exist yet during the first calls of the callbacks, and no longer during the last.
 ///

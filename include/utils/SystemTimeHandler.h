@@ -46,8 +46,10 @@ public:
 ///
 ///     SystemTimeHandler systemTime(manager);
 ///     systemTime.initialize();
-///     ...
-///     if (systemTime.hasAbsoluteTime())
+///     if (systemTime.hasAbsoluteTime()) // and again later
+///     {
+///         sendTimeStamps();
+///     }
 ///
 /// | Reason to believe it          | How it shows                                                   |
 /// |-------------------------------|----------------------------------------------------------------|

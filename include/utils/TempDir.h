@@ -12,7 +12,7 @@ namespace Halden::Tavro::Utils
 /// A new directory, which is removed with all its contents when the object ends, see mkdtemp(3).
 ///
 ///     TempDir const work("export-", "/tmp"); // like /tmp/export-Ab12Cd, for the owner only
-///     std::ofstream(work.path() + "/data.csv") << ...
+///     std::ofstream(work.path() + "/data.csv") << "time;value\n";
 ///
 /// Threads: any, but the object must outlive every use of its path.
 ///

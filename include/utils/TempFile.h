@@ -12,7 +12,7 @@ namespace Halden::Tavro::Utils
 /// A new file, open, which is closed and removed when the object ends, see mkstemps(3).
 ///
 ///     TempFile const file("data-", ".h5", "/tmp"); // like /tmp/data-Ab12Cd.h5, for the owner only
-///     write(file.fileDescriptor(), ...);
+///     write(file.fileDescriptor(), data.data(), data.size());
 ///
 /// Threads: any, but the object must outlive every use of its path and descriptor.
 ///

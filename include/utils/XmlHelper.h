@@ -66,10 +66,14 @@ public:
     /// An expression that yields a number, a text or a boolean throws a pointer, which handlers for std::exception do
     /// not catch. Where you do not write the expressions yourself, add a handler:
     ///
+    ///     try
+    ///     {
+    ///         use(xml.nodesText(documentPath, expression));
+    ///     }
     ///     catch (std::runtime_error* error)
     ///     {
     ///         std::unique_ptr<std::runtime_error> const owner(error);
-    ///         ...
+    ///         report(owner->what());
     ///     }
     ///
     /// A node without any content, such as a processing instruction without data, has an empty text. The exact build
