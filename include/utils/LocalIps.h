@@ -62,11 +62,10 @@ namespace Halden::Tavro::Utils
 ///   hardened build takes IFA_ADDRESS instead, and logs once what it cannot handle.
 /// - An event whose callback throws is handled again: it finds the list changed already, and says so in the log. A
 ///   callback that throws anything but a std::exception ends the process, and so does any exception out of onNewAddress
-///   during construction. The hardened build goes on to the next event, and passes an exception during construction to
-///   the caller.
+///   during construction. The hardened build goes on to the next event, then reads the addresses again and reports what
+///   differs; it passes an exception during construction to the caller.
 /// - When the kernel loses events, recv fails with ENOBUFS: onReceiveError is called, and the list stays wrong. Replace
-///   the object by a new one, on a thread of your own. The hardened build reads the addresses again and reports what
-///   differs.
+///   the object by a new one, on a thread of your own. The hardened build reads the addresses again as well.
 /// - The destructor closes the socket before it waits for the receiver thread. A socket that another thread opens at
 ///   that moment may get the same number, and loses what one recv(2) takes from it: open none meanwhile. As a rule the
 ///   receiver thread logs at Error that recv failed with EBADF, which means nothing. The hardened build waits first.

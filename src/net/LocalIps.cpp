@@ -187,8 +187,8 @@ struct [[gnu::visibility("hidden")]] LocalIps::Receiver
     enum class List
     {
         Complete,
-        EventsLost, // by the kernel; those that are queued are handled, then the list is read again
-        Unreadable  // so far; tried again whenever no event has come for a while
+        EventsLost, // those that are queued are handled, then the list is read again
+        Unreadable  // so far, or only in part; tried again whenever no event has come for a while
     };
 
     LocalIps const* monitor{nullptr};
@@ -201,6 +201,8 @@ struct [[gnu::visibility("hidden")]] LocalIps::Receiver
     static void end(LocalIps & monitor);
     static Log::Logger const& loggerOf(LocalIps const& monitor);
     static void catchUp(LocalIps & monitor);
+    template <typename Step>
+    static void attempt(Step const& step, Log::Logger const& logger);
     static void reportDifferences(LocalIps & monitor, std::vector<IpAddress> const& present);
 };
 
@@ -242,23 +244,30 @@ Log::Logger const& LocalIps::Receiver::loggerOf(LocalIps const& monitor)
 /// Call it when no event is queued: an older one that is handled afterwards would undo what has been reported here.
 void LocalIps::Receiver::catchUp(LocalIps& monitor)
 {
-    std::vector<IpAddress> present;
-    bool const read = succeeds([&] { present = addressesOfInterfaces(loggerOf(monitor)); }, loggerOf(monitor));
-    ofThisThread.list = read ? List::Complete : List::Unreadable;
-    if (read)
+    auto const& logger = loggerOf(monitor);
+    ofThisThread.list = List::Complete;
+    attempt([&] { reportDifferences(monitor, addressesOfInterfaces(logger)); }, logger);
+}
+
+/// Where the step fails, perhaps for want of memory, the list is to be read once more.
+template <typename Step>
+void LocalIps::Receiver::attempt(Step const& step, Log::Logger const& logger)
+{
+    if (!succeeds(step, logger))
     {
-        reportDifferences(monitor, present);
+        ofThisThread.list = List::Unreadable;
     }
 }
 
 void LocalIps::Receiver::reportDifferences(LocalIps& monitor, std::vector<IpAddress> const& present)
 {
+    auto const& logger = loggerOf(monitor);
     std::vector<IpAddress> known = monitor.addresses();
     for (auto const& ip : known)
     {
         if (!monitor.stopRequested && !contains(present, ip))
         {
-            succeeds([&] { monitor.handleLostAddress(ip); }, loggerOf(monitor));
+            attempt([&] { monitor.handleLostAddress(ip); }, logger);
         }
     }
     for (auto const& ip : present)
@@ -266,7 +275,7 @@ void LocalIps::Receiver::reportDifferences(LocalIps& monitor, std::vector<IpAddr
         if (!monitor.stopRequested && !contains(known, ip))
         {
             known.push_back(ip); // which several interfaces may carry
-            succeeds([&] { monitor.handleNewAddress(ip); }, loggerOf(monitor));
+            attempt([&] { monitor.handleNewAddress(ip); }, logger);
         }
     }
 }
@@ -438,7 +447,11 @@ void LocalIps::processAllNetlinkMessages(nlmsghdr const* buffer, int length)
                 handleLostAddress(nlToIpAddress(message));
             }
         };
-        [[maybe_unused]] bool const isHandled = succeeds(handle, Receiver::loggerOf(*this));
+        bool const isHandled = succeeds(handle, Receiver::loggerOf(*this));
+        if (hardened && !isHandled)
+        {
+            Receiver::ofThisThread.list = Receiver::List::EventsLost;
+        }
         if (hardened || isHandled) // kept: [same-event-again] else the same one again
         {
             at += NLMSG_ALIGN(static_cast<std::int64_t>(header.nlmsg_len));

@@ -141,6 +141,10 @@ void FakeNetlink::fail(std::string const& function, int error)
 void FakeNetlink::setAddresses(std::vector<std::string> const& addresses)
 {
     std::lock_guard const lock(mutex);
+    if (inUse == 0)
+    {
+        lists.clear();
+    }
     List& list = lists.emplace_back();
     for (auto const& address : addresses)
     {

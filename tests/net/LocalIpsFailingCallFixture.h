@@ -8,10 +8,47 @@
 
 #include <gmock/gmock.h>
 
+#include <cstddef>
+#include <functional>
 #include <string>
+#include <utility>
 
 namespace Halden::Tavro::TestSupport
 {
+
+/// Lets allocations of a receiver thread fail, from one error of its socket to the next.
+class ReceiverMemory
+{
+public:
+    /// The monitor's onReceiveError.
+    std::function<void()> onError()
+    {
+        return [this]
+        {
+            hasFailed = isArmed && allocationHasFailed();
+            isArmed = !isArmed && failing > 0;
+            if (isArmed)
+            {
+                failNextAllocation(AllocationFailure::BadAlloc, failing - 1);
+            }
+        };
+    }
+
+    FailingCalls calls()
+    {
+        return {"new", [this](std::size_t n) { failing = n; },
+                [this]
+                {
+                    failing = 0;
+                    return std::exchange(hasFailed, false);
+                }};
+    }
+
+private:
+    std::size_t failing{0}; // which one; 0 for none
+    bool isArmed{false};
+    bool hasFailed{false};
+};
 
 /// Monitors whose kernel the test plays, with calls that fail.
 class LocalIpsFailingCallFixture : public testing::Test

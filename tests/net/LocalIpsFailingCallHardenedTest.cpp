@@ -57,6 +57,40 @@ TEST_F(LocalIpsFailingCallHardenedTest, ListThatCouldNotBeReadAfterLostEventsIsR
         IsEmpty());
 }
 
+TEST_F(LocalIpsFailingCallHardenedTest, AddressWhoseEventFoundNoMemoryIsReadFromTheList)
+{
+    ReceiverMemory memory;
+    auto const gain = [&]
+    {
+        kernel.setAddresses({"10.0.0.1"});
+        LocalIps sut({}, {}, memory.onError());
+        kernel.setAddresses({"10.0.0.1", "2001:db8:1:2:3:4:5:6"});
+        give(1, EIO);
+        kernel.send(added("2001:db8:1:2:3:4:5:6"));
+        give(1, EIO);
+        EXPECT_THAT(addressesOf(sut), UnorderedElementsAre("10.0.0.1", "2001:db8:1:2:3:4:5:6"));
+    };
+
+    EXPECT_THAT(leftByFailingCalls({memory.calls()}, gain, [this] { return left(); }), IsEmpty());
+}
+
+TEST_F(LocalIpsFailingCallHardenedTest, ListThatFoundNoMemoryAfterLostEventsIsReadLater)
+{
+    ReceiverMemory memory;
+    auto const loseEvents = [&]
+    {
+        kernel.setAddresses({"10.0.0.1", "fe80::1"});
+        LocalIps sut({}, {}, memory.onError());
+        kernel.setAddresses({"10.0.0.2", "2001:db8:1:2:3:4:5:6"});
+        give(1, ENOBUFS);
+        give(1, EIO);
+        give(0, 0);
+        EXPECT_THAT(addressesOf(sut), UnorderedElementsAre("10.0.0.2", "2001:db8:1:2:3:4:5:6"));
+    };
+
+    EXPECT_THAT(leftByFailingCalls({memory.calls()}, loseEvents, [this] { return left(); }), IsEmpty());
+}
+
 }
 
 }

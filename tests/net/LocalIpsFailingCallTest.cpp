@@ -3,10 +3,8 @@
 #include "net/LocalIpsFailingCallFixture.h"
 
 #include <cerrno>
-#include <cstddef>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -68,30 +66,13 @@ TEST_F(LocalIpsFailingCallTest, EventIsReceivedAfterACallOfTheReceiverHasFailed)
     EXPECT_EQ(errors, 4); // one for each failure
 }
 
-// The exact build handles the event again, the hardened build goes on to the next one.
+// The exact build handles the event again, the hardened build reads the list again.
 TEST_F(LocalIpsFailingCallTest, ReceiverThatFindsNoMemoryLeavesNothing)
 {
-    std::size_t failing = 0; // of the allocations between two errors; 0 for none
-    bool isArmed = false;
-    bool hasFailed = false;
-    auto const onError = [&] // on the receiver thread, whose allocations are to fail
-    {
-        hasFailed = isArmed && allocationHasFailed();
-        isArmed = !isArmed && failing > 0;
-        if (isArmed)
-        {
-            failNextAllocation(AllocationFailure::BadAlloc, failing - 1);
-        }
-    };
-    FailingCalls const receiversAllocations{"new", [&](std::size_t n) { failing = n; },
-                                            [&]
-                                            {
-                                                failing = 0;
-                                                return std::exchange(hasFailed, false);
-                                            }};
+    ReceiverMemory memory;
     auto const receive = [&]
     {
-        LocalIps sut({}, {}, onError);
+        LocalIps sut({}, {}, memory.onError());
         give(1, EIO);
         kernel.send(added("2001:db8:1:2:3:4:5:6"));
         give(1, EIO);
@@ -101,7 +82,7 @@ TEST_F(LocalIpsFailingCallTest, ReceiverThatFindsNoMemoryLeavesNothing)
         }
     };
 
-    EXPECT_THAT(leftByFailingCalls({receiversAllocations}, receive, [this] { return socketLeft(); }), IsEmpty());
+    EXPECT_THAT(leftByFailingCalls({memory.calls()}, receive, [this] { return socketLeft(); }), IsEmpty());
 }
 
 }

@@ -102,6 +102,7 @@ TEST_F(LocalIpsHardenedTest, ExceptionOfAnAddressCallbackIsLoggedOnceAndTheNextE
     expect(Severity::Error, ignored);
     auto const refuse = [](IpAddress const& /*ip*/) { throw std::logic_error("no use"); };
     LocalIps sut(refuse, refuse, {});
+    kernel.setAddresses({"10.0.0.2"});
 
     kernel.send(added("10.0.0.1") + added("10.0.0.2") + deleted("10.0.0.1"));
 
@@ -120,6 +121,7 @@ TEST_F(LocalIpsHardenedTest, WhateverAnAddressCallbackThrowsIsLoggedAndTheNextEv
 {
     expect(Severity::Error, "processAllNetlinkMessages: ignoring exception unknown exception");
     LocalIps sut([](auto const& /*ip*/) { throw 5; }, {}, {});
+    kernel.setAddresses({"10.0.0.1", "10.0.0.2"});
 
     kernel.send(added("10.0.0.1") + added("10.0.0.2"));
 
