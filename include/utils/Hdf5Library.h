@@ -50,6 +50,8 @@ private:
 /// - At exit the destructor closes HDF5, and with it all open files, without taking the lock. Threads with HDF5 work
 ///   must have ended by then. An object with static lifetime may use HDF5 in its destructor only if it was constructed
 ///   after the first instance() returned.
+/// - A forked child closes HDF5 as well when it ends by exit(3), and so writes into its parent's files: end it by
+///   _exit(2).
 /// - HDF5's C++ library opens and closes HDF5 by itself as well, before main and last of all. That does no harm, but
 ///   the program starts some milliseconds later.
 class HALDEN_CPPUTILS_EXPORT Hdf5Library : protected virtual Log::Logger

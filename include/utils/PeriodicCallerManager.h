@@ -112,6 +112,7 @@ private:
 /// Limits:
 /// - Two functions of a pool that destroy each other's tokens wait for each other for ever.
 /// - A function that is removed during a pass stays in memory, with all that it holds, until the scheduler next wakes.
+/// - A forked child has no scheduler thread: nothing is called there, and the destructor hangs or crashes.
 /// - In the hardened build, one of the manager's functions may drop the last reference to it. The scheduler thread then
 ///   ends by itself after the pass, and nobody waits for it.
 ///
