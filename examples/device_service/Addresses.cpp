@@ -3,7 +3,8 @@
 namespace DeviceService
 {
 
-// Changes that get lost on their way are found out and reported like others, so there is nothing to do about an error.
+// The hardened build finds out about changes that get lost on their way, and reports them like others, so there is
+// nothing to do about an error; with the exact build the list may stay wrong.
 Addresses::Addresses()
     : monitor([this](auto const& ip) { change("+" + ip.string()); },
               [this](auto const& ip) { change("-" + ip.string()); }, {})

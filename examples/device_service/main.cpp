@@ -62,7 +62,8 @@ public:
         }
     }
 
-    /// From here on no job runs.
+    /// From here on no job runs. A service that may meet the exact build ends by std::_Exit instead, as a token must
+    /// not be destroyed there while the scheduler runs.
     void stop()
     {
         tokens.clear();

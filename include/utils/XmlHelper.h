@@ -38,7 +38,8 @@ namespace Halden::Tavro::Utils
 ///   more for larger schemas and documents. Validate what comes once, or validate in a child process.
 /// - A validation message of 5000 characters or more ends the process; the hardened build cuts it to 4999. As messages
 ///   quote the document, one with long names or values is safe to validate only in a child process.
-/// - An expression that yields no nodes, and a node without any content, leave their objects allocated.
+/// - An expression that yields a number, a text or a boolean, and a node without any content, leave their objects
+///   allocated.
 class HALDEN_CPPUTILS_EXPORT XmlHelper
 {
 public:
