@@ -1,19 +1,23 @@
 # Compiles the examples in the comments of the public headers, and sees that one which does not compile is named.
 #
-# DIRECTORIES, INCLUDES  of the headers, and of what they are used with
-# COMPILER               compiles them
-# BUILD_DIR              emptied first
+# DIRECTORIES         the headers
+# SYSTEM_DIRECTORIES  what the examples use besides
+# COMPILER            compiles them
+# BUILD_DIR           emptied first
 
 include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
 
 file(REMOVE_RECURSE ${BUILD_DIR})
 file(MAKE_DIRECTORY ${BUILD_DIR})
 set(compile ${COMPILER} -std=c++17 -fsyntax-only -Werror)
-foreach(directory IN LISTS DIRECTORIES INCLUDES)
+foreach(directory IN LISTS DIRECTORIES)
     list(APPEND compile -I${directory})
+    list(APPEND patterns ${directory}/*.h)
 endforeach()
-list(TRANSFORM DIRECTORIES APPEND /*.h)
-file(GLOB_RECURSE headers ${DIRECTORIES})
+foreach(directory IN LISTS SYSTEM_DIRECTORIES)
+    list(APPEND compile -isystem ${directory})
+endforeach()
+file(GLOB_RECURSE headers ${patterns})
 
 run(${CMAKE_CURRENT_LIST_DIR}/header-examples ${headers})
 string(REGEX MATCHALL "void example[0-9]+" examples "${output}")
