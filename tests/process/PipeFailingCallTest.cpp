@@ -29,7 +29,7 @@ TEST_F(PipeFailingCallTest, ConstructionThatFailsLeavesNothing)
 
 TEST_F(PipeFailingCallTest, UseThatFailsLeavesThePipeToItsOwner)
 {
-    int const standardInput = dup2Double.passOn(STDIN_FILENO, 100);
+    int const standardInput = dup(STDIN_FILENO);
 
     EXPECT_THAT(leftByFailingCalls({callsOf("dup2", dup2Double, -1, EBADF)},
                                    []

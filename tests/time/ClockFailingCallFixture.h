@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <memory>
@@ -22,12 +23,20 @@ protected:
     ClockFailingCallFixture()
     {
         useRealTimers();
-        timerfdCreateDouble.replace([](int clock, int flags)
-                                    { return timerUnderTest = timerfdCreateDouble.passOn(clock, flags); });
+        timerfdCreateDouble.replace([this](int clock, int flags) { return createTimer(clock, flags); });
         readDouble.replace(nullptr);
         closeDouble.replace([this](int descriptor)
                             { return descriptor == rtc ? closeDevice() : closeTimer(descriptor); });
-        events.reserve(64);
+        events.reserve(64); // for an allocation afterwards would count
+        timers.reserve(64);
+    }
+
+    ~ClockFailingCallFixture() override
+    {
+        for (int const timer : timers)
+        {
+            closeDouble.passOn(timer);
+        }
     }
 
     /// For devRtcValid() alone.
@@ -88,14 +97,23 @@ protected:
         return 0;
     }
 
-    static int closeTimer(int descriptor)
+    int createTimer(int clock, int flags)
+    {
+        timerUnderTest = timerfdCreateDouble.passOn(clock, flags);
+        timers.push_back(timerUnderTest);
+        return timerUnderTest;
+    }
+
+    int closeTimer(int descriptor)
     {
         timerUnderTest = -1;
+        timers.erase(std::remove(timers.begin(), timers.end(), descriptor), timers.end());
         return closeDouble.passOn(descriptor);
     }
 
     std::unique_ptr<OpenHandler> handler;
     std::size_t ioctlsBefore{0};
+    std::vector<int> timers; // those that are open
 };
 
 }
