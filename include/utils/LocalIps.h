@@ -49,7 +49,11 @@ namespace Halden::Tavro::Utils
 ///     class Monitor : private virtual Log::Logger, public LocalIps
 ///     {
 ///     public:
-///         Monitor() : Log::Logger("Monitor", "", nullptr), LocalIps(announce, withdraw, {}) {}
+///         Monitor()
+///             : Log::Logger("Monitor", "", std::make_shared<Log::LoggerImpl>())
+///             , LocalIps(announce, withdraw, {})
+///         {
+///         }
 ///     };
 ///
 /// Its own members do not exist yet during the first calls of the callbacks, and no longer during the last.
