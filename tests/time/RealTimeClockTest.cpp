@@ -12,8 +12,22 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <string>
+#include <vector>
+
+namespace Halden::Tavro::TestSupport
+{
+
+namespace
+{
+
+CallDouble<std::chrono::system_clock::time_point()> systemClockDouble{"_ZNSt6chrono3_V212system_clock3nowEv"};
+
+}
+
+}
 
 namespace Halden::Tavro::Utils
 {
@@ -30,6 +44,16 @@ using namespace std::chrono_literals;
 class RealTimeClockTest : public ClockFixture
 {
 protected:
+    RealTimeClockTest() { systemClockDouble.reset(); }
+    ~RealTimeClockTest() override { systemClockDouble.reset(); }
+
+    static void setSystemClock(std::chrono::nanoseconds sinceEpoch)
+    {
+        using Clock = std::chrono::system_clock;
+        systemClockDouble.replace(
+            [sinceEpoch] { return Clock::time_point(std::chrono::duration_cast<Clock::duration>(sinceEpoch)); });
+    }
+
     /// The verdict on a device while the system clock stays within one second.
     bool verdictWithinOneSecond()
     {
@@ -63,6 +87,18 @@ TEST_F(RealTimeClockTest, DeviceBelowAFileCountsAsAbsent)
     EXPECT_FALSE(devRtcValid("/etc/passwd/clock"));
 
     EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "No RTC available in /etc/passwd/clock.")));
+}
+
+TEST_F(RealTimeClockTest, WhatIsThereIsAskedWhateverItsKind)
+{
+    statDouble.replace(
+        [](char const*, FileStatus* result)
+        {
+            result->st_mode = S_IFREG;
+            return 0;
+        });
+
+    EXPECT_TRUE(devRtcValid("/dev/rtc0"));
 }
 
 TEST_F(RealTimeClockTest, StatusThatCannotBeToldThrows)
@@ -147,6 +183,52 @@ TEST_F(RealTimeClockTest, ThirtySecondsOffIsNotValid)
     EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 30 sec faster than /dev/rtc0.")));
 }
 
+TEST_F(RealTimeClockTest, PartOfASecondDoesNotCount)
+{
+    devices = {"/dev/rtc0"};
+    mktimeDouble.replace([](std::tm*) { return time_t{1029}; });
+    setSystemClock(1000s + 999ms);
+
+    EXPECT_TRUE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 29 sec slower than /dev/rtc0.")));
+}
+
+// kept: seconds are cut towards 1970, as everywhere in this library
+TEST_F(RealTimeClockTest, PartOfASecondBefore1970DoesNotCountEither)
+{
+    devices = {"/dev/rtc0"};
+    mktimeDouble.replace([](std::tm*) { return time_t{29}; });
+    setSystemClock(-999ms);
+
+    EXPECT_TRUE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Debug, "", "System time is 29 sec slower than /dev/rtc0.")));
+}
+
+TEST_F(RealTimeClockTest, SystemClockIsReadOnceTheDeviceIsClosed)
+{
+    devices = {"/dev/rtc0"};
+    ioctlDouble.replace([](int, unsigned long, void*) { return 0; });
+    systemClockDouble.replace(
+        [this]
+        {
+            events.emplace_back("system clock");
+            return systemClockDouble.passOn();
+        });
+    std::vector<std::string> before;
+    mktimeDouble.replace(
+        [&](std::tm*)
+        {
+            before = events;
+            return time_t{0};
+        });
+
+    EXPECT_FALSE(devRtcValid("/dev/rtc0"));
+
+    EXPECT_THAT(before, ElementsAre("close 4712", "system clock"));
+}
+
 // kept: devices set their clock chip to local time
 TEST_F(RealTimeClockTest, DeviceReadingCountsAsLocalTime)
 {
@@ -219,4 +301,10 @@ TEST_F(RealTimeClockTest, DistanceIsJudgedBeforeItIsCutToAnInt)
 
 }
 
+}
+
+// Stands in for the standard library's, in the program as in the shared libraries it uses.
+std::chrono::system_clock::time_point std::chrono::system_clock::now() noexcept // NOLINT(cert-dcl58-cpp): the double
+{
+    return Halden::Tavro::TestSupport::systemClockDouble();
 }

@@ -95,6 +95,19 @@ TEST_F(SystemTimeHandlerExactTest, SecondInitializationLeavesTheFirstTimerOpen)
     EXPECT_THAT(events, IsEmpty());
 }
 
+// kept: initialize() is to be called once; the hardened build ends the first polling before it makes the second timer
+TEST_F(SystemTimeHandlerExactTest, FirstTokenLivesUntilTheSecondIsThere)
+{
+    sut.initialize();
+    int destroyedBefore = -1;
+    manager->duringAdd = [&] { destroyedBefore = manager->destroyed; };
+
+    sut.initialize();
+
+    EXPECT_EQ(destroyedBefore, 0);
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
 // kept: such a poll comes from a derived class alone; the hardened build knows that there is no timer yet
 TEST_F(SystemTimeHandlerExactTest, PollBeforeInitializeReadsAndClosesStandardInput)
 {

@@ -64,6 +64,19 @@ TEST_F(SystemTimeHandlerPollTest, UnexpectedExpiryIsLoggedWithAllTenBytesAndPoll
     EXPECT_EQ(log.linesOf("SystemTime").back(), (LogLine{Severity::Error, "SystemTime", text}));
 }
 
+TEST_F(SystemTimeHandlerPollTest, UnexpectedExpiryDoesNotKeepThePollingOfABelievedClockUp)
+{
+    readDouble.replace([](int, void*, size_t) { return ssize_t{8}; });
+    expectError("Reading timer file descriptor succeeded unexpectedly: ");
+    sut.initialize();
+    kernelStatus = 0;
+
+    manager->function();
+
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+    EXPECT_EQ(manager->destroyed, 1);
+}
+
 // kept: whatever has not failed has succeeded, and the line shows a buffer of ten zeros
 TEST_F(SystemTimeHandlerPollTest, TimerThatGivesNothingCountsAsExpired)
 {
@@ -173,12 +186,28 @@ TEST_F(SystemTimeHandlerPollTest, LaterSynchronisationEndsThePolling)
 {
     sut.initialize();
     kernelStatus = 0;
+    devices = {"/dev/rtc0"};
 
     manager->function();
 
     EXPECT_TRUE(sut.hasAbsoluteTime());
     EXPECT_EQ(manager->destroyed, 1);
     EXPECT_EQ(readDouble.count(), 1U);
+    EXPECT_EQ(openDouble.count(), 0U); // no clock device need be asked
+}
+
+// kept: such a poll comes from a derived class alone, which sees what is so now
+TEST_F(SystemTimeHandlerPollTest, EveryPollAnswersAnew)
+{
+    sut.startSetClockDetection();
+    kernelStatus = 0;
+    sut.pollTimeStatus();
+    EXPECT_TRUE(sut.hasAbsoluteTime());
+
+    kernelStatus = STA_UNSYNC;
+    sut.pollTimeStatus();
+
+    EXPECT_FALSE(sut.hasAbsoluteTime());
 }
 
 // kept: such a poll comes from a derived class alone, which sees the error line

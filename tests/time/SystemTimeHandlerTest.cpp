@@ -74,6 +74,18 @@ TEST_F(SystemTimeHandlerTest, FailedQueryOfTheKernelCountsAsNotSynchronised)
     EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Error, "SystemTime", text)));
 }
 
+TEST_F(SystemTimeHandlerTest, EveryNegativeAnswerOfTheKernelIsAFailure)
+{
+    kernelStatus = 0;
+    adjtimexDouble.failCall(1, -2, EPERM);
+    std::string const text = "Unable to determine if system clock is in sync. errno 1 (Operation not permitted).";
+    expectError(text);
+
+    EXPECT_FALSE(sut.syncedByService());
+
+    EXPECT_THAT(log.lines(), ElementsAre(isLine(Severity::Error, "SystemTime", text)));
+}
+
 TEST_F(SystemTimeHandlerTest, FiveDevicesAreTriedInOrder)
 {
     EXPECT_FALSE(sut.rtcValid());
