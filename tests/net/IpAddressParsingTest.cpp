@@ -121,6 +121,15 @@ TEST_F(IpAddressParsingTest, FailureOfTheResolverIsLoggedWithItsCodeAndThrown)
     EXPECT_EQ(freeaddrinfoDouble.count(), 0U);
 }
 
+TEST_F(IpAddressParsingTest, EveryCodeButZeroIsAFailureOfTheResolver)
+{
+    getaddrinfoDouble.failCall(1, 1, 0);
+
+    expectRefusal([] { IpAddress::fromString("192.0.2.1"); },
+                  "IpAddress::fromString(192.0.2.1): getaddrinfo failed with 1 (Unknown error)",
+                  "Failed to parse the IP address.");
+}
+
 TEST_F(IpAddressParsingTest, FirstEntryOfEitherFamilyIsTaken)
 {
     auto const unixSource = sockaddr_un{AF_UNIX, {}};

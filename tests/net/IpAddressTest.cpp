@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -54,10 +55,13 @@ TEST_F(IpAddressTest, ConstructorReadsExactlyTheSocketAddressAndFillsUpWithZeros
         std::vector<unsigned char> bytes(example.size, 0xA5);
         std::memcpy(bytes.data(), &example.family, sizeof(example.family));
         Fenced const source(bytes.data(), bytes.size());
+        alignas(IpAddress) std::array<unsigned char, sizeof(IpAddress)> place{};
+        place.fill(0xFF); // or zeros that happen to be there would do
 
-        IpAddress const sut(source.as<sockaddr>());
+        auto* const sut = new (place.data()) IpAddress(source.as<sockaddr>());
 
-        auto const stored = bytesOf(sut.sockaddr(), sizeof(sockaddr_storage));
+        auto const stored = bytesOf(sut->sockaddr(), sizeof(sockaddr_storage));
+        sut->~IpAddress();
         auto const end = stored.begin() + static_cast<std::ptrdiff_t>(example.size);
         EXPECT_EQ(std::vector<unsigned char>(stored.begin(), end), bytes);
         EXPECT_THAT(std::vector<unsigned char>(end, stored.end()), Each(0));

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -60,6 +61,15 @@ TEST_F(RouteTest, ConnectedSocketIsAskedForItsAddress)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(RouteTest, SocketIsOfTheFamilyOfItsEntry)
+{
+    entries[0].ai_family = AF_UNSPEC;
+
+    EXPECT_EQ(Ip::internalLocalIpForRemote("host"), "192.0.2.1");
+
+    EXPECT_THAT(socketDouble.calls(), ElementsAre(std::make_tuple(AF_UNSPEC, 11, 1)));
+}
+
 TEST_F(RouteTest, SocketMayHaveTheNumberZero)
 {
     setNextSocket(0);
@@ -96,6 +106,16 @@ TEST_F(RouteTest, FailureOfTheResolverThrowsItsText)
 
     EXPECT_THAT(takeCalls(), IsEmpty());
     EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(RouteTest, EveryCodeButZeroIsAFailureOfTheResolver)
+{
+    getaddrinfoDouble.failCall(1, 1, 0);
+
+    EXPECT_THAT([] { Ip::internalLocalIpForRemote("host"); },
+                ThrowsMessage<std::runtime_error>(StrEq("getaddrinfo failed with Unknown error")));
+
+    EXPECT_EQ(socketDouble.count(), 0U);
 }
 
 TEST_F(RouteTest, Ipv6AddressIsRefusedByTheResolver)

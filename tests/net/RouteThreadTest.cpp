@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -164,6 +165,11 @@ TEST_F(RouteThreadTest, TimeOutEndsOneWaitButNotTheCall)
         EXPECT_EQ(deadlines[0].seconds, static_cast<long>(1 + timeout));
         EXPECT_EQ(deadlines[0].nanoseconds, 0);
     }
+}
+
+TEST_F(RouteThreadTest, GreatestTimeOutIsAWaitLikeAnyOther)
+{
+    EXPECT_THAT(deadlinesOfSlowLookUp(std::numeric_limits<std::uint32_t>::max()), SizeIs(1));
 }
 
 TEST_F(RouteThreadTest, ZeroMeansNoTimedWait)
