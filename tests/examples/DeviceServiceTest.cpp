@@ -171,7 +171,9 @@ TEST_F(DeviceServiceTest, RecordsEachExecution)
     auto const result = runService({"--seconds", "1", "--record", recording});
 
     EXPECT_EQ(result.exitCode, 0) << result.output;
-    EXPECT_EQ(rowsIn(recording), runsIn(result.output)) << result.output;
+    auto const runs = runsIn(result.output);
+    EXPECT_THAT(runs, Not(IsEmpty())) << result.output;
+    EXPECT_EQ(rowsIn(recording), runs) << result.output;
 }
 
 TEST_F(DeviceServiceTest, KeepsTheFiguresOfItsTableInAFile)
@@ -181,8 +183,10 @@ TEST_F(DeviceServiceTest, KeepsTheFiguresOfItsTableInAFile)
     auto const result = runService({"--seconds", "1", "--metrics", file});
 
     EXPECT_EQ(result.exitCode, 0) << result.output;
+    auto const runs = runsIn(result.output);
+    EXPECT_THAT(runs, Not(IsEmpty())) << result.output;
     auto const figures = contentOf(file);
-    for (auto const& [name, count] : runsIn(result.output))
+    for (auto const& [name, count] : runs)
     {
         EXPECT_THAT(figures, HasSubstr("\ndevice_service_function_runs_total{function=\"" + name + "\"} " +
                                        std::to_string(count) + "\n"));

@@ -186,9 +186,14 @@ TEST_F(TempDirTest, WholeTreeIsRemovedAndNothingElse)
 
 TEST_F(TempDirTest, DirectoryThatIsGoneAlreadyIsFine)
 {
-    TempDir const sut("data-", parent);
+    {
+        TempDir const sut("data-", parent);
+        log.clear();
 
-    std::filesystem::remove(sut.path());
+        std::filesystem::remove(sut.path());
+    }
+
+    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(TempDirTest, DirectoriesMadeAtOnceDoNotClash)

@@ -271,11 +271,13 @@ TEST_F(TempFileTest, FileThatIsRemovedAlreadyIsFine)
     auto const before = openDescriptors();
     {
         TempFile const sut("data-", "", directory);
+        log.clear();
 
         std::filesystem::remove(sut.path());
     }
 
     EXPECT_EQ(openDescriptors(), before);
+    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 /// The usual one leaves too few beside the runtime's own, so it is raised as far as the process may.

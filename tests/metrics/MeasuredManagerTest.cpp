@@ -1,6 +1,7 @@
 #include "metrics/CapturingManager.h"
 #include "metrics/Figures.h"
 #include "scheduling/HeldCall.h"
+#include "support/WaitFor.h"
 
 #include <utils/metrics/MeasuredManager.h>
 #include <utils/testing/LogCaptureGmock.h>
@@ -260,7 +261,7 @@ TEST_F(MeasuredManagerTest, ShowsAFunctionThatIsStuckToOtherThreads)
     EXPECT_GT(value("running_since_timestamp_seconds", "stuck"), 0);
     EXPECT_EQ(value("runs_total", "stuck"), 0);
     held.release();
-    advancing.wait();
+    ASSERT_TRUE(becomesReady(advancing));
 
     EXPECT_EQ(value("running_since_timestamp_seconds", "stuck"), 0);
     EXPECT_EQ(value("runs_total", "stuck"), 1);

@@ -6,6 +6,7 @@
 #include "process/Programs.h"
 #include "process/WaitingChild.h"
 #include "support/FailingNew.h"
+#include "support/WaitFor.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -36,6 +37,12 @@ namespace
 using namespace TestSupport;
 using namespace std::chrono_literals;
 using Log::Severity;
+using testing::AllOf;
+using testing::Each;
+using testing::FieldsAre;
+using testing::Ge;
+using testing::IsEmpty;
+using testing::Not;
 using testing::Optional;
 
 constexpr std::size_t mebibyte = 1024 * 1024;
@@ -127,10 +134,7 @@ TEST_F(ConversationHardenedTest, NothingIsClosedThatIsNotOpen)
 {
     run("/bin/cat", {}, "text");
 
-    for (auto const& [descriptor] : closeDouble.calls())
-    {
-        EXPECT_GE(descriptor, 0);
-    }
+    EXPECT_THAT(closeDouble.calls(), AllOf(Not(IsEmpty()), Each(FieldsAre(Ge(0)))));
 }
 
 TEST_F(ConversationHardenedTest, ProgramThatNeitherReadsNorEndsIsKilledInTime)
@@ -410,7 +414,7 @@ TEST_F(ConversationHardenedTest, CancelledThreadLeavesNoChildBehind)
         });
     std::istream const input(&buffer);
     std::thread caller([&input] { execute("/bin/sleep", {"60"}, {}, input, 1h); });
-    reading.get_future().wait();
+    EXPECT_TRUE(becomesReady(reading.get_future()));
 
     pthread_cancel(caller.native_handle());
     caller.join();

@@ -106,7 +106,7 @@ TEST_F(FirmwareVersionTavroOutputTest, ExitStatusCountsForNothing)
 
     EXPECT_EQ(sut.version(), "1.2.3");
     EXPECT_EQ(sut.compatibleId(), "board-x");
-    EXPECT_THAT(log.linesOf(loggerName), Each(Field(&LogLine::severity, Severity::Debug)));
+    EXPECT_THAT(log.linesOf(loggerName), AllOf(SizeIs(6), Each(Field(&LogLine::severity, Severity::Debug))));
 }
 
 TEST_F(FirmwareVersionTavroOutputTest, SilentCommandThrows)

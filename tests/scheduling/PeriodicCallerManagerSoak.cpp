@@ -4,6 +4,7 @@
 
 #include "scheduling/Strategies.h"
 #include "support/LogCapture.h"
+#include "support/WaitFor.h"
 
 #include <utils/PeriodicCallerManager.h>
 
@@ -102,13 +103,8 @@ TEST_P(PeriodicCallerManagerSoakHardenedTest, FourThreadsAddAndRemoveFlatOutBesi
         thread.join();
     }
     long const callsBefore = steadyCalls;
-    auto const patience = steady_clock::now() + limit;
-    while (steadyCalls < callsBefore + 1000 && steady_clock::now() < patience)
-    {
-        std::this_thread::sleep_for(1ms);
-    }
 
-    EXPECT_GE(steadyCalls, callsBefore + 1000) << "the scheduler has stalled";
+    EXPECT_TRUE(waitFor([&] { return steadyCalls >= callsBefore + 1000; }, limit)) << "the scheduler has stalled";
     EXPECT_EQ(callsAfterRemoval, 0);
     EXPECT_GT(changes, 100);
     RecordProperty("changes", std::to_string(changes));

@@ -243,7 +243,7 @@ TEST_F(LogCaptureTest, LoggerInsideTheSinkAtTheEndOfTheCaptureMayFinish)
             goOn.get_future().wait_for(20s);
         });
     auto const logging = std::async(std::launch::async, [] { log(Severity::Info, "late"); });
-    inside.get_future().wait();
+    EXPECT_EQ(inside.get_future().wait_for(20s), std::future_status::ready);
 
     sut.reset();
     goOn.set_value();

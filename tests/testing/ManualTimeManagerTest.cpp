@@ -301,7 +301,7 @@ TEST_F(ManualTimeManagerTest, TokenDestroyedByAnotherThreadWaitsForItsFunction)
     held.release();
 
     EXPECT_EQ(destroyed.wait_for(20s), std::future_status::ready);
-    advancing.wait();
+    ASSERT_EQ(advancing.wait_for(20s), std::future_status::ready);
     sut->advance(1s);
     EXPECT_EQ(held.count(), 1);
 }
