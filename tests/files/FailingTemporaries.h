@@ -1,6 +1,6 @@
 #pragma once
 
-#include "WorkingDirectory.h"
+#include "files/WorkingDirectory.h"
 #include "support/FailingCalls.h"
 
 #include <filesystem>

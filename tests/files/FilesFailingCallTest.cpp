@@ -4,7 +4,7 @@
 #include <utils/TempDir.h>
 #include <utils/TempFile.h>
 
-#include "FailingTemporaries.h"
+#include "files/FailingTemporaries.h"
 
 #include <gmock/gmock.h>
 

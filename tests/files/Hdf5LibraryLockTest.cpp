@@ -2,7 +2,7 @@
 
 #include <utils/Hdf5Library.h>
 
-#include "WorkingDirectory.h"
+#include "files/WorkingDirectory.h"
 
 #include <gmock/gmock.h>
 

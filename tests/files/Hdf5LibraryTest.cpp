@@ -2,7 +2,7 @@
 
 #include <utils/Hdf5Library.h>
 
-#include "WorkingDirectory.h"
+#include "files/WorkingDirectory.h"
 #include "support/CallDouble.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"

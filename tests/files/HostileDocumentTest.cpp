@@ -2,7 +2,7 @@
 
 #include <utils/XmlHelper.h>
 
-#include "DescriptionTest.h"
+#include "files/DescriptionTest.h"
 
 #include <gmock/gmock.h>
 

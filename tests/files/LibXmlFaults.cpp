@@ -1,4 +1,4 @@
-#include "LibXmlFaults.h"
+#include "files/LibXmlFaults.h"
 
 #include <libxml/parser.h>
 #include <libxml/xmlschemas.h>

@@ -1,4 +1,4 @@
-#include "LibXmlWatch.h"
+#include "files/LibXmlWatch.h"
 
 #include <libxml/catalog.h>
 #include <libxml/globals.h>

@@ -2,9 +2,9 @@
 
 #include <utils/TempDir.h>
 
-#include "FailingTemporaries.h"
-#include "UnlinkatDouble.h"
-#include "WorkingDirectory.h"
+#include "files/FailingTemporaries.h"
+#include "files/UnlinkatDouble.h"
+#include "files/WorkingDirectory.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 #include <utils/TempDir.h>
 
-#include "MadeAtOnce.h"
-#include "UnlinkatDouble.h"
-#include "WorkingDirectory.h"
+#include "files/MadeAtOnce.h"
+#include "files/UnlinkatDouble.h"
+#include "files/WorkingDirectory.h"
 #include "support/CallDouble.h"
 #include "support/LogCapture.h"
 

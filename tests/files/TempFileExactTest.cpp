@@ -2,8 +2,8 @@
 
 #include <utils/TempFile.h>
 
-#include "FailingTemporaries.h"
-#include "WorkingDirectory.h"
+#include "files/FailingTemporaries.h"
+#include "files/WorkingDirectory.h"
 #include "support/ChildProcess.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 #include <utils/TempFile.h>
 
-#include "MadeAtOnce.h"
-#include "WorkingDirectory.h"
+#include "files/MadeAtOnce.h"
+#include "files/WorkingDirectory.h"
 #include "support/CallDouble.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"

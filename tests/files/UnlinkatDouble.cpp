@@ -1,4 +1,4 @@
-#include "UnlinkatDouble.h"
+#include "files/UnlinkatDouble.h"
 
 namespace Halden::Tavro::TestSupport
 {

@@ -2,7 +2,7 @@
 
 #include "files/ValidationMessages.h"
 
-#include "ValidationMessagesFixture.h"
+#include "files/ValidationMessagesFixture.h"
 #include "support/CallDouble.h"
 #include "support/ChildProcess.h"
 

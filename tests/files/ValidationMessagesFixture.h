@@ -1,7 +1,7 @@
 #pragma once
 
-#include "LibXmlWatch.h"
-#include "TextFile.h"
+#include "files/LibXmlWatch.h"
+#include "files/TextFile.h"
 #include "support/LogCapture.h"
 
 #include <utils/XmlHelper.h>

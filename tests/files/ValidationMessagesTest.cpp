@@ -2,8 +2,8 @@
 
 #include "files/ValidationMessages.h"
 
-#include "LibXmlFaults.h"
-#include "ValidationMessagesFixture.h"
+#include "files/LibXmlFaults.h"
+#include "files/ValidationMessagesFixture.h"
 #include "support/ChildProcess.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
 // What a query of the exact build leaves behind where a node has no content.
 
-#include "XmlHelperFailingCallFixture.h"
+#include "files/XmlHelperFailingCallFixture.h"
 
 namespace Halden::Tavro::Utils
 {

@@ -1,4 +1,4 @@
-#include "XmlHelperFailingCallFixture.h"
+#include "files/XmlHelperFailingCallFixture.h"
 
 #include <libxml/xpathInternals.h>
 

@@ -1,6 +1,6 @@
 // What a query of the hardened build leaves behind where a node has no content: nothing.
 
-#include "XmlHelperFailingCallFixture.h"
+#include "files/XmlHelperFailingCallFixture.h"
 
 namespace Halden::Tavro::Utils
 {

@@ -1,6 +1,6 @@
 // What validations and queries leave behind when one of their calls fails, in either build.
 
-#include "XmlHelperFailingCallFixture.h"
+#include "files/XmlHelperFailingCallFixture.h"
 
 namespace Halden::Tavro::Utils
 {

@@ -2,8 +2,8 @@
 
 #include <utils/XmlHelper.h>
 
-#include "DescriptionTest.h"
-#include "LibXmlFaults.h"
+#include "files/DescriptionTest.h"
+#include "files/LibXmlFaults.h"
 #include "support/ChildProcess.h"
 
 #include <gmock/gmock.h>

@@ -2,8 +2,8 @@
 
 #include <utils/XmlHelper.h>
 
-#include "LibXmlWatch.h"
-#include "XmlHelperWatched.h"
+#include "files/LibXmlWatch.h"
+#include "files/XmlHelperWatched.h"
 #include "support/Resources.h"
 
 #include <gmock/gmock.h>

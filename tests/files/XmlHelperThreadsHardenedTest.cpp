@@ -2,7 +2,7 @@
 
 #include <utils/XmlHelper.h>
 
-#include "TextFile.h"
+#include "files/TextFile.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>

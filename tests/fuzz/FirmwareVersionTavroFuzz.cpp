@@ -5,8 +5,8 @@
 #include <log/Logger.h>
 #include <utils/FirmwareVersionTavro.h>
 
-#include "../support/NullSink.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "support/NullSink.h"
 
 #include <sys/types.h>
 

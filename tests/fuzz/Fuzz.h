@@ -2,7 +2,7 @@
 
 #include <utils/Pipe.h>
 
-#include "../process/PipeNumbers.h"
+#include "process/PipeNumbers.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -5,9 +5,9 @@
 #include <log/Logger.h>
 #include <utils/Execute.h>
 
-#include "../process/PipeNumbers.h"
-#include "../support/CallDouble.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "process/PipeNumbers.h"
+#include "support/CallDouble.h"
 
 #include <fcntl.h>
 #include <poll.h>

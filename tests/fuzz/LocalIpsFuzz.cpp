@@ -3,7 +3,7 @@
 #include <log/Logger.h>
 #include <utils/LocalIps.h>
 
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 #include <ifaddrs.h>
 #include <linux/netlink.h>

@@ -4,7 +4,7 @@
 
 #include <utils/metrics/MeasuredManager.h>
 
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 #include <prometheus/registry.h>
 

@@ -6,8 +6,8 @@
 #include <utils/IpAddress.h>
 #include <utils/Route.h>
 
-#include "../support/CallDouble.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "support/CallDouble.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 
 #include <utils/StringConversions.h>
 
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 #include <cerrno>
 #include <climits>

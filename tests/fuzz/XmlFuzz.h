@@ -2,7 +2,7 @@
 
 #include <log/Logger.h>
 
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 #include <libxml/xmlerror.h>
 

@@ -2,8 +2,8 @@
 
 #include <utils/XmlHelper.h>
 
-#include "../files/LibXmlWatch.h"
-#include "XmlFuzz.h"
+#include "files/LibXmlWatch.h"
+#include "fuzz/XmlFuzz.h"
 
 #include <cstddef>
 #include <cstdint>
