@@ -1,5 +1,7 @@
 #include "files/LibXmlWatch.h"
 
+#include "support/CallDouble.h"
+
 #include <libxml/catalog.h>
 #include <libxml/globals.h>
 #include <libxml/parser.h>
@@ -8,7 +10,6 @@
 #include <libxml/xpath.h>
 #include <libxml/xpathInternals.h>
 
-#include <dlfcn.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -246,7 +247,14 @@ std::size_t LibXmlWatch::bytes()
 
 // The doubles. Each notes the call, and passes it on unless it is to fail.
 
-#define REAL(function) reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, #function))
+// Looked up once only, for it is called some hundred thousand times.
+#define REAL(function)                                                                                                 \
+    (                                                                                                                  \
+        []                                                                                                             \
+        {                                                                                                              \
+            static auto const real = systemFunction<decltype(&(function))>(#function);                                 \
+            return real;                                                                                               \
+        }())
 
 extern "C"
 {

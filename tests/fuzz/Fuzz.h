@@ -4,6 +4,8 @@
 
 #include "process/PipeNumbers.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +16,7 @@
 namespace Halden::Tavro::TestSupport
 {
 
+/// What a fuzzer expects: without it, the process ends, and the input that has led there is reported.
 inline void require(bool condition)
 {
     if (!condition)
@@ -33,6 +36,14 @@ inline bool isHardened()
         return numbersOf(pipe).read == -1;
     }();
     return hardened;
+}
+
+/// The number that the next file gets, which a descriptor that was left open raises.
+inline int lowestFreeNumber()
+{
+    int const number = dup(STDERR_FILENO);
+    close(number);
+    return number;
 }
 
 /// Deals out an input; once it is used up, zeros and empty texts.

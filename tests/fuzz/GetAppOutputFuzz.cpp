@@ -147,13 +147,6 @@ extern "C"
 namespace
 {
 
-int lowestFreeNumber()
-{
-    int const number = dup(STDERR_FILENO);
-    close(number);
-    return number;
-}
-
 /// A child that has ended and that nobody reaps, as waitpid() above does not.
 pid_t endedChild()
 {

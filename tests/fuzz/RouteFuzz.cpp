@@ -172,14 +172,6 @@ bool isOpen(int descriptor)
     return fcntl(descriptor, F_GETFD) != -1; // NOLINT(cppcoreguidelines-pro-type-vararg)
 }
 
-/// The number that the next file gets, which a descriptor that was left open raises.
-int lowestFreeNumber()
-{
-    int const number = dup(STDERR_FILENO);
-    close(number);
-    return number;
-}
-
 /// The sentence of the exception, or the address.
 std::string localIpFor(std::string const& text)
 {

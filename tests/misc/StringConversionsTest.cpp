@@ -1,14 +1,11 @@
 #include <utils/StringConversions.h>
 
+#include "misc/StringConversionsModel.h"
+
 #include <gmock/gmock.h>
 
-#include <cerrno>
-#include <climits>
 #include <cstddef>
-#include <cstdlib>
-#include <functional>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,28 +15,8 @@ namespace Halden::Tavro::Utils
 namespace
 {
 
+using namespace TestSupport;
 using testing::PrintToString;
-
-/// The value, or the type and text of the exception.
-std::string outcomeOf(std::function<unsigned long long()> const& conversion)
-{
-    try
-    {
-        return std::to_string(conversion());
-    }
-    catch (std::invalid_argument const& exception)
-    {
-        return std::string("invalid_argument ") + exception.what();
-    }
-    catch (std::out_of_range const& exception)
-    {
-        return std::string("out_of_range ") + exception.what();
-    }
-    catch (std::overflow_error const& exception)
-    {
-        return std::string("overflow_error ") + exception.what();
-    }
-}
 
 std::string toUint64(std::string const& text)
 {
@@ -49,60 +26,6 @@ std::string toUint64(std::string const& text)
 std::string toUint8(std::string const& text)
 {
     return outcomeOf([&] { return to_uint8(text); });
-}
-
-/// The text less a B behind its leading 0, and all that follows. Some C libraries would take them for a binary number;
-/// what is left means the same to all.
-std::string withoutBinaryNumber(std::string const& text)
-{
-    auto const prefix = text.find('0');
-    bool const leading = prefix <= text.find_first_not_of(" \t\n\v\f\r+-");
-    bool const binary = leading && prefix + 1 < text.size() && (text[prefix + 1] == 'b' || text[prefix + 1] == 'B');
-    return binary ? text.substr(0, prefix + 1) : text;
-}
-
-/// What the C library makes of the text, in the same form.
-std::string expectedUint64(std::string const& whole)
-{
-    auto const text = withoutBinaryNumber(whole);
-    if (text.empty() || text[0] == '-')
-    {
-        return text.empty() ? "invalid_argument Cannot convert empty string to uint64"
-                            : "invalid_argument Cannot convert negative value to uint64";
-    }
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long const value = std::strtoull(text.c_str(), &end, 0);
-    if (end == text.c_str())
-    {
-        return "invalid_argument stoull";
-    }
-    return errno == ERANGE ? "out_of_range stoull" : std::to_string(value);
-}
-
-std::string expectedUint8(std::string const& whole)
-{
-    auto const text = withoutBinaryNumber(whole);
-    if (text.empty())
-    {
-        return "invalid_argument Cannot convert empty string to uint8";
-    }
-    char* end = nullptr;
-    errno = 0;
-    long long const value = std::strtoll(text.c_str(), &end, 0); // a long may be no wider than an int
-    if (end == text.c_str())
-    {
-        return "invalid_argument stoi";
-    }
-    if (errno == ERANGE || value < INT_MIN || value > INT_MAX)
-    {
-        return "out_of_range stoi";
-    }
-    if (value < 0)
-    {
-        return "invalid_argument Cannot convert negative values to uint8";
-    }
-    return value > 255 ? "overflow_error The provided string overflows uint8" : std::to_string(value);
 }
 
 /// Numbers as they may and may not be written: blanks, a sign, a prefix, up to 22 digits, trailing characters.
@@ -394,27 +317,13 @@ TEST(StringConversionsTest, MismatchAgreesWithTheModelForAllShortTexts)
             texts.push_back(texts[i] + last);
         }
     }
-    auto const model = [](std::string const& a, std::string const& b)
-    {
-        auto const& longer = b.size() > a.size() ? b : a;
-        auto const shorter = (b.size() > a.size() ? a : b) + '\0';
-        for (std::size_t i = 0; i < longer.size(); ++i)
-        {
-            if (i >= shorter.size() || longer[i] != shorter[i])
-            {
-                return longer.substr(i);
-            }
-        }
-        return std::string();
-    };
-
     std::string const common(20, 'c'); // puts the texts on the heap, where reading too far is seen
     for (auto const& a : texts)
     {
         for (auto const& b : texts)
         {
-            ASSERT_EQ(mismatchString(a, b), model(a, b)) << PrintToString(a) << " and " << PrintToString(b);
-            ASSERT_EQ(mismatchString(common + a, common + b), model(a, b))
+            ASSERT_EQ(mismatchString(a, b), expectedMismatch(a, b)) << PrintToString(a) << " and " << PrintToString(b);
+            ASSERT_EQ(mismatchString(common + a, common + b), expectedMismatch(a, b))
                 << PrintToString(a) << " and " << PrintToString(b);
         }
     }

@@ -2,12 +2,12 @@
 
 #include <utils/Execute.h>
 
+#include "support/CallDouble.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -34,7 +34,7 @@ extern "C"
 
     pid_t fork() noexcept
     {
-        pid_t const result = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"))();
+        pid_t const result = TestSupport::systemFunction<pid_t (*)()>("fork")();
         allocationsAtFork = TestSupport::heapAllocations();
         return result;
     }
