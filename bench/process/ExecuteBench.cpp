@@ -1,6 +1,8 @@
 // What it costs the caller to run /bin/true: its processor time, as the rest is sleep and the program's own, and the
 // time that passes until it is over.
 
+#include "support/ClockTime.h"
+
 #include <utils/Execute.h>
 
 #include <benchmark/benchmark.h>
@@ -26,9 +28,7 @@ namespace
 /// Of the calling thread, in seconds.
 double processorTime()
 {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return std::chrono::duration<double>(Halden::Tavro::TestSupport::timeOf(CLOCK_THREAD_CPUTIME_ID)).count();
 }
 
 /// As execute() does.

@@ -1,4 +1,5 @@
 #include "scheduling/HeldManager.h"
+#include "support/ClockTime.h"
 #include "support/OtherThreads.h"
 
 #include <benchmark/benchmark.h>
@@ -77,9 +78,7 @@ Starts startsOfLoop()
             starts.push_back(steady_clock::now());
             while (starts.size() < runs)
             {
-                auto const due = (starts.back() + period).time_since_epoch();
-                auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(due);
-                timespec const until{seconds.count(), (due - seconds).count()};
+                timespec const until = TestSupport::toTimespec((starts.back() + period).time_since_epoch());
                 clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
                 starts.push_back(steady_clock::now());
             }

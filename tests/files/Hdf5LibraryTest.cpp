@@ -74,25 +74,12 @@ protected:
         setErrorPrinting.reset();
     }
 
-    /// @return what the child has printed; its expectations are part of the test
-    static std::string inChild(std::function<void()> const& piece)
-    {
-        auto const result = runInChild(
-            [&]
-            {
-                piece();
-                return HasFailure() ? 1 : 0;
-            });
-        EXPECT_EQ(result.exitCode, 0) << result.output;
-        return result.output;
-    }
-
-    /// As inChild, but the child ends as programs do: destructors run, and its log lines are printed. What comes after
-    /// "end" is the doing of HDF5's C++ library, which closes the C library itself, but last of all.
+    /// As expectInChild(), but the child ends as programs do: destructors run, and its log lines are printed. What
+    /// comes after "end" is the doing of HDF5's C++ library, which closes the C library itself, but last of all.
     static std::string untilExit(std::function<void()> const& piece)
     {
         std::fflush(stdout); // else the child would print what the test program has not yet
-        return inChild(
+        return expectInChild(
             [&]
             {
                 Log::LoggerProxy::instance().setSink(std::make_shared<PrintingSink>());
@@ -123,7 +110,7 @@ static_assert(sizeof(Hdf5LibraryLock) == sizeof(std::mutex*));
 
 TEST_F(Hdf5LibraryTest, Hdf5IsOpenedOnceForAllThreads)
 {
-    inChild(
+    expectInChild(
         []
         {
             LogCapture const log;
@@ -157,7 +144,7 @@ TEST_F(Hdf5LibraryTest, Hdf5IsOpenedOnceForAllThreads)
 
 TEST_F(Hdf5LibraryTest, FailedOpenIsLoggedThrownAndTriedAgainInTheNextCall)
 {
-    inChild(
+    expectInChild(
         []
         {
             LogCapture log;
@@ -193,7 +180,7 @@ TEST_F(Hdf5LibraryTest, AnyResultFromZeroOnIsASuccess)
 
 TEST_F(Hdf5LibraryTest, ErrorPrintingIsSwitchedOffOnceHdf5IsOpen)
 {
-    inChild(
+    expectInChild(
         []
         {
             h5Open.replace(
@@ -211,7 +198,7 @@ TEST_F(Hdf5LibraryTest, ErrorPrintingIsSwitchedOffOnceHdf5IsOpen)
 
 TEST_F(Hdf5LibraryTest, ErrorsOfTheFirstThreadStayOffTheTerminal)
 {
-    std::string const output = inChild(
+    std::string const output = expectInChild(
         []
         {
             Hdf5Library::instance();
@@ -228,7 +215,7 @@ TEST_F(Hdf5LibraryTest, EachOtherThreadKeepsItsErrorsOffTheTerminalItself)
     ASSERT_GE(H5is_library_threadsafe(&threadSafe), 0);
     auto const openInThread = [](bool quiet)
     {
-        return inChild(
+        return expectInChild(
             [quiet]
             {
                 Hdf5Library::instance();
@@ -314,7 +301,7 @@ TEST_F(Hdf5LibraryTest, FilesThatAreStillOpenAreWholeAfterTheExit)
         });
 
     EXPECT_EQ(output, "exit\nend\n");
-    inChild(
+    expectInChild(
         [&]
         {
             EXPECT_TRUE(H5::H5File(path, H5F_ACC_RDONLY).nameExists("runs"));

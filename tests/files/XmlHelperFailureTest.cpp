@@ -125,24 +125,17 @@ TEST_F(XmlHelperFailureTest, SchemaWithAWarningServes)
 TEST_F(XmlHelperFailureTest, SchemaIsNotReadFromTheNetwork)
 {
     std::string const url = "http://192.0.2.1/device.xsd";
-    auto const ofLibXml = runInChild(
-        [&]
-        {
-            EXPECT_EQ(xmlReadFile(url.c_str(), nullptr, XML_PARSE_NONET), nullptr);
-            return HasFailure() ? 1 : 0;
-        });
+    auto const ofLibXml =
+        expectInChild([&] { EXPECT_EQ(xmlReadFile(url.c_str(), nullptr, XML_PARSE_NONET), nullptr); });
 
-    auto const result = runInChild(
+    auto const output = expectInChild(
         [&]
         {
             EXPECT_THAT([&] { sut.validateAgainstXSD(std::stringstream(bare), url); },
                         ThrowsMessage<std::runtime_error>(StrEq("Failed to load the XML schema")));
-            return HasFailure() ? 1 : 0;
         });
 
-    EXPECT_EQ(ofLibXml.exitCode, 0);
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.output, ofLibXml.output);
+    EXPECT_EQ(output, ofLibXml);
 }
 
 TEST_F(DescriptionFaultsTest, FaultOfADescriptionIsLoggedAsLibXmlNamesIt)

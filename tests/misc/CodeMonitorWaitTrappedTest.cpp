@@ -2,7 +2,7 @@
 
 #include "misc/Crossing.h"
 #include "support/CallDouble.h"
-#include "support/ToDuration.h"
+#include "support/ClockTime.h"
 #include "support/WaitFor.h"
 
 #include <gmock/gmock.h>

@@ -231,17 +231,18 @@ void FakeNetlink::note(std::string const& line)
 void FakeNetlink::addEntry(List& list, std::string const& address)
 {
     auto& place = list.storage.emplace_back();
-    std::string const bytes = addressBytes(address.substr(0, address.find('%')));
-    place.ss_family = bytes.empty() ? AF_PACKET : bytes.size() == sizeof(in_addr) ? AF_INET : AF_INET6;
+    place.ss_family = address.empty() || address == "packet" ? AF_PACKET : familyOf(address);
     if (place.ss_family == AF_INET)
     {
+        auto const bytes = addressBytes(address);
         std::memcpy(&reinterpret_cast<sockaddr_in&>(place).sin_addr, bytes.data(), bytes.size());
     }
     if (place.ss_family == AF_INET6)
     {
         auto& ipv6 = reinterpret_cast<sockaddr_in6&>(place);
-        std::memcpy(&ipv6.sin6_addr, bytes.data(), bytes.size());
         auto const percent = address.find('%');
+        auto const bytes = addressBytes(address.substr(0, percent));
+        std::memcpy(&ipv6.sin6_addr, bytes.data(), bytes.size());
         ipv6.sin6_scope_id =
             percent == std::string::npos ? 0 : static_cast<std::uint32_t>(std::stoul(address.substr(percent + 1)));
     }

@@ -3,6 +3,7 @@
 #include <utils/LocalIps.h>
 
 #include "net/KernelFixture.h"
+#include "support/ClockTime.h"
 #include "support/FailingCalls.h"
 #include "support/Resources.h"
 #include "support/WaitFor.h"
@@ -38,13 +39,6 @@ using testing::StartsWith;
 using testing::UnorderedElementsAreArray;
 using namespace std::chrono_literals;
 using namespace TestSupport;
-
-std::chrono::nanoseconds timeOf(clockid_t clock)
-{
-    timespec time{};
-    EXPECT_EQ(clock_gettime(clock, &time), 0);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
 
 class LocalIpsKernelHardenedTest : public KernelFixture
 {

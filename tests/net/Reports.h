@@ -1,20 +1,18 @@
 #pragma once
 
 #include "net/Monitor.h"
+#include "support/Recorded.h"
 #include "support/WaitFor.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
-#include <mutex>
 #include <string>
-#include <vector>
 
 namespace Halden::Tavro::TestSupport
 {
 
 /// What monitors have reported, in order.
-class Reports
+class Reports : public Recorded<std::string>
 {
 public:
     Monitor::AddressCallback as(char const* sign)
@@ -22,24 +20,7 @@ public:
         return [this, sign](Utils::IpAddress const& ip) { add(sign + ip.string()); };
     }
 
-    void add(std::string const& text)
-    {
-        std::lock_guard const lock(mutex);
-        texts.push_back(text);
-    }
-
-    std::vector<std::string> all() const
-    {
-        std::lock_guard const lock(mutex);
-        return texts;
-    }
-
-    /// @return false when there are fewer after a minute
-    bool waitForCount(std::size_t count) const
-    {
-        return TestSupport::waitFor([&] { return all().size() >= count; }, std::chrono::minutes(1));
-    }
-
+    /// @return false when it has not come after a minute
     bool waitForText(std::string const& text) const
     {
         auto const isThere = [&]
@@ -47,12 +28,8 @@ public:
             auto const present = all();
             return std::find(present.begin(), present.end(), text) != present.end();
         };
-        return TestSupport::waitFor(isThere, std::chrono::minutes(1));
+        return waitFor(isThere, std::chrono::minutes(1));
     }
-
-private:
-    mutable std::mutex mutex;
-    std::vector<std::string> texts; // guarded by mutex
 };
 
 }

@@ -12,12 +12,6 @@ namespace
 
 using std::chrono::nanoseconds;
 
-timespec toTimespec(nanoseconds time)
-{
-    auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
-}
-
 }
 
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,

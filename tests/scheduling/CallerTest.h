@@ -2,8 +2,9 @@
 
 #include "scheduling/ThreadDoubles.h"
 #include "support/CallDouble.h"
+#include "support/ClockTime.h"
 #include "support/LogCapture.h"
-#include "support/ToDuration.h"
+#include "support/Recorded.h"
 #include "support/WaitFor.h"
 
 #include <utils/PeriodicCaller.h>
@@ -61,33 +62,6 @@ struct Wait
     clockid_t clock;
     std::chrono::nanoseconds deadline; // since the clock's epoch
     std::chrono::nanoseconds left;     // from the call to the deadline
-};
-
-/// Values that the worker hands to the test.
-template <typename Value>
-class Recorded
-{
-public:
-    void add(Value const& value)
-    {
-        std::lock_guard const lock(mutex);
-        values.push_back(value);
-    }
-
-    std::vector<Value> get() const
-    {
-        std::lock_guard const lock(mutex);
-        return values;
-    }
-
-    bool waitForCount(std::size_t count) const
-    {
-        return waitFor([&] { return get().size() >= count; });
-    }
-
-private:
-    mutable std::mutex mutex;
-    std::vector<Value> values; // guarded by mutex
 };
 
 class CallerTest : public testing::Test

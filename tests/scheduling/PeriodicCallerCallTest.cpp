@@ -32,8 +32,8 @@ TEST_F(PeriodicCallerCallTest, CallsOnOneThreadOfItsOwn)
 
     ASSERT_TRUE(callers.waitForCount(3));
     sut.stop();
-    EXPECT_THAT(callers.get(), Each(callers.get().front()));
-    EXPECT_NE(callers.get().front(), std::this_thread::get_id());
+    EXPECT_THAT(callers.all(), Each(callers.all().front()));
+    EXPECT_NE(callers.all().front(), std::this_thread::get_id());
 }
 
 TEST_F(PeriodicCallerCallTest, HoldsItsMutexDuringACall)
@@ -70,8 +70,8 @@ TEST_F(PeriodicCallerCallTest, WaitsForThePeriodOnTheMonotonicClockBeforeEachCal
     ASSERT_TRUE(waits.waitForCount(3));
     sut.stop();
     EXPECT_EQ(calls, 2);
-    EXPECT_THAT(waits.get(), Each(Field(&Wait::clock, CLOCK_MONOTONIC)));
-    EXPECT_THAT(waits.get(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
+    EXPECT_THAT(waits.all(), Each(Field(&Wait::clock, CLOCK_MONOTONIC)));
+    EXPECT_THAT(waits.all(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
 }
 
 TEST_F(PeriodicCallerCallTest, PausesFromTheEndOfACallAndNeverCatchesUp)
@@ -82,9 +82,9 @@ TEST_F(PeriodicCallerCallTest, PausesFromTheEndOfACallAndNeverCatchesUp)
     sut.start();
 
     ASSERT_TRUE(waits.waitForCount(3));
-    EXPECT_THAT(waits.get(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
-    EXPECT_GE(waits.get()[1].deadline - waits.get()[0].deadline, 4h);
-    EXPECT_GE(waits.get()[2].deadline - waits.get()[1].deadline, 4h);
+    EXPECT_THAT(waits.all(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
+    EXPECT_GE(waits.all()[1].deadline - waits.all()[0].deadline, 4h);
+    EXPECT_GE(waits.all()[2].deadline - waits.all()[1].deadline, 4h);
 }
 
 TEST_F(PeriodicCallerCallTest, ASpuriousWakeUpNeitherCallsNorMovesTheDeadline)
@@ -108,7 +108,7 @@ TEST_F(PeriodicCallerCallTest, ASpuriousWakeUpNeitherCallsNorMovesTheDeadline)
     ASSERT_TRUE(waits.waitForCount(4));
     sut.stop();
     EXPECT_FALSE(becomesReady(called.get_future(), 0s));
-    EXPECT_THAT(waits.get(), Each(Field(&Wait::deadline, waits.get().front().deadline)));
+    EXPECT_THAT(waits.all(), Each(Field(&Wait::deadline, waits.all().front().deadline)));
 }
 
 // kept: a caller takes any period, whatever comes of it
@@ -121,7 +121,7 @@ TEST_F(PeriodicCallerCallTest, ZeroPeriodCallsBackToBack)
 
     EXPECT_TRUE(calls.waitForCount(100));
     sut.stop();
-    EXPECT_THAT(waits.get(), AllOf(SizeIs(Ge(100)), Each(Field(&Wait::left, Le(0ns)))));
+    EXPECT_THAT(waits.all(), AllOf(SizeIs(Ge(100)), Each(Field(&Wait::left, Le(0ns)))));
 }
 
 // kept: as above
@@ -136,7 +136,7 @@ TEST_F(PeriodicCallerCallTest, NegativePeriodsCallBackToBack)
 
         EXPECT_TRUE(calls.waitForCount(100));
         sut.stop();
-        EXPECT_THAT(waits.get(), AllOf(SizeIs(Ge(100)), Each(Field(&Wait::left, Le(0ns)))));
+        EXPECT_THAT(waits.all(), AllOf(SizeIs(Ge(100)), Each(Field(&Wait::left, Le(0ns)))));
     }
 }
 
@@ -150,7 +150,7 @@ TEST_F(PeriodicCallerCallTest, TheGreatestPeriodSleepsUntilStopped)
     sut.stop();
 
     EXPECT_EQ(calls, 0);
-    EXPECT_THAT(waits.get(), Each(Field(&Wait::left, Gt(30 * 365 * 24h))));
+    EXPECT_THAT(waits.all(), Each(Field(&Wait::left, Gt(30 * 365 * 24h))));
 }
 
 TEST_F(PeriodicCallerCallTest, TellsTheWallClockTimeFromTheEndOfTheCallBefore)
@@ -170,7 +170,7 @@ TEST_F(PeriodicCallerCallTest, TellsTheWallClockTimeFromTheEndOfTheCallBefore)
 
     ASSERT_TRUE(calls.waitForCount(3));
     sut.stop();
-    EXPECT_THAT(calls.get(), ElementsAre(1000007us, 1000007us, 1000007us));
+    EXPECT_THAT(calls.all(), ElementsAre(1000007us, 1000007us, 1000007us));
 }
 
 TEST_F(PeriodicCallerCallTest, TheElapsedTimeJumpsWithTheWallClockWhileThePauseDoesNot)
@@ -184,8 +184,8 @@ TEST_F(PeriodicCallerCallTest, TheElapsedTimeJumpsWithTheWallClockWhileThePauseD
     sut.start();
 
     ASSERT_TRUE(waits.waitForCount(3));
-    EXPECT_THAT(calls.get(), ElementsAre(-100h, -100h));
-    EXPECT_THAT(waits.get(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
+    EXPECT_THAT(calls.all(), ElementsAre(-100h, -100h));
+    EXPECT_THAT(waits.all(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
 }
 
 TEST_F(PeriodicCallerCallTest, TheElapsedTimeIsTruncatedTowardsZero)
@@ -204,7 +204,7 @@ TEST_F(PeriodicCallerCallTest, TheElapsedTimeIsTruncatedTowardsZero)
     sut.start();
 
     ASSERT_TRUE(calls.waitForCount(2));
-    EXPECT_THAT(calls.get(), ElementsAre(1us, -1us));
+    EXPECT_THAT(calls.all(), ElementsAre(1us, -1us));
 }
 
 TEST_F(PeriodicCallerCallTest, AfterARestartTheElapsedTimeCountsFromTheNewThread)
@@ -220,7 +220,7 @@ TEST_F(PeriodicCallerCallTest, AfterARestartTheElapsedTimeCountsFromTheNewThread
     sut.start();
 
     ASSERT_TRUE(calls.waitForCount(1));
-    EXPECT_THAT(calls.get(), ElementsAre(1s));
+    EXPECT_THAT(calls.all(), ElementsAre(1s));
 }
 
 }

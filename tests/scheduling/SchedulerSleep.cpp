@@ -1,7 +1,7 @@
 #include "scheduling/SchedulerSleep.h"
 
 #include "support/CallDouble.h"
-#include "support/ToDuration.h"
+#include "support/ClockTime.h"
 #include "support/WaitFor.h"
 
 #include <pthread.h>
@@ -13,7 +13,9 @@
 #include <utility>
 
 using Halden::Tavro::TestSupport::systemFunction;
+using Halden::Tavro::TestSupport::timeOf;
 using Halden::Tavro::TestSupport::toDuration;
+using Halden::Tavro::TestSupport::toTimespec;
 
 namespace
 {
@@ -41,11 +43,7 @@ std::chrono::nanoseconds timeLeft(timespec const& until)
 /// The same time on the system's clock.
 timespec onSystemsClock(timespec const& until)
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    auto const time = toDuration(now) + timeLeft(until);
-    auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
+    return toTimespec(timeOf(CLOCK_MONOTONIC) + timeLeft(until));
 }
 
 pthread_mutex_t* sleeper(std::chrono::milliseconds atLeast)

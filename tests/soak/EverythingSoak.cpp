@@ -5,6 +5,7 @@
 
 #include "support/CallDouble.h"
 #include "support/ChildProcess.h"
+#include "support/ClockTime.h"
 #include "support/LogCapture.h"
 #include "support/NetworkNamespace.h"
 #include "support/Resources.h"
@@ -101,12 +102,6 @@ struct Figures
     double processorSeconds{0};
 };
 
-std::size_t entriesOf(std::string const& directory)
-{
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
-}
-
 Figures figuresOf(pid_t process)
 {
     std::string const directory = "/proc/" + std::to_string(process);
@@ -130,9 +125,7 @@ Figures figuresOf(pid_t process)
 
 double processorSeconds()
 {
-    timespec used{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+    return std::chrono::duration<double>(timeOf(CLOCK_PROCESS_CPUTIME_ID)).count();
 }
 
 /// The example that does a whole service's work, from construction to destruction.

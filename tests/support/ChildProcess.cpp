@@ -1,5 +1,7 @@
 #include "support/ChildProcess.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -110,6 +112,18 @@ ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseco
         result.signal = WTERMSIG(status);
     }
     return result;
+}
+
+std::string expectInChild(std::function<void()> const& piece)
+{
+    auto const result = runInChild(
+        [&piece]
+        {
+            piece();
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    return result.output;
 }
 
 int becomeProgram(std::string path, std::vector<std::string> arguments)

@@ -26,6 +26,9 @@ struct ChildResult
 /// called while the test itself runs no other threads.
 ChildResult runInChild(std::function<int()> const& piece, std::chrono::milliseconds limit = std::chrono::seconds(20));
 
+/// Runs a piece with expectations of its own in a child: those are part of the test. @return what the child has printed
+std::string expectInChild(std::function<void()> const& piece);
+
 /// A child that runs, for those who do more with it than wait for its end.
 struct Child
 {

@@ -1,6 +1,7 @@
 #include "support/NetworkNamespace.h"
 
-#include <arpa/inet.h>
+#include "support/NetlinkBytes.h"
+
 #include <linux/if_addr.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -15,7 +16,6 @@
 #include <exception>
 #include <fstream>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
 
 namespace Halden::Tavro::TestSupport
@@ -23,30 +23,6 @@ namespace Halden::Tavro::TestSupport
 
 namespace
 {
-
-template <typename Structure>
-std::string bytesOf(Structure const& structure)
-{
-    return {reinterpret_cast<char const*>(&structure), sizeof(structure)};
-}
-
-std::string attribute(std::uint16_t type, std::string_view payload)
-{
-    rtattr const header{static_cast<std::uint16_t>(sizeof(rtattr) + payload.size()), type};
-    std::string bytes = bytesOf(header).append(payload);
-    bytes.resize(RTA_ALIGN(bytes.size()));
-    return bytes;
-}
-
-std::string addressBytes(unsigned char family, std::string const& text)
-{
-    std::string bytes(family == AF_INET ? sizeof(in_addr) : sizeof(in6_addr), '\0');
-    if (inet_pton(family, text.c_str(), bytes.data()) != 1)
-    {
-        throw std::invalid_argument("no address: " + text);
-    }
-    return bytes;
-}
 
 int indexOf(std::string const& interface)
 {
@@ -191,14 +167,14 @@ void NetworkControl::changeAddress(std::uint16_t type, std::uint16_t flags, std:
                                    std::string const& address, std::string const& peer)
 {
     ifaddrmsg body{};
-    body.ifa_family = address.find(':') == std::string::npos ? AF_INET : AF_INET6;
+    body.ifa_family = familyOf(address);
     body.ifa_prefixlen = body.ifa_family == AF_INET ? 32 : 128;
     body.ifa_flags = IFA_F_NODAD; // an IPv6 address is reported once, and not again when it has proved unique
     body.ifa_index = static_cast<unsigned>(indexOf(interface));
-    auto const local = addressBytes(body.ifa_family, address);
+    auto const local = addressBytes(address);
     request(type, flags,
             bytesOf(body) + attribute(IFA_LOCAL, local) +
-                attribute(IFA_ADDRESS, peer.empty() ? local : addressBytes(body.ifa_family, peer)));
+                attribute(IFA_ADDRESS, peer.empty() ? local : addressBytes(peer)));
 }
 
 void NetworkControl::request(std::uint16_t type, std::uint16_t flags, std::string const& body)

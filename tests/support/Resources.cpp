@@ -15,12 +15,6 @@ namespace Halden::Tavro::TestSupport
 namespace
 {
 
-std::size_t entriesOf(char const* directory)
-{
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
-}
-
 /// A sanitizer makes a thread of its own together with the first one of the program, which none of the counted ones is
 /// to be.
 [[maybe_unused]] bool const sanitizersThreadRuns = []
@@ -37,6 +31,12 @@ namespace HeapCounters
 std::atomic<std::size_t> allocations{0};
 std::atomic<std::size_t> frees{0};
 
+}
+
+std::size_t entriesOf(std::string const& directory)
+{
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator()));
 }
 
 std::size_t openDescriptors()

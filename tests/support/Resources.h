@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <string>
 
 namespace Halden::Tavro::TestSupport
 {
+
+/// How much is in a directory, such as /proc/PID/fd.
+std::size_t entriesOf(std::string const& directory);
 
 /// The open descriptors of this process.
 std::size_t openDescriptors();

@@ -1,6 +1,6 @@
 #include "support/SteadyClockDouble.h"
 
-#include "support/ToDuration.h"
+#include "support/ClockTime.h"
 
 #include <ctime>
 
@@ -28,24 +28,17 @@ State& state()
     return instance;
 }
 
-std::chrono::nanoseconds realNow()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return toDuration(now);
-}
-
 std::chrono::nanoseconds read()
 {
     std::lock_guard const lock(state().mutex);
     if (!state().now.has_value())
     {
-        return realNow();
+        return timeOf(CLOCK_MONOTONIC);
     }
     ++state().readings;
     if (state().goesOnSince.has_value())
     {
-        return *state().now + (realNow() - *state().goesOnSince);
+        return *state().now + (timeOf(CLOCK_MONOTONIC) - *state().goesOnSince);
     }
     auto const answer = *state().now;
     auto const last = std::chrono::nanoseconds::max() - state().step;
@@ -80,7 +73,7 @@ void SteadyClockDouble::set(std::chrono::nanoseconds now)
 void SteadyClockDouble::goOn()
 {
     std::lock_guard const lock(state().mutex);
-    state().goesOnSince = realNow();
+    state().goesOnSince = timeOf(CLOCK_MONOTONIC);
 }
 
 void SteadyClockDouble::advanceWithEachReading(std::chrono::nanoseconds step)

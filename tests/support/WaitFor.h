@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/ClockTime.h"
+
 #include <time.h>
 
 #include <chrono>
@@ -9,22 +11,14 @@
 namespace Halden::Tavro::TestSupport
 {
 
-/// That of the system, whatever a double makes of std::chrono::steady_clock.
-inline std::chrono::nanoseconds monotonicTime()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-}
-
-/// @return whether the condition has come true within the limit
+/// @return whether the condition has come true within the limit, by the system's clock
 template <typename Condition>
 bool waitFor(Condition const& condition, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    auto const deadline = monotonicTime() + limit;
+    auto const deadline = timeOf(CLOCK_MONOTONIC) + limit;
     while (!condition())
     {
-        if (monotonicTime() > deadline)
+        if (timeOf(CLOCK_MONOTONIC) > deadline)
         {
             return false;
         }

@@ -1,6 +1,7 @@
 // What only the manager with a time of its own does; the rest is in ManagerContractTest.cpp.
 
 #include "scheduling/HeldCall.h"
+#include "support/ClockTime.h"
 
 #include <utils/testing/LogCaptureGmock.h>
 #include <utils/testing/ManualTimeManager.h>
@@ -378,13 +379,6 @@ TEST_F(ManualTimeManagerTest, NameIsPartOfTheLoggersName)
     EXPECT_EQ(log.linesOf("Halden::Tavro::Utils::PeriodicCallerManager(sensors)").size(), 4);
 }
 
-std::chrono::nanoseconds processorTime()
-{
-    timespec used{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-    return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
-}
-
 /// A second of this thread's processor, however busy the machine is; where the build itself makes things slow, that
 /// does not count.
 TEST_F(ManualTimeManagerTest, AnHourOfTenFunctionsOfTenMillisecondsTakesLessThanASecond)
@@ -398,11 +392,11 @@ TEST_F(ManualTimeManagerTest, AnHourOfTenFunctionsOfTenMillisecondsTakesLessThan
     {
         tokens.push_back(sut->add([&count] { ++count; }, 10ms));
     }
-    auto const before = processorTime();
+    auto const before = timeOf(CLOCK_THREAD_CPUTIME_ID);
 
     sut->advance(1h);
 
-    auto const used = processorTime() - before;
+    auto const used = timeOf(CLOCK_THREAD_CPUTIME_ID) - before;
     EXPECT_THAT(counts, Each(callsAnHour + 1));
     RecordProperty("milliseconds", static_cast<int>(used / 1ms));
     EXPECT_LT(used, 1s * TIME_FACTOR);
