@@ -5,7 +5,7 @@
 #include "process/PipeNumbers.h"
 #include "process/Programs.h"
 #include "process/WaitingChild.h"
-#include "support/FailingNew.h"
+#include "support/NewDouble.h"
 #include "support/WaitFor.h"
 
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 #include "scheduling/ManagerTest.h"
 #include "scheduling/SchedulerSleep.h"
 #include "support/ChildProcess.h"
-#include "support/FailingNew.h"
+#include "support/NewDouble.h"
 #include "support/PrintingSink.h"
 #include "support/WaitFor.h"
 

@@ -42,7 +42,7 @@ Function systemFunction(char const* name)
     return reinterpret_cast<Function>(systemSymbol(name));
 }
 
-/// How many doubles the calling thread is in. What they allocate never fails, see FailingNew.h.
+/// How many doubles the calling thread is in. What they allocate never fails, see NewDouble.h.
 inline thread_local int doublesAtWork = 0;
 
 template <typename Signature>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "support/CallDouble.h"
-#include "support/FailingNew.h"
+#include "support/NewDouble.h"
 
 #include <cstddef>
 #include <functional>
@@ -40,7 +40,7 @@ FailingCalls doneCallsOf(std::string name, CallDouble<Result(Arguments...)>& cal
     return calls;
 }
 
-/// The allocations of the calling thread. For test programs that list support/FailingNew.cpp among their sources.
+/// The allocations of the calling thread. For test programs that list support/NewDouble.cpp among their sources.
 inline FailingCalls allocations()
 {
     return {"new", [](std::size_t n) { failNextAllocation(AllocationFailure::BadAlloc, n - 1); }, allocationHasFailed};

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 
+/// What NewDouble.cpp counts, and Resources.h tells the tests.
 namespace Halden::Tavro::TestSupport::HeapCounters
 {
 

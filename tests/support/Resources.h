@@ -18,7 +18,7 @@ std::size_t openDescriptors();
 std::size_t runningThreads();
 
 /// Allocations by operator new since the start of the process, on all threads. Counted in test programs that list
-/// support/CountingNew.cpp or support/FailingNew.cpp among their sources, elsewhere 0.
+/// support/NewDouble.cpp among their sources, elsewhere 0.
 std::size_t heapAllocations();
 
 /// Blocks of operator new that are not freed yet; otherwise as heapAllocations().

@@ -1,6 +1,6 @@
 // Replaces the global allocation functions of the test program, and with them those of the libraries it links.
 
-#include "support/FailingNew.h"
+#include "support/NewDouble.h"
 #include "support/CallDouble.h"
 #include "support/HeapCounters.h"
 
