@@ -9,7 +9,8 @@ namespace Halden::Tavro::TestSupport
 
 /// Sees every call of the library to libxml2, for as long as it lives, and lets one of them fail.
 ///
-/// For test programs that list LibXmlWatch.cpp among their sources and link libxml2. One at a time, on one thread.
+/// For test programs that list files/LibXmlWatch.cpp among their sources and link libxml2. One at a time, on one
+/// thread.
 ///
 /// Objects are named after what they are: "XSD", "parser", "schema", "validation", "document", "context", "result" and
 /// "content". At the end those that the library has left are freed, so that the leak checker sees nothing but what the

@@ -5,7 +5,7 @@
 namespace Halden::Tavro::TestSupport
 {
 
-/// For test programs that list UnlinkatDouble.cpp among their sources: what a TempDir removes its tree by.
+/// What a TempDir removes its tree by. For test programs that list files/UnlinkatDouble.cpp among their sources.
 extern CallDouble<int(int, char const*, int)> unlinkatDouble;
 
 }

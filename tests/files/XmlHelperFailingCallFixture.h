@@ -30,7 +30,7 @@ extern CallDouble<xmlChar*(xmlNode const*)> getContent;
 
 /// A schema and a document of it, which are read with calls of libxml2 that fail.
 ///
-/// For test programs that list XmlHelperFailingCallFixture.cpp among their sources.
+/// For test programs that list files/XmlHelperFailingCallFixture.cpp among their sources.
 class XmlHelperFailingCallFixture : public testing::Test
 {
 protected:

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+/// Figures as a scraper finds them. For test programs that list metrics/Figures.cpp among their sources.
 namespace Halden::Tavro::TestSupport
 {
 

@@ -6,6 +6,8 @@
 
 #include <ctime>
 
+/// The system's functions under a CodeMonitor's wait. For test programs that list misc/ConditionDoubles.cpp among their
+/// sources.
 namespace Halden::Tavro::TestSupport
 {
 

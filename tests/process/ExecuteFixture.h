@@ -38,6 +38,8 @@ extern CallDouble<int(char const*, char* const*)> execvDouble;
 extern std::atomic<bool> underTest;
 
 /// The system's functions under execute(), with what they close told as events.
+///
+/// For test programs that list process/ExecuteFixture.cpp among their sources.
 class ExecuteFixture : public testing::Test
 {
 protected:

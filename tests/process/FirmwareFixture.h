@@ -50,6 +50,8 @@ public:
 };
 
 /// Gives the device's commands as scripts, found first in PATH.
+///
+/// For test programs that list process/FirmwareFixture.cpp among their sources.
 class FirmwareFixture : public testing::Test
 {
 protected:

@@ -26,6 +26,8 @@ extern CallDouble<int(int)> closeDouble;
 extern CallDouble<std::FILE*(int, char const*)> fdopenDouble;
 
 /// A Pipe whose descriptors may be of the test's making; it logs nothing.
+///
+/// For test programs that list process/PipeFixture.cpp among their sources.
 class PipeFixture : public testing::Test
 {
 protected:

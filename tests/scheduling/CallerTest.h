@@ -24,8 +24,8 @@
 #include <utility>
 #include <vector>
 
-/// What the tests of the periodic caller share. For test programs that list CallerTest.cpp and ThreadDoubles.cpp among
-/// their sources.
+/// What the tests of the periodic caller share. For test programs that list scheduling/CallerTest.cpp and
+/// scheduling/ThreadDoubles.cpp among their sources.
 namespace Halden::Tavro::TestSupport
 {
 

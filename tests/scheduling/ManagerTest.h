@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-/// What the tests of the manager share. For test programs that list ManagerTest.cpp, SchedulerSleep.cpp and
-/// ../support/SteadyClockDouble.cpp among their sources.
+/// What the tests of the manager share. For test programs that list scheduling/ManagerTest.cpp,
+/// scheduling/SchedulerSleep.cpp and support/SteadyClockDouble.cpp among their sources.
 namespace Halden::Tavro::TestSupport
 {
 

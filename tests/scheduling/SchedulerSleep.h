@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <functional>
 
-/// Sees into the sleep of scheduler threads. For test programs that list SchedulerSleep.cpp among their sources.
+/// Sees into the sleep of scheduler threads. For test programs that list
+/// scheduling/SchedulerSleep.cpp among their sources.
 ///
 /// It stands in for the C functions beneath std::condition_variable, and so knows of each sleep when it begins, until
 /// when it lasts and when somebody asks for its end. The deadline is one of the program's steady clock, which may be a

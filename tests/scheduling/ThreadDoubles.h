@@ -10,8 +10,8 @@
 #include <memory>
 #include <utility>
 
-/// What the system tells of threads, and its way to make them. For test programs that list ThreadDoubles.cpp among
-/// their sources.
+/// What the system tells of threads, and its way to make them. For test programs that list
+/// scheduling/ThreadDoubles.cpp among their sources.
 namespace Halden::Tavro::TestSupport
 {
 

@@ -41,6 +41,8 @@ extern CallDouble<int(char const*, FileStatus*)> statDouble;
 extern std::atomic<int> timerUnderTest;
 
 /// A machine without synchronisation and without real-time clocks, whose timer has not been cancelled.
+///
+/// For test programs that list time/ClockFixture.cpp among their sources.
 class ClockFixture : public testing::Test
 {
 protected:
