@@ -52,7 +52,7 @@ TEST_F(CodeMonitorTest, IsNeitherPolymorphicNorCopyable)
     EXPECT_FALSE(std::is_copy_assignable_v<CodeMonitor>);
 }
 
-TEST_F(CodeMonitorTest, AnEmptyNameThrows)
+TEST_F(CodeMonitorTest, EmptyNameThrows)
 {
     EXPECT_THAT([] { CodeMonitor monitor(""); }, ThrowsMessage<std::invalid_argument>(StrEq("Name can't be empty")));
 }
@@ -73,7 +73,7 @@ TEST_F(CodeMonitorTest, CrossingAReopenedBarrierReturnsFalse)
     EXPECT_FALSE(sut.crossBarrier());
 }
 
-TEST_F(CodeMonitorTest, AClosedBarrierHoldsTheCrossingThreadUntilItIsOpened)
+TEST_F(CodeMonitorTest, ClosedBarrierHoldsTheCrossingThreadUntilItIsOpened)
 {
     sut.closeBarrier();
     EXPECT_FALSE(sut.trappedAtBarrier());
@@ -144,7 +144,7 @@ TEST_F(CodeMonitorTest, OpeningAnOpenBarrierThrows)
     EXPECT_THAT(open, ThrowsMessage<std::runtime_error>(StrEq("Barrier is not closed")));
 }
 
-TEST_F(CodeMonitorTest, AnArgumentIsFoundUnderItsName)
+TEST_F(CodeMonitorTest, ArgumentIsFoundUnderItsName)
 {
     int object = 0;
     sut.setArgument("number", 18446744073709551615ULL);
@@ -159,7 +159,7 @@ TEST_F(CodeMonitorTest, AnArgumentIsFoundUnderItsName)
     EXPECT_EQ(sut.getArgument("data").value.uint64, 9U);
 }
 
-TEST_F(CodeMonitorTest, ASecondValueUnderANameReplacesTheFirstAndItsType)
+TEST_F(CodeMonitorTest, SecondValueUnderANameReplacesTheFirstAndItsType)
 {
     int object = 0;
     sut.setArgument("value", 1ULL);
@@ -169,7 +169,7 @@ TEST_F(CodeMonitorTest, ASecondValueUnderANameReplacesTheFirstAndItsType)
     EXPECT_EQ(sut.getArgument("value").value.pointer, &object);
 }
 
-TEST_F(CodeMonitorTest, ANullPointerIsAPointer)
+TEST_F(CodeMonitorTest, NullPointerIsAPointer)
 {
     sut.setArgument("value", nullptr);
 
@@ -189,7 +189,7 @@ TEST_F(CodeMonitorTest, GetArgumentGivesTheStoredValueItself)
     EXPECT_EQ(sut.getArgument("value").value.uint64, 3U);
 }
 
-TEST_F(CodeMonitorTest, AnUnknownArgumentThrowsAndIsNotInserted)
+TEST_F(CodeMonitorTest, UnknownArgumentThrowsAndIsNotInserted)
 {
     auto const get = [this] { sut.getArgument("speed"); };
 

@@ -19,7 +19,7 @@ using namespace TestSupport;
 using namespace std::chrono_literals;
 
 // The one thread opens the barrier from inside its own wait, which then ends by its limit: no notification reaches it.
-TEST(CodeMonitorWaitTest, AMissedNotificationIsMadeGoodAfterAtMost50Milliseconds)
+TEST(CodeMonitorWaitTest, MissedNotificationIsMadeGoodAfterAtMost50Milliseconds)
 {
     CodeMonitor sut("sut");
     sut.closeBarrier();

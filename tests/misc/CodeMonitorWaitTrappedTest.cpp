@@ -247,7 +247,7 @@ TEST_F(CodeMonitorWaitTrappedTest, AcceptsTheGreatestTimeOut)
     EXPECT_EQ(requests[0].tv_sec, std::min<std::int64_t>(seconds, std::numeric_limits<std::time_t>::max()));
 }
 
-TEST_F(CodeMonitorWaitTrappedTest, TakesItsTime)
+TEST_F(CodeMonitorWaitTrappedTest, LastsAsLongAsItIsAskedToWait)
 {
     auto const start = std::chrono::steady_clock::now();
 

@@ -19,7 +19,7 @@ TEST(RuntimeTypedDataTest, IsEmptyAtFirst)
     EXPECT_EQ(data.value.uint64, 0U);
 }
 
-TEST(RuntimeTypedDataTest, TheTypesHaveTheirNumbers)
+TEST(RuntimeTypedDataTest, TypesHaveTheirNumbers)
 {
     EXPECT_EQ(static_cast<std::uint32_t>(RuntimeTypedData::Type::None), 0U);
     EXPECT_EQ(static_cast<std::uint32_t>(RuntimeTypedData::Type::Uint64), 1U);

@@ -65,7 +65,7 @@ protected:
     Pipe stdinPipe;
 };
 
-TEST_F(ExecuteFormatsTest, StdinThatCannotBeOpened)
+TEST_F(ExecuteFormatsTest, StdinThatCannotBeOpenedIsLoggedWithoutAValue)
 {
     stdinPipe.close();
 
@@ -75,7 +75,7 @@ TEST_F(ExecuteFormatsTest, StdinThatCannotBeOpened)
                 ElementsAre("getAppOutput()", "Timeout is set to %fs", "Failed to open pipe to stdin for write"));
 }
 
-TEST_F(ExecuteFormatsTest, StdoutThatCannotBeOpened)
+TEST_F(ExecuteFormatsTest, StdoutThatCannotBeOpenedIsLoggedWithoutAValue)
 {
     stdoutPipe.close();
 
@@ -85,7 +85,7 @@ TEST_F(ExecuteFormatsTest, StdoutThatCannotBeOpened)
                 ElementsAre("getAppOutput()", "Timeout is set to %fs", "Failed to open pipe to stdout for read"));
 }
 
-TEST_F(ExecuteFormatsTest, StatusThatCannotBeHad)
+TEST_F(ExecuteFormatsTest, StatusThatCannotBeHadIsLoggedWithoutAValue)
 {
     waitpidDouble.failCall(1, -1, ECHILD);
 
@@ -95,7 +95,7 @@ TEST_F(ExecuteFormatsTest, StatusThatCannotBeHad)
                 ElementsAre("getAppOutput()", "Timeout is set to %fs", "Failed to get status of child process"));
 }
 
-TEST_F(ExecuteFormatsTest, KillThatIsForbidden)
+TEST_F(ExecuteFormatsTest, ForbiddenKillIsLoggedWithValuesAndThenWithoutOne)
 {
     killDouble.failCall(1, -1, EPERM);
 

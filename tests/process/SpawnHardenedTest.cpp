@@ -89,7 +89,7 @@ protected:
     }
 };
 
-TEST_F(SpawnHardenedTest, EnvironmentIsTheSame)
+TEST_F(SpawnHardenedTest, EnvironmentIsThatOfAForkedProgram)
 {
     ASSERT_EQ(setenv("HALDEN_CHANGED", "before", 1), 0);
     ASSERT_EQ(setenv("HALDEN_CHANGED_NOT", "kept", 1), 0);
@@ -117,7 +117,7 @@ TEST_F(SpawnHardenedTest, EnvironmentMayBeEmpty)
     environ = before;
 }
 
-TEST_F(SpawnHardenedTest, EnvironmentOfManyVariablesIsTheSame)
+TEST_F(SpawnHardenedTest, EnvironmentOfManyVariablesIsThatOfAForkedProgram)
 {
     Environment environment;
     for (int i = 0; i < 200; ++i)
@@ -131,17 +131,17 @@ TEST_F(SpawnHardenedTest, EnvironmentOfManyVariablesIsTheSame)
     mallopt(M_PERTURB, 0);
 }
 
-TEST_F(SpawnHardenedTest, DescriptorsAreTheSame)
+TEST_F(SpawnHardenedTest, DescriptorsAreThoseOfAForkedProgram)
 {
     expectTheSame("/bin/ls", {"/proc/self/fd"});
 }
 
-TEST_F(SpawnHardenedTest, ArgumentsAreTheSame)
+TEST_F(SpawnHardenedTest, ArgumentsAreThoseOfAForkedProgram)
 {
     expectTheSame("/bin/sh", {"-c", "printf '[%s]' \"$0\" \"$@\"", "zero", "", "a b", "*"});
 }
 
-TEST_F(SpawnHardenedTest, BlockedAndIgnoredSignalsAreTheSame)
+TEST_F(SpawnHardenedTest, BlockedAndIgnoredSignalsAreThoseOfAForkedProgram)
 {
     sigset_t usr1;
     sigemptyset(&usr1);

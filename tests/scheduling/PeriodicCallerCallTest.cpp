@@ -87,7 +87,7 @@ TEST_F(PeriodicCallerCallTest, PausesFromTheEndOfACallAndNeverCatchesUp)
     EXPECT_GE(waits.all()[2].deadline - waits.all()[1].deadline, 4h);
 }
 
-TEST_F(PeriodicCallerCallTest, ASpuriousWakeUpNeitherCallsNorMovesTheDeadline)
+TEST_F(PeriodicCallerCallTest, SpuriousWakeUpNeitherCallsNorMovesTheDeadline)
 {
     std::promise<void> called;
     std::atomic<int> spurious{3};
@@ -140,7 +140,7 @@ TEST_F(PeriodicCallerCallTest, NegativePeriodsCallBackToBack)
     }
 }
 
-TEST_F(PeriodicCallerCallTest, TheGreatestPeriodSleepsUntilStopped)
+TEST_F(PeriodicCallerCallTest, GreatestPeriodSleepsUntilStopped)
 {
     std::atomic<int> calls{0};
     PeriodicCaller sut(microseconds::max(), "led", [&](auto const&) { ++calls; });
@@ -173,7 +173,7 @@ TEST_F(PeriodicCallerCallTest, TellsTheWallClockTimeFromTheEndOfTheCallBefore)
     EXPECT_THAT(calls.all(), ElementsAre(1000007us, 1000007us, 1000007us));
 }
 
-TEST_F(PeriodicCallerCallTest, TheElapsedTimeJumpsWithTheWallClockWhileThePauseDoesNot)
+TEST_F(PeriodicCallerCallTest, ElapsedTimeJumpsWithTheWallClockWhileThePauseDoesNot)
 {
     Recorded<microseconds> calls;
     wallClock = nanoseconds(1000h).count();
@@ -188,7 +188,7 @@ TEST_F(PeriodicCallerCallTest, TheElapsedTimeJumpsWithTheWallClockWhileThePauseD
     EXPECT_THAT(waits.all(), Each(Field(&Wait::left, AllOf(Le(1h), Gt(50min)))));
 }
 
-TEST_F(PeriodicCallerCallTest, TheElapsedTimeIsTruncatedTowardsZero)
+TEST_F(PeriodicCallerCallTest, ElapsedTimeIsTruncatedTowardsZero)
 {
     Recorded<microseconds> calls;
     wallClock = nanoseconds(1000h).count();

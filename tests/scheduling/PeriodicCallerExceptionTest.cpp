@@ -54,7 +54,7 @@ protected:
 };
 
 // kept: a callback that has failed is not called again before the caller has been stopped and started
-TEST_F(FailingPeriodicCallerTest, AnExceptionOfTheCallbackIsLoggedOnceAndEndsTheThread)
+TEST_F(FailingPeriodicCallerTest, ExceptionOfTheCallbackIsLoggedOnceAndEndsTheThread)
 {
     startAndFail();
 
@@ -64,7 +64,7 @@ TEST_F(FailingPeriodicCallerTest, AnExceptionOfTheCallbackIsLoggedOnceAndEndsThe
     EXPECT_THAT(log.lines().back(), debugLine("-periodicCallerThread(name = led)"));
 }
 
-TEST_F(FailingPeriodicCallerTest, TheExceptionIsLoggedUnderTheMutexTheEndOfTheThreadIsNot)
+TEST_F(FailingPeriodicCallerTest, ExceptionIsLoggedUnderTheMutexTheEndOfTheThreadIsNot)
 {
     std::vector<bool> freeAtLine; // only the worker writes while it runs
     log.onLine(
@@ -107,7 +107,7 @@ TEST_F(FailingPeriodicCallerTest, StopAfterAnExceptionJoinsTheEndedThread)
     EXPECT_THAT(log.lines(), ElementsAre(debugLine("+stop()"), stopping, debugLine("-stop()")));
 }
 
-TEST_F(PeriodicCallerExceptionTest, AnEmptyCallbackEndsTheThreadAsABadFunctionCall)
+TEST_F(PeriodicCallerExceptionTest, EmptyCallbackEndsTheThreadAsABadFunctionCall)
 {
     auto const badCall = isLine(Log::Severity::Critical, loggerOfLed,
                                 "PeriodicCaller thread stop because of exception. What: " +

@@ -186,7 +186,7 @@ TEST_F(PeriodicCallerStartStopTest, StartLogsItsEndBeforeItReleasesTheMutex)
     log.onLine(nullptr);
 }
 
-TEST_F(PeriodicCallerStartStopTest, ACallerWhoseThreadCannotBeCreatedCanBeStartedLater)
+TEST_F(PeriodicCallerStartStopTest, CallerWhoseThreadCannotBeCreatedCanBeStartedLater)
 {
     std::atomic<int> calls{0};
     PeriodicCaller sut(0us, "led", [&](auto const&) { ++calls; });
@@ -200,7 +200,7 @@ TEST_F(PeriodicCallerStartStopTest, ACallerWhoseThreadCannotBeCreatedCanBeStarte
     EXPECT_TRUE(waitFor([&] { return calls > 0; }));
 }
 
-TEST_F(PeriodicCallerStartStopTest, ACallerWhoseThreadCouldNotBeCreatedStopsAsOneNeverStarted)
+TEST_F(PeriodicCallerStartStopTest, CallerWhoseThreadCouldNotBeCreatedStopsAsOneNeverStarted)
 {
     PeriodicCaller sut(1h, "led", doNothing);
     pthreadCreate.failCall(1, EAGAIN, 0);
@@ -212,7 +212,7 @@ TEST_F(PeriodicCallerStartStopTest, ACallerWhoseThreadCouldNotBeCreatedStopsAsOn
     EXPECT_THAT(log.lines(), ElementsAre(debugLine("+stop()"), debugLine("-stop()")));
 }
 
-TEST_F(PeriodicCallerStartStopTest, AHundredStartsAndStopsLeaveNothingBehind)
+TEST_F(PeriodicCallerStartStopTest, HundredStartsAndStopsLeaveNothingBehind)
 {
     LogCapture const quiet(Log::Severity::Warning); // captured lines would count as heap blocks
     condClockwait.reset();

@@ -140,7 +140,7 @@ TEST_F(PeriodicCallerTest, DestructionOfACallerNeverStartedLogsItsStop)
 }
 
 // kept: quotes without a name in them; what reads the log looks for them
-TEST_F(PeriodicCallerTest, AnEmptyNameKeepsItsQuotes)
+TEST_F(PeriodicCallerTest, EmptyNameKeepsItsQuotes)
 {
     PeriodicCaller sut(1h, "", doNothing);
 
@@ -151,7 +151,7 @@ TEST_F(PeriodicCallerTest, AnEmptyNameKeepsItsQuotes)
         isLine(Log::Severity::Debug, "Halden::Tavro::Utils::PeriodicCaller ''", "+periodicCallerThread(name = )")));
 }
 
-TEST_F(PeriodicCallerTest, ANameIsNeverTakenAsAFormat)
+TEST_F(PeriodicCallerTest, NameIsNeverTakenAsAFormat)
 {
     PeriodicCaller sut(1h, "50%s'", doNothing);
 

@@ -26,7 +26,7 @@ TEST(RateLimitedTest, IsThreeCountsOfMillisecondsAndNotPolymorphic)
     EXPECT_EQ(sizeof(RateLimited), 3 * sizeof(milliseconds));
 }
 
-TEST(RateLimitedTest, TheClockIsTruncatedToWholeMilliseconds)
+TEST(RateLimitedTest, ClockIsTruncatedToWholeMilliseconds)
 {
     SteadyClockDouble clock(41'999'999ns);
     EXPECT_EQ(RateLimited::nowInMs(), 41ms);
@@ -45,7 +45,7 @@ TEST(RateLimitedTest, ReadsTheClockOncePerConstructionAndOncePerCall)
     EXPECT_EQ(clock.readings(), 2U);
 }
 
-TEST(RateLimitedTest, ANewObjectWithStampZeroIsNotDelayed)
+TEST(RateLimitedTest, NewObjectWithStampZeroIsNotDelayed)
 {
     SteadyClockDouble const clock(10s);
     RateLimited sut;
@@ -53,7 +53,7 @@ TEST(RateLimitedTest, ANewObjectWithStampZeroIsNotDelayed)
     EXPECT_FALSE(sut.delay(0ms, 100ms, 0));
 }
 
-TEST(RateLimitedTest, AFalseAnswerWithoutStampUpdatesTheLastCall)
+TEST(RateLimitedTest, FalseAnswerWithoutStampUpdatesTheLastCall)
 {
     SteadyClockDouble clock(9s);
     RateLimited sut;
@@ -66,7 +66,7 @@ TEST(RateLimitedTest, AFalseAnswerWithoutStampUpdatesTheLastCall)
 }
 
 // kept: a service that has just started reports no delay
-TEST(RateLimitedTest, ANewObjectIsSilentUntilAStampRunsAhead)
+TEST(RateLimitedTest, NewObjectIsSilentUntilAStampRunsAhead)
 {
     SteadyClockDouble const clock(10s);
     RateLimited sut;
@@ -76,7 +76,7 @@ TEST(RateLimitedTest, ANewObjectIsSilentUntilAStampRunsAhead)
     EXPECT_TRUE(sut.delay(9850ms, 100ms, 0));
 }
 
-TEST(RateLimitedTest, AReportedStampIsNotReportedAgain)
+TEST(RateLimitedTest, ReportedStampIsNotReportedAgain)
 {
     SteadyClockDouble clock(10s);
     RateLimited sut;
@@ -97,7 +97,7 @@ TEST(RateLimitedTest, AfterAReportTheNextNeedsAStampThatRunsAhead)
     EXPECT_TRUE(sut.delay(9850ms + 301ms, 100ms, 1));
 }
 
-TEST(RateLimitedTest, AStampWithinTheIntervalIsNotDelayed)
+TEST(RateLimitedTest, StampWithinTheIntervalIsNotDelayed)
 {
     SteadyClockDouble clock(10s);
     RateLimited sut;
@@ -107,7 +107,7 @@ TEST(RateLimitedTest, AStampWithinTheIntervalIsNotDelayed)
     EXPECT_TRUE(sut.delay(9900ms, 100ms, 0));
 }
 
-TEST(RateLimitedTest, AStampBeyondTheReferenceIsMeasuredFromTheReference)
+TEST(RateLimitedTest, StampBeyondTheReferenceIsMeasuredFromTheReference)
 {
     SteadyClockDouble clock(10s);
     RateLimited sut;
@@ -136,7 +136,7 @@ TEST(RateLimitedTest, FrequentCallsAreReportedUpToTwoIntervals)
     EXPECT_FALSE(isReportedAmongFrequentCalls(201ms));
 }
 
-TEST(RateLimitedTest, ACallAfterMoreThanAnIntervalIsReportedHoweverLate)
+TEST(RateLimitedTest, CallAfterMoreThanAnIntervalIsReportedHoweverLate)
 {
     SteadyClockDouble clock(10s);
     RateLimited sut;
@@ -150,7 +150,7 @@ TEST(RateLimitedTest, ACallAfterMoreThanAnIntervalIsReportedHoweverLate)
     EXPECT_TRUE(sut.delay(9950ms, 100ms, 0));
 }
 
-TEST(RateLimitedTest, AStampOfZeroOrLessIsNeverReported)
+TEST(RateLimitedTest, StampOfZeroOrLessIsNeverReported)
 {
     SteadyClockDouble clock(10s);
     RateLimited sut;
@@ -164,7 +164,7 @@ TEST(RateLimitedTest, AStampOfZeroOrLessIsNeverReported)
     EXPECT_TRUE(sut.delay(1ms, 100ms, 0));
 }
 
-TEST(RateLimitedTest, TheGreatestTolerancesDoNotWrap)
+TEST(RateLimitedTest, GreatestTolerancesDoNotWrap)
 {
     for (unsigned char const tolerance : {std::uint8_t{253}, std::uint8_t{254}, std::uint8_t{255}})
     {
@@ -177,7 +177,7 @@ TEST(RateLimitedTest, TheGreatestTolerancesDoNotWrap)
     }
 }
 
-TEST(RateLimitedTest, TheGreatestIntervalIsNeverOver)
+TEST(RateLimitedTest, GreatestIntervalIsNeverOver)
 {
     SteadyClockDouble clock(10s);
     RateLimited sut;
@@ -200,7 +200,7 @@ TEST(RateLimitedTest, NoStampRunsAheadOfTheGreatestInterval)
     EXPECT_TRUE(sut.delay(10s + 40ms, 100ms, 0)); // itself 20 ms old, the reference still 110 ms
 }
 
-TEST(RateLimitedTest, TheLeastIntervalIsAlwaysOver)
+TEST(RateLimitedTest, LeastIntervalIsAlwaysOver)
 {
     SteadyClockDouble const clock(10s);
     RateLimited sut;
@@ -208,7 +208,7 @@ TEST(RateLimitedTest, TheLeastIntervalIsAlwaysOver)
     EXPECT_TRUE(sut.delay(9950ms, milliseconds::min(), 255));
 }
 
-TEST(RateLimitedTest, TheGreatestStampIsNotDelayed)
+TEST(RateLimitedTest, GreatestStampIsNotDelayed)
 {
     SteadyClockDouble const clock(10s);
     RateLimited sut;

@@ -171,7 +171,7 @@ TEST_F(SystemTimeHandlerHardenedTest, PollBeforeInitializeFindsTheTimerStillRunn
     EXPECT_THAT(events, IsEmpty());
 }
 
-TEST_F(SystemTimeHandlerHardenedTest, AThousandHandlersLeaveNothingBehind)
+TEST_F(SystemTimeHandlerHardenedTest, ThousandHandlersLeaveNothingBehind)
 {
     useRealTimers();
     auto const run = [this](int count)
@@ -196,7 +196,7 @@ TEST_F(SystemTimeHandlerHardenedTest, AThousandHandlersLeaveNothingBehind)
     EXPECT_TRUE(isBackTo(before));
 }
 
-TEST_F(SystemTimeHandlerHardenedTest, AThousandClockDevicesThatFailLeaveNothingBehind)
+TEST_F(SystemTimeHandlerHardenedTest, ThousandClockDevicesThatFailLeaveNothingBehind)
 {
     devices = {"/dev/rtc0"};
     log.expect(isLine(Severity::Error, "",

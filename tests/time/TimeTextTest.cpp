@@ -59,7 +59,7 @@ TEST_F(TimeTextTest, FiveMillisecondsPastASecondAreThreeDigits)
     EXPECT_EQ(textOf(marchDay + 5ms), "2024-03-05T07:08:09.005Z");
 }
 
-TEST_F(TimeTextTest, AWholeSecondEndsInThreeZeros)
+TEST_F(TimeTextTest, WholeSecondEndsInThreeZeros)
 {
     zone.set(utc);
 
@@ -74,7 +74,7 @@ TEST_F(TimeTextTest, FractionsOfAMillisecondAreCutOff)
 }
 
 // kept: who reads these texts has always got local time
-TEST_F(TimeTextTest, TheTextIsLocalTimeDespiteTheZ)
+TEST_F(TimeTextTest, TextIsLocalTimeDespiteTheZ)
 {
     zone.set(berlin);
     EXPECT_EQ(textOf(marchDay), "2024-03-05T08:08:09.000Z");
@@ -151,7 +151,7 @@ TEST_F(TimeTextTest, AgreesWithTheSystemAtTheBordersOfWhatTheClockAndATimeOf32Bi
     }
 }
 
-TEST_F(TimeTextTest, AWholeSecondBefore1970IsExact)
+TEST_F(TimeTextTest, WholeSecondBefore1970IsExact)
 {
     zone.set(utc);
     EXPECT_EQ(textOf(-1s), "1969-12-31T23:59:59.000Z");
@@ -165,7 +165,7 @@ TEST_F(TimeTextTest, AWholeSecondBefore1970IsExact)
 }
 
 // kept: no clock in use stands before 1970, and no text changes
-TEST_F(TimeTextTest, TheFractionBefore1970IsTruncatedTowards1970AndPrintsAsAnUnsignedNumber)
+TEST_F(TimeTextTest, FractionBefore1970IsTruncatedTowards1970AndPrintsAsAnUnsignedNumber)
 {
     zone.set(utc);
 

@@ -62,7 +62,7 @@ TEST(WaitSpinLockTest, IsPolymorphicWithoutFields)
     EXPECT_EQ(sizeof(WaitSpinLock), sizeof(void*));
 }
 
-TEST(WaitSpinLockTest, TheRealClockHasMovedOnByTheDuration)
+TEST(WaitSpinLockTest, RealClockHasMovedOnByTheDuration)
 {
     auto const start = std::chrono::steady_clock::now();
 
@@ -91,7 +91,7 @@ TEST(WaitSpinLockTest, ComparesInNanoseconds)
     EXPECT_EQ(clock.readings(), 1U + 2U); // 999 ns are not enough
 }
 
-TEST(WaitSpinLockTest, AZeroDurationEndsWithTheFirstReadingAfterTheStart)
+TEST(WaitSpinLockTest, ZeroDurationEndsWithTheFirstReadingAfterTheStart)
 {
     SteadyClockDouble const clock(1h);
 
@@ -100,7 +100,7 @@ TEST(WaitSpinLockTest, AZeroDurationEndsWithTheFirstReadingAfterTheStart)
     EXPECT_EQ(clock.readings(), 2U);
 }
 
-TEST(WaitSpinLockTest, ANegativeDurationEndsWithTheFirstReadingAfterTheStart)
+TEST(WaitSpinLockTest, NegativeDurationEndsWithTheFirstReadingAfterTheStart)
 {
     SteadyClockDouble const clock(1h);
 
@@ -110,7 +110,7 @@ TEST(WaitSpinLockTest, ANegativeDurationEndsWithTheFirstReadingAfterTheStart)
     EXPECT_EQ(clock.readings(), 4U);
 }
 
-TEST(WaitSpinLockTest, TheGreatestDurationLastsAsLongAsTheClockCanTell)
+TEST(WaitSpinLockTest, GreatestDurationLastsAsLongAsTheClockCanTell)
 {
     SteadyClockDouble clock(0ns);
     clock.advanceWithEachReading(std::chrono::nanoseconds::max() / 2 + 1ns);
