@@ -3,6 +3,7 @@
 #include <utils/Hdf5Library.h>
 
 #include "files/WorkingDirectory.h"
+#include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
 
@@ -42,12 +43,12 @@ TEST(Hdf5LibraryLockTest, LockWaitsUntilTheOneBeforeIsDropped)
                                  auto const lock = Hdf5Library::instance().lock();
                                  return dropped.load();
                              });
-    EXPECT_EQ(second.wait_for(100ms), std::future_status::timeout);
+    EXPECT_FALSE(becomesReady(second, 100ms));
 
     dropped = true;
     first.reset();
 
-    ASSERT_EQ(second.wait_for(10s), std::future_status::ready);
+    ASSERT_TRUE(becomesReady(second, 10s));
     EXPECT_TRUE(second.get());
 }
 

@@ -54,19 +54,19 @@ TEST_F(LocalIpsKernelExactTest, LostEventsLeaveTheListWrongUntilTheMonitorIsMade
                 if (ip.string() == "10.0.0.1")
                 {
                     held.set_value();
-                    EXPECT_EQ(released.wait_for(1min), std::future_status::ready);
+                    EXPECT_TRUE(becomesReady(released, 1min));
                 }
             };
             auto sut = std::make_unique<LocalIps>(hold, nullptr, [&failure] { failure.set_value(); });
             control.addAddress("lo", "10.0.0.1");
-            ASSERT_EQ(held.get_future().wait_for(1min), std::future_status::ready);
+            ASSERT_TRUE(becomesReady(held.get_future(), 1min));
 
             for (int i = 0; i < 50; ++i)
             {
                 control.addAddress("lo", numbered("10.1.", i));
             }
             release.set_value();
-            ASSERT_EQ(failure.get_future().wait_for(1min), std::future_status::ready);
+            ASSERT_TRUE(becomesReady(failure.get_future(), 1min));
             // The events behind the lost ones, of which there are few, may be handled by now or not.
             EXPECT_LT(sut->addresses().size(), 53U);
             sut.reset();

@@ -69,10 +69,10 @@ public:
     void pass()
     {
         arrived.set_value();
-        EXPECT_EQ(released.wait_for(1min), std::future_status::ready);
+        EXPECT_TRUE(becomesReady(released, 1min));
     }
 
-    bool waitForArrival() { return arrived.get_future().wait_for(1min) == std::future_status::ready; }
+    bool waitForArrival() { return becomesReady(arrived.get_future(), 1min); }
     void open() { release.set_value(); }
 
 private:

@@ -66,7 +66,7 @@ TEST_F(LocalIpsKernelTest, SeesAddressesComeAndGoAndMayBeAskedInCallbacks)
             EXPECT_TRUE(reports.waitForCount(6));
 
             auto listed = list.get_future();
-            ASSERT_EQ(listed.wait_for(1min), std::future_status::ready);
+            ASSERT_TRUE(becomesReady(listed, 1min));
             EXPECT_THAT(listed.get(), ElementsAre("127.0.0.1", "::1", "10.0.0.1"));
             EXPECT_THAT(reports.all(),
                         ElementsAre("+127.0.0.1", "+::1", "+10.0.0.1", "+fd00::1", "-10.0.0.1", "-fd00::1"));

@@ -2,6 +2,8 @@
 
 #include <utils/PcmItem.h>
 
+#include "support/WaitFor.h"
+
 #include <chrono>
 #include <future>
 
@@ -35,10 +37,7 @@ public:
     {
     }
 
-    bool returnsWithin(std::chrono::milliseconds time) const
-    {
-        return returned.wait_for(time) == std::future_status::ready;
-    }
+    bool returnsWithin(std::chrono::milliseconds time) const { return becomesReady(returned, time); }
 
 private:
     std::future<void> returned;

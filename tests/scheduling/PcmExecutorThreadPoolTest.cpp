@@ -46,11 +46,6 @@ std::future<void> executeAside(PeriodicCallerManagerExecutorIfc& executor, Batch
     return std::async(std::launch::async, [&executor, &batch] { executor.execute(batch); });
 }
 
-bool isReadyWithin(std::future<void> const& future, std::chrono::milliseconds time)
-{
-    return future.wait_for(time) == std::future_status::ready;
-}
-
 TEST_F(PcmExecutorThreadPoolTest, EmptyBatchLogsBothLinesWithTheCountZero)
 {
     PcmExecutorThreadPool sut;
@@ -170,7 +165,7 @@ TEST_F(PcmExecutorThreadPoolTest, PoolAndCallingThreadTogetherBoundTheItemsInPro
 
     EXPECT_TRUE(poolIsBusy);
     EXPECT_LE(inProgress, bound);
-    EXPECT_TRUE(isReadyWithin(execution, limit));
+    EXPECT_TRUE(becomesReady(execution, limit));
     EXPECT_EQ(started, bound + 1);
 }
 
@@ -190,10 +185,10 @@ TEST_F(PcmExecutorThreadPoolTest, ReturnsOnlyWhenTheSlowestItemHasFinished)
 
     auto const execution = executeAside(sut, batch);
     EXPECT_TRUE(waitFor([&finished] { return finished == 2; }));
-    EXPECT_FALSE(isReadyWithin(execution, watchTime));
+    EXPECT_FALSE(becomesReady(execution, watchTime));
     release.set_value();
 
-    EXPECT_TRUE(isReadyWithin(execution, limit));
+    EXPECT_TRUE(becomesReady(execution, limit));
     EXPECT_EQ(finished, 3);
 }
 

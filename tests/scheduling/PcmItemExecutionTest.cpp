@@ -2,6 +2,7 @@
 
 #include "scheduling/ItemTest.h"
 #include "support/LogCapture.h"
+#include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
 
@@ -35,7 +36,7 @@ public:
         released.get_future().wait_for(limit);
     }
 
-    bool waitEntered() { return entered.get_future().wait_for(limit) == std::future_status::ready; }
+    bool waitEntered() { return becomesReady(entered.get_future(), limit); }
     void release() { released.set_value(); }
 
     std::atomic<int> entries{0};
@@ -135,7 +136,7 @@ TEST(PcmItemExecutionTest, WaitInsideTheFunctionReturnsAtOnce)
     self = sut.get();
 
     std::thread execution([sut] { sut->execute(); });
-    bool const inTime = returned->get_future().wait_for(limit) == std::future_status::ready;
+    bool const inTime = becomesReady(returned->get_future(), limit);
     inTime ? execution.join() : execution.detach();
 
     EXPECT_TRUE(inTime);
@@ -151,10 +152,10 @@ TEST(PcmItemExecutionTest, ForbiddingDuringAnExecutionNeitherBlocksNorDisturbsIt
     ASSERT_TRUE(function.waitEntered());
 
     auto const forbidding = std::async(std::launch::async, [&sut] { sut.forbidFurtherExecutions(); });
-    EXPECT_EQ(forbidding.wait_for(limit), std::future_status::ready);
+    EXPECT_TRUE(becomesReady(forbidding, limit));
     EXPECT_THAT(log.lines(), IsEmpty());
     function.release();
-    EXPECT_EQ(execution.wait_for(limit), std::future_status::ready);
+    EXPECT_TRUE(becomesReady(execution, limit));
 
     sut.execute();
     EXPECT_EQ(function.entries, 1);

@@ -1,6 +1,7 @@
 #include <utils/testing/BarrierGuard.h>
 
 #include "support/SteadyClockDouble.h"
+#include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
 
@@ -16,6 +17,7 @@ namespace
 
 using namespace std::chrono_literals;
 using namespace testing;
+using TestSupport::becomesReady;
 
 class BarrierGuardTest : public Test
 {
@@ -31,7 +33,7 @@ protected:
                           });
     }
 
-    static bool isDone(std::future<bool> const& thread) { return thread.wait_for(20s) == std::future_status::ready; }
+    static bool isDone(std::future<bool> const& thread) { return becomesReady(thread, 20s); }
 
     CodeMonitor monitor{"work"};
 };
@@ -45,7 +47,7 @@ TEST_F(BarrierGuardTest, HoldsTheThreadThatComesWithItsValues)
 
     ASSERT_TRUE(sut.waitTrapped());
     EXPECT_EQ(monitor.getArgument("sum").value.uint64, 3);
-    EXPECT_EQ(thread.wait_for(0s), std::future_status::timeout);
+    EXPECT_FALSE(becomesReady(thread, 0s));
     EXPECT_TRUE(sut.release());
     ASSERT_TRUE(isDone(thread));
     EXPECT_TRUE(thread.get());

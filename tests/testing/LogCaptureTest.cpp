@@ -1,5 +1,7 @@
 #include <utils/testing/LogCaptureGmock.h>
 
+#include "support/WaitFor.h"
+
 #include <log/Logger.h>
 
 #include <gmock/gmock.h>
@@ -21,6 +23,7 @@ using namespace std::chrono_literals;
 using namespace testing;
 using Log::LoggerProxy;
 using Log::Severity;
+using TestSupport::becomesReady;
 
 struct Service : Log::Logger
 {
@@ -243,12 +246,12 @@ TEST_F(LogCaptureTest, LoggerInsideTheSinkAtTheEndOfTheCaptureMayFinish)
             goOn.get_future().wait_for(20s);
         });
     auto const logging = std::async(std::launch::async, [] { log(Severity::Info, "late"); });
-    EXPECT_EQ(inside.get_future().wait_for(20s), std::future_status::ready);
+    EXPECT_TRUE(becomesReady(inside.get_future(), 20s));
 
     sut.reset();
     goOn.set_value();
 
-    EXPECT_EQ(logging.wait_for(20s), std::future_status::ready);
+    EXPECT_TRUE(becomesReady(logging, 20s));
 }
 
 TEST(LogCaptureLineTest, LinesAreEqualInAllTheirParts)

@@ -2,6 +2,7 @@
 
 #include "scheduling/HeldCall.h"
 #include "support/ClockTime.h"
+#include "support/WaitFor.h"
 
 #include <utils/testing/LogCaptureGmock.h>
 #include <utils/testing/ManualTimeManager.h>
@@ -298,11 +299,11 @@ TEST_F(ManualTimeManagerTest, TokenDestroyedByAnotherThreadWaitsForItsFunction)
     auto const destroyed = std::async(std::launch::async, [&token] { token.reset(); });
     EXPECT_TRUE(log.waitFor(isLine(Log::Severity::Trace, "Halden::Tavro::Utils::PeriodicCallerManager()",
                                    std::string("~remove: removed one, now has 0 items"))));
-    EXPECT_EQ(destroyed.wait_for(20ms), std::future_status::timeout);
+    EXPECT_FALSE(becomesReady(destroyed, 20ms));
     held.release();
 
-    EXPECT_EQ(destroyed.wait_for(20s), std::future_status::ready);
-    ASSERT_EQ(advancing.wait_for(20s), std::future_status::ready);
+    EXPECT_TRUE(becomesReady(destroyed, 20s));
+    ASSERT_TRUE(becomesReady(advancing, 20s));
     sut->advance(1s);
     EXPECT_EQ(held.count(), 1);
 }
@@ -321,7 +322,7 @@ TEST_F(ManualTimeManagerTest, FunctionsComeAndGoOnOtherThreadsWhileTimePasses)
         isLine(Log::Severity::Warning, "Halden::Tavro::Utils::PcmItem",
                std::string("Execution of PCM item is forbidden"))); // of one that goes in the middle of its batch
 
-    while (coming.wait_for(0s) != std::future_status::ready)
+    while (!becomesReady(coming, 0s))
     {
         sut->advance(1ms);
     }
@@ -381,7 +382,7 @@ TEST_F(ManualTimeManagerTest, NameIsPartOfTheLoggersName)
 
 /// A second of this thread's processor, however busy the machine is; where the build itself makes things slow, that
 /// does not count.
-TEST_F(ManualTimeManagerTest, AnHourOfTenFunctionsOfTenMillisecondsTakesLessThanASecond)
+TEST_F(ManualTimeManagerTest, HourOfTenFunctionsOfTenMillisecondsTakesLessThanASecond)
 {
     constexpr int callsAnHour = 360'000;
     Log::LoggerProxy::instance().setThreshold(Log::Severity::Info);

@@ -1,3 +1,4 @@
+#include "support/WaitFor.h"
 #include "time/SystemTimeHandlerFixture.h"
 
 #include <gmock/gmock.h>
@@ -333,23 +334,23 @@ TEST_F(SystemTimeHandlerPollTest, DestructorWaitsUntilAPollHasDestroyedItsTokenA
     manager->onTokenDestruction = [&]
     {
         tokenTaken.set_value();
-        EXPECT_EQ(gone.wait_for(200ms), std::future_status::timeout);
+        EXPECT_FALSE(becomesReady(gone, 200ms));
     };
     closeDouble.replace(
         [&](int descriptor)
         {
-            EXPECT_EQ(gone.wait_for(10s), std::future_status::ready);
+            EXPECT_TRUE(becomesReady(gone, 10s));
             events.push_back("close " + std::to_string(descriptor));
             return 0;
         });
 
     std::thread poll(manager->function);
-    auto const taken = tokenTaken.get_future().wait_for(10s);
+    bool const isTaken = becomesReady(tokenTaken.get_future(), 10s);
     handler.reset();
     handlerGone.set_value();
     poll.join();
 
-    EXPECT_EQ(taken, std::future_status::ready);
+    EXPECT_TRUE(isTaken);
     EXPECT_EQ(manager->destroyed, 1);
     EXPECT_THAT(events, ElementsAre("close 4711"));
 }
