@@ -38,29 +38,7 @@ protected:
     std::shared_ptr<Testing::ManualTimeManager> const manager = std::make_shared<Testing::ManualTimeManager>();
     std::shared_ptr<prometheus::Registry> const registry = std::make_shared<prometheus::Registry>();
     MeasuredManager sut{manager, registry};
-
-    bool isUsable(std::string const& name) const
-    {
-        try
-        {
-            return sut.named(name) != nullptr;
-        }
-        catch (std::invalid_argument const&)
-        {
-            return false;
-        }
-    }
 };
-
-std::string text(std::vector<unsigned> const& bytes)
-{
-    std::string text;
-    for (unsigned const byte : bytes)
-    {
-        text.push_back(static_cast<char>(static_cast<unsigned char>(byte)));
-    }
-    return text;
-}
 
 TEST_F(MeasuredManagerNamesTest, MetricsBeginWithThePrefixAndTellOfTheFunctionInALabel)
 {
@@ -160,39 +138,6 @@ TEST_F(MeasuredManagerNamesTest, AnyOtherTextIsAName)
 
         EXPECT_EQ(valueOf(*registry, "periodic_function_runs_total", name), 1);
     }
-}
-
-TEST_F(MeasuredManagerNamesTest, EachByteOfACharacterHasItsRange)
-{
-    // Those of the first two bytes; the others are 80 to bf.
-    struct Range
-    {
-        unsigned firstFrom, firstTo, secondFrom, secondTo;
-        std::size_t length;
-    };
-    for (auto const& range :
-         {Range{0xc2, 0xdf, 0x80, 0xbf, 2}, Range{0xe0, 0xe0, 0xa0, 0xbf, 3}, Range{0xe1, 0xec, 0x80, 0xbf, 3},
-          Range{0xed, 0xed, 0x80, 0x9f, 3}, Range{0xee, 0xef, 0x80, 0xbf, 3}, Range{0xf0, 0xf0, 0x90, 0xbf, 4},
-          Range{0xf1, 0xf3, 0x80, 0xbf, 4}, Range{0xf4, 0xf4, 0x80, 0x8f, 4}})
-    {
-        for (unsigned const first : {range.firstFrom, range.firstTo})
-        {
-            std::string const whole = text({first, range.secondFrom, 0x80, 0xbf}).substr(0, range.length);
-            for (std::size_t place = 1; place < range.length; ++place)
-            {
-                unsigned const from = place == 1 ? range.secondFrom : 0x80;
-                unsigned const to = place == 1 ? range.secondTo : 0xbf;
-                for (unsigned const byte : {from - 1, from, to, to + 1})
-                {
-                    std::string name = whole;
-                    name[place] = text({byte})[0];
-                    EXPECT_EQ(isUsable(name), byte >= from && byte <= to) << PrintToString(name);
-                }
-            }
-        }
-    }
-    EXPECT_FALSE(isUsable("\xc1\x80"));
-    EXPECT_FALSE(isUsable("\xf5\x80\x80\x80"));
 }
 
 TEST_F(MeasuredManagerNamesTest, NameIsTakenWhileItsFunctionIsThere)
