@@ -50,7 +50,7 @@ namespace Halden::Tavro::Utils
 ///     {
 ///     public:
 ///         Monitor()
-///             : Log::Logger("Monitor", "", std::make_shared<Log::LoggerImpl>())
+///             : Log::Logger("LocalIps", "", std::make_shared<Log::LoggerImpl>())
 ///             , LocalIps(announce, withdraw, {})
 ///         {
 ///         }
