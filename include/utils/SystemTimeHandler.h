@@ -111,7 +111,8 @@ protected:
     /// @return 0, or anything else with the reason in errno
     int startSetClockDetection();
 
-    /// One poll: the manager's function. In the hardened build, one before initialize() finds the timer still running.
+    /// One poll: the manager's function. Decides anew, also when a derived class calls it after the polling has ended.
+    /// In the hardened build, one before initialize() finds the timer still running.
     void pollTimeStatus();
 
 private:
