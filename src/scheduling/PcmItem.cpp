@@ -47,16 +47,25 @@ steady_clock::time_point load(steady_clock::time_point const& field)
     }
 }
 
-/// Sets the flag, and tells whether it was set before.
-bool testAndSet(bool& flag)
+/// Whether an exception is the first. Of several at once, the hardened build calls one so.
+bool isFirst(bool& alreadyLogged)
 {
     if constexpr (hardened)
     {
-        return __atomic_exchange_n(&flag, true, __ATOMIC_RELAXED);
+        return !__atomic_exchange_n(&alreadyLogged, true, __ATOMIC_RELAXED);
     }
     else
     {
-        return std::exchange(flag, true); // kept: [two-first-exceptions] outside the lock
+        return !alreadyLogged; // kept: [two-first-exceptions] outside the lock
+    }
+}
+
+/// To be called when the first one has been logged.
+void noteFirst(bool& alreadyLogged)
+{
+    if constexpr (!hardened)
+    {
+        alreadyLogged = true; // kept: [two-first-exceptions] those that come during the log call are first ones as well
     }
 }
 
@@ -88,7 +97,7 @@ void PcmItem::execute()
     }
     catch (std::exception const& exception)
     {
-        if (testAndSet(exceptionAlreadyLogged))
+        if (!isFirst(exceptionAlreadyLogged))
         {
             TAVRO_LOG_TO(*this, Log::Severity::Trace, "PcmItem execution threw exception. Exception: %s.\n",
                          exception.what());
@@ -98,16 +107,18 @@ void PcmItem::execute()
                      "PcmItem execution threw exception. Exception: %s.\n"
                      "Further exceptions will be logged with trace level",
                      exception.what());
+        noteFirst(exceptionAlreadyLogged);
     }
     catch (...)
     {
-        if (testAndSet(exceptionAlreadyLogged))
+        if (!isFirst(exceptionAlreadyLogged))
         {
             TAVRO_LOG_TO(*this, Log::Severity::Trace, "PcmItem execution threw unknown exception.");
             return;
         }
         TAVRO_LOG_TO(*this, Log::Severity::Error,
                      "PcmItem execution threw unknown exception. Further exceptions will be logged with trace level");
+        noteFirst(exceptionAlreadyLogged);
     }
 }
 

@@ -1,11 +1,16 @@
 #pragma once
 
+#include <log/Logger.h>
 #include <utils/PcmItem.h>
 
 #include "support/WaitFor.h"
 
 #include <chrono>
+#include <functional>
 #include <future>
+#include <memory>
+#include <utility>
+#include <vector>
 
 /// What the tests of the item share.
 namespace Halden::Tavro::TestSupport
@@ -42,5 +47,37 @@ public:
 private:
     std::future<void> returned;
 };
+
+/// Executes an item that throws, and once more while the line of the first exception is being written.
+///
+/// @return the severities of both lines, in the order in which their writing began
+inline std::vector<Log::Severity> severitiesOfTwoAtOnce(std::function<void()> const& throwing)
+{
+    struct Sink : Log::LoggerImplIfc
+    {
+        void write(Log::Record const& record) override
+        {
+            severities.push_back(record.severity);
+            if (severities.size() == 1)
+            {
+                executeAgain();
+            }
+        }
+
+        std::function<void()> executeAgain;
+        std::vector<Log::Severity> severities;
+    };
+    auto const sink = std::make_shared<Sink>();
+    auto const previous = Log::LoggerProxy::instance().setSink(sink);
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Trace);
+    Utils::PcmItem item(throwing, std::chrono::milliseconds(1));
+    sink->executeAgain = [&item] { item.execute(); };
+
+    item.execute();
+
+    Log::LoggerProxy::instance().setThreshold(Log::Severity::Info);
+    Log::LoggerProxy::instance().setSink(previous);
+    return std::move(sink->severities);
+}
 
 }

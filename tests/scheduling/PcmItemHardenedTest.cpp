@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 
 namespace Halden::Tavro::Utils
@@ -66,6 +67,13 @@ TEST(PcmItemHardenedTest, OneOfManyExceptionsAtOnceIsTheFirst)
         ASSERT_EQ(log.count(error), 1U);
         ASSERT_EQ(log.lines().size(), 2U);
     }
+}
+
+TEST(PcmItemHardenedTest, ExceptionBesideTheLineOfTheFirstIsATrace)
+{
+    EXPECT_THAT(severitiesOfTwoAtOnce([] { throw std::runtime_error("x"); }),
+                ElementsAre(Severity::Error, Severity::Trace));
+    EXPECT_THAT(severitiesOfTwoAtOnce([] { throw 42; }), ElementsAre(Severity::Error, Severity::Trace));
 }
 
 }
