@@ -33,7 +33,7 @@ public:
     {
         entries.fetch_add(1);
         entered.set_value();
-        released.get_future().wait_for(limit);
+        released.get_future().wait_for(2 * limit); // so what waits for its end in vain has given up before
     }
 
     bool waitEntered() { return becomesReady(entered.get_future(), limit); }
