@@ -222,6 +222,47 @@ TEST_F(PcmExecutorThreadPoolTest, CallingThreadRunsFromTheFrontWhatNoPoolThreadH
     EXPECT_THAT(runs, inOrder);
 }
 
+TEST_F(PcmExecutorThreadPoolTest, ThreadsOfThePoolTakeTheItemsFromTheFront)
+{
+    hardwareThreads = 1;
+    std::mutex mutex;
+    std::vector<int> started; // guarded by mutex
+    std::promise<void> release;
+    auto const hold = [&, released = release.get_future().share()](int number)
+    {
+        {
+            std::lock_guard const lock(mutex);
+            started.push_back(number);
+        }
+        released.wait_for(limit);
+    };
+    Batch batch;
+    for (int i = 0; i < 12; ++i)
+    {
+        batch.push_back(makeItem([&hold, i] { hold(i); }));
+    }
+    PcmExecutorThreadPool sut;
+
+    // The calling thread comes to the first item, and runs it or waits for it, so six are in progress.
+    auto const execution = executeAside(sut, batch);
+    bool const areBusy = waitFor(
+        [&]
+        {
+            std::lock_guard const lock(mutex);
+            return started.size() >= 6;
+        });
+    std::vector<int> inProgress;
+    {
+        std::lock_guard const lock(mutex);
+        inProgress = started;
+    }
+    release.set_value();
+
+    EXPECT_TRUE(areBusy);
+    EXPECT_THAT(inProgress, UnorderedElementsAre(0, 1, 2, 3, 4, 5));
+    EXPECT_TRUE(becomesReady(execution, limit));
+}
+
 TEST_F(PcmExecutorThreadPoolTest, ExceptionOutOfAnItemIsNeverFetched)
 {
     auto const throwing = std::make_shared<ThrowingItem>();
