@@ -223,6 +223,28 @@ TEST_F(PeriodicCallerCallTest, AfterARestartTheElapsedTimeCountsFromTheNewThread
     EXPECT_THAT(calls.all(), ElementsAre(1s));
 }
 
+TEST_F(PeriodicCallerCallTest, TheFirstElapsedTimeLeavesOutTheWorkersFirstLine)
+{
+    Recorded<microseconds> calls;
+    wallClock = nanoseconds(1000h).count();
+    wallClockStep = nanoseconds(1s).count();
+    skippedWaits = 1;
+    log.onLine(
+        [](LogLine const& line)
+        {
+            if (line.text == "+periodicCallerThread(name = led)")
+            {
+                wallClock += nanoseconds(10h).count();
+            }
+        });
+    PeriodicCaller sut(1h, "led", [&](auto const& elapsed) { calls.add(elapsed); });
+
+    sut.start();
+
+    ASSERT_TRUE(calls.waitForCount(1));
+    EXPECT_THAT(calls.get(), ElementsAre(1s));
+}
+
 }
 
 }
