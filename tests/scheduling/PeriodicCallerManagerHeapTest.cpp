@@ -76,20 +76,6 @@ TEST_F(PeriodicCallerManagerHeapTest, SequentialPassAllocatesItsBatchOnly)
     EXPECT_LE(allocations, passes);
 }
 
-TEST_F(PeriodicCallerManagerHeapTest, ChangeOfTheNextDueTimeComposesNoTextWhileTraceIsOff)
-{
-    auto const sut = makeAsleep();
-    Token const later = sut->add([] {}, thirtyYears);
-    SchedulerSleep::await();
-    Token earlier = sut->add([] {}, sixYears);
-    SchedulerSleep::await();
-
-    std::size_t const allocationsBefore = heapAllocations();
-    earlier.reset();
-
-    EXPECT_EQ(heapAllocations(), allocationsBefore);
-}
-
 class PeriodicCallerManagerLeakTest : public PeriodicCallerManagerHeapTest, public testing::WithParamInterface<Strategy>
 {
 protected:
