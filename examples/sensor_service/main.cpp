@@ -30,7 +30,7 @@ private:
     std::normal_distribution<double> values{21.5, 0.5};
 };
 
-int serve(int seconds)
+int serve(std::chrono::seconds duration)
 {
     auto const manager = std::make_shared<Utils::PeriodicCallerManager>(
         Utils::PeriodicCallerManager::ExecutionStrategy::Sequential, "sensor");
@@ -39,7 +39,7 @@ int serve(int seconds)
     Utils::FirmwareVersionTavro firmware;
     firmware.init();
     SensorService const service(*manager, systemTime, firmware, MadeUpSensor());
-    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    std::this_thread::sleep_for(duration);
     std::cout << service.report() << '\n';
     return 0; // with the hardened build; a service that may meet the exact one ends by std::_Exit
 }
@@ -51,5 +51,5 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape): may end th
     int seconds = 1;
     Program program("Reads a made-up sensor and reports what it has found.");
     program.option("--seconds", seconds, "Ends after that many seconds").range(1, 86400).showDefault();
-    return program.run(argc, argv, [&] { return serve(seconds); });
+    return program.run(argc, argv, [&] { return serve(std::chrono::seconds(seconds)); });
 }
