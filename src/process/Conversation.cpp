@@ -108,11 +108,19 @@ public:
     }
 
 private:
+    /// A read that fails loses what it has got before, so each asks only for what the source holds already.
     std::size_t readSource()
     {
-        source.read(buffer.data(), chunkSize); // kept: [failed-input-is-the-end] a read that fails counts as the end
-        sourceEnded = source.gcount() < chunkSize;
-        return static_cast<std::size_t>(source.gcount());
+        std::size_t count = 0;
+        // kept: [failed-input-is-the-end] a source that fails counts as ended
+        while (count < buffer.size() && source.peek() != std::istream::traits_type::eof())
+        {
+            auto const room = static_cast<std::streamsize>(buffer.size() - count);
+            source.read(buffer.data() + count, std::clamp<std::streamsize>(source.rdbuf()->in_avail(), 1, room));
+            count += static_cast<std::size_t>(source.gcount());
+        }
+        sourceEnded = count < buffer.size();
+        return count;
     }
 
     std::optional<SigpipeBlock> block{std::in_place};

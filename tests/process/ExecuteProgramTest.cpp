@@ -279,10 +279,13 @@ TEST_F(ExecuteProgramTest, ProgramInheritsNoPipeOfAnotherCall)
 // kept: the program is given what could be read
 TEST_F(ExecuteProgramTest, InputThatFailsEndsThere)
 {
-    InputThatCalls buffer([] { throw std::runtime_error("I/O error"); });
-    std::istream const input(&buffer);
+    for (std::string const& text : {std::string(), std::string("a"), std::string(9000, 'b')})
+    {
+        InputThatCalls buffer([] { throw std::runtime_error("I/O error"); }, text);
+        std::istream const input(&buffer);
 
-    EXPECT_EQ(execute("/usr/bin/wc", {"-c"}, {}, input, longEnough).output, "0\n");
+        EXPECT_EQ(execute("/bin/cat", {}, {}, input, longEnough).output, text);
+    }
 }
 
 TEST_F(ExecuteProgramTest, ProgramHasTheSignalMaskOfTheCaller)

@@ -2,18 +2,21 @@
 
 #include <functional>
 #include <streambuf>
+#include <string>
 #include <utility>
 
 namespace Halden::Tavro::TestSupport
 {
 
-/// An input that runs a function before its end.
+/// An input that runs a function between its text and its end.
 class InputThatCalls : public std::streambuf
 {
 public:
-    explicit InputThatCalls(std::function<void()> function)
+    explicit InputThatCalls(std::function<void()> function, std::string text = {})
         : function(std::move(function))
+        , text(std::move(text))
     {
+        setg(this->text.data(), this->text.data(), this->text.data() + this->text.size());
     }
 
 protected:
@@ -25,6 +28,7 @@ protected:
 
 private:
     std::function<void()> function;
+    std::string text;
 };
 
 }
