@@ -104,6 +104,15 @@ TEST_F(ExecuteProgramTest, InputBeginsWhereTheStreamStands)
     EXPECT_EQ(execute("/bin/cat", {}, {}, input, longEnough).output, " rest\n");
 }
 
+TEST_F(ExecuteProgramTest, InputIsTheStreamsBufferWhateverTheStateOfTheStream)
+{
+    std::istringstream input("text\n");
+    input.setstate(std::ios_base::eofbit | std::ios_base::failbit);
+
+    EXPECT_EQ(execute("/bin/cat", {}, {}, input, longEnough).output, "text\n");
+    EXPECT_EQ(input.rdstate(), std::ios_base::eofbit | std::ios_base::failbit);
+}
+
 TEST_F(ExecuteProgramTest, EmptyInputEndsAtOnce)
 {
     std::istream const withoutBuffer(nullptr);
