@@ -50,10 +50,10 @@ protected:
 
 TEST_F(GetAppOutputTest, ChildThatEndsByItselfLeavesThreeLines)
 {
-    call(1500ms);
+    call(24h + 1ms);
 
     EXPECT_THAT(log.lines(), ElementsAre(free(Severity::Trace, "getAppOutput()"),
-                                         free(Severity::Debug, "Timeout is set to 1.500000s"),
+                                         free(Severity::Debug, "Timeout is set to 86400.001000s"),
                                          free(Severity::Debug, "Child finished")));
 }
 
