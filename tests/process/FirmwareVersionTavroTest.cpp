@@ -168,6 +168,14 @@ TEST_F(FirmwareVersionTavroTest, SecondInitOverwritesWhatItGetsAndLeavesTheRest)
 
     EXPECT_EQ(sut.version(), "1.3.0");
     EXPECT_EQ(sut.compatibleId(), "board-x");
+
+    expectFailure(loggerName, "Failed to read the output of command '" + versionCommand + "'.");
+    giveCommand("tavro-fw-version", "exit 1");
+    giveCommand("rauc", "echo \"RAUC_SYSTEM_COMPATIBLE='board-y'\"");
+    EXPECT_FALSE(sut.init());
+
+    EXPECT_EQ(sut.version(), "1.3.0");
+    EXPECT_EQ(sut.compatibleId(), "board-y");
 }
 
 TEST_F(FirmwareVersionTavroTest, NoDescriptorAndNoChildIsLeft)
