@@ -122,6 +122,16 @@ TEST_F(TempDirTest, DirectoryIsForItsOwnerOnly)
     EXPECT_EQ(std::filesystem::status(sut.path()).permissions(), std::filesystem::perms::owner_all);
 }
 
+TEST_F(TempDirTest, PathIsTheOneThatTheSystemReturns)
+{
+    std::string returned = parent + "/returned";
+    std::filesystem::create_directory(returned);
+    mkdtempDouble.replace([&returned](char*) { return returned.data(); });
+
+    EXPECT_EQ(TempDir("data-", parent).path(), returned);
+    EXPECT_FALSE(std::filesystem::exists(returned));
+}
+
 TEST_F(TempDirTest, CreationIsTraced)
 {
     TempDir const sut("data-", parent);
