@@ -5,9 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <future>
 
 namespace Halden::Tavro::Utils
 {
@@ -69,6 +71,34 @@ TEST(CodeMonitorWaitTest, OpeningNotifiesEveryThread)
     sut.openBarrier();
 
     EXPECT_EQ(broadcast.count(), 1U);
+}
+
+TEST(CodeMonitorWaitTest, TheQuestionForATrappedThreadTakesTheMutex)
+{
+    CodeMonitor sut("sut");
+    sut.closeBarrier();
+    std::atomic<bool> released{false};
+    std::future<bool> question;
+    clockWait.reset();
+    clockWait.replace(
+        [&](auto*, auto*, clockid_t, timespec const*)
+        {
+            // This thread holds the mutex here, up to the end of the crossing.
+            question = std::async(std::launch::async,
+                                  [&]
+                                  {
+                                      sut.trappedAtBarrier();
+                                      return released.load();
+                                  });
+            EXPECT_EQ(question.wait_for(100ms), std::future_status::timeout);
+            sut.openBarrier();
+            released = true;
+            return 0;
+        });
+
+    EXPECT_TRUE(sut.crossBarrier());
+
+    EXPECT_TRUE(question.get());
 }
 
 TEST(CodeMonitorWaitTest, OnlyTheBarrierAndTheQuestionForItTakeTheMutex)
