@@ -242,7 +242,7 @@ TEST_F(PeriodicCallerCallTest, TheFirstElapsedTimeLeavesOutTheWorkersFirstLine)
     sut.start();
 
     ASSERT_TRUE(calls.waitForCount(1));
-    EXPECT_THAT(calls.get(), ElementsAre(1s));
+    EXPECT_THAT(calls.all(), ElementsAre(1s));
 }
 
 }
