@@ -186,6 +186,9 @@ TEST_F(IpAddressTest, V4AddressesAreEqualWhenAllBytesAre)
 
     EXPECT_TRUE(v4(bytes) == v4(bytes));
     EXPECT_TRUE(IpAddress(generic(v4Source(bytes, 80))) == IpAddress(generic(v4Source(bytes, 443))));
+    auto filledUp = v4Source(bytes);
+    filledUp.sin_zero[0] = 1;
+    EXPECT_TRUE(IpAddress(generic(filledUp)) == v4(bytes));
     for (unsigned bit = 0; bit < 32; ++bit)
     {
         auto other = bytes;

@@ -8,8 +8,11 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <future>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -24,9 +27,11 @@ namespace
 using Log::Severity;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::StrEq;
 using testing::ThrowsMessage;
 using namespace TestSupport;
+using namespace std::chrono_literals;
 
 using LocalIpsMessageTest = MessageFixture;
 
@@ -136,6 +141,29 @@ TEST_F(LocalIpsMessageTest, ShortPayloadLeavesTheRestOfTheStorageAsItIs)
     EXPECT_EQ(addressIn(v4Message(attribute(IFA_LOCAL, "\x0a\x01"))), "10.1.0.0");
     EXPECT_EQ(addressIn(v4Message(attribute(IFA_LOCAL, ""))), "0.0.0.0");
     EXPECT_EQ(addressIn(v4Message(local("10.0.0.1") + attribute(IFA_LOCAL, "\x0b\x02"))), "11.2.0.1");
+    EXPECT_EQ(addressIn(addressMessage(RTM_NEWADDR, AF_INET6, local("fd00::1:2") + attribute(IFA_LOCAL, "\xfc\x01"))),
+              "fc01::1:2");
+}
+
+TEST_F(LocalIpsMessageTest, LastAttributeNeedsNoPadding)
+{
+    auto const body = bytesOf(ifaddrmsg{AF_INET, 24, 0, 0, 1}) + attribute(IFA_LOCAL, "\x0a\x01\x02");
+    auto const length = static_cast<std::uint32_t>(sizeof(nlmsghdr) + body.size() - 1);
+
+    EXPECT_EQ(addressIn(message(RTM_NEWADDR, body, length).substr(0, length)), "10.1.2.0");
+}
+
+// kept: the kernel sends no such payload, and is trusted
+TEST_F(LocalIpsMessageTest, PayloadBeyondTheAddressIsKeptBehindIt)
+{
+    Buffer const v4(v4Message(attribute(IFA_LOCAL, addressBytes("10.0.0.1") + "12345678")));
+    Buffer const v6(addressMessage(RTM_NEWADDR, AF_INET6, attribute(IFA_LOCAL, addressBytes("fd00::1") + "1234")));
+
+    auto const shorter = sut.nlToIpAddress(v4.messages());
+    auto const longer = sut.nlToIpAddress(v6.messages());
+
+    EXPECT_EQ(std::memcmp(shorter.sockaddr_in()->sin_zero, "12345678", 8), 0);
+    EXPECT_EQ(std::memcmp(&longer.sockaddr_in6()->sin6_scope_id, "1234", 4), 0);
 }
 
 TEST_F(LocalIpsMessageTest, EveryTruncationAtEveryAlignmentGivesWhatIsWhole)
@@ -285,6 +313,30 @@ TEST_F(LocalIpsMessageTest, LosingAnAddressKeepsTheOrderOfTheOthers)
     handle(deleted("10.0.0.2"));
 
     EXPECT_THAT(addressesOf(sut), ElementsAre("10.0.0.1", "fd00::1", "10.0.0.3"));
+}
+
+TEST_F(LocalIpsMessageTest, ListIsReadUnderTheLockUnderWhichAnEventIsFoundUnwanted)
+{
+    expect(Severity::Warning, "handleNewAddress(10.0.0.1): IP is already in our list, doing nothing");
+    expect(Severity::Warning, "handleLostAddress(10.0.0.2): IP is NOT in our list, doing nothing");
+    handle(added("10.0.0.1"));
+    std::vector<std::future<std::vector<std::string>>> lists;
+    capture.onLine(
+        [&](LogLine const& each)
+        {
+            if (each.severity == Severity::Warning)
+            {
+                lists.push_back(std::async(std::launch::async, [this] { return addressesOf(sut); }));
+                EXPECT_EQ(lists.back().wait_for(100ms), std::future_status::timeout) << each.text;
+            }
+        });
+
+    handle(added("10.0.0.1") + deleted("10.0.0.2"));
+    capture.onLine(nullptr);
+
+    ASSERT_THAT(lists, SizeIs(2));
+    EXPECT_THAT(lists[0].get(), ElementsAre("10.0.0.1"));
+    EXPECT_THAT(lists[1].get(), ElementsAre("10.0.0.1"));
 }
 
 }

@@ -157,6 +157,22 @@ TEST_F(LocalIpsReceiverTest, FailedReceiveIsLoggedAndReportedAndEndsNothing)
                             line(Severity::Trace, "receiverThread: recv returned 32")));
 }
 
+// kept: owners count what is reported; a socket that does not block is never interrupted
+TEST_F(LocalIpsReceiverTest, InterruptedReceiveIsAnErrorLikeAnyOther)
+{
+    std::string const failed =
+        "receiverThread: recv on NETLINK_ROUTE socket failed, errno 4 (Interrupted system call),";
+    expect(Severity::Error, failed);
+    int reports = 0;
+    LocalIps const sut({}, {}, [&reports] { ++reports; });
+
+    kernel.add(recvFails(EINTR));
+
+    ASSERT_TRUE(kernel.waitUntilIdle());
+    EXPECT_EQ(reports, 1);
+    EXPECT_EQ(capture.lines().back(), (LogLine{Severity::Error, "LocalIps", failed}));
+}
+
 TEST_F(LocalIpsReceiverTest, EmptyAnswerIsFollowedByASleepOfOneSecondThatASignalDoesNotShorten)
 {
     int reports = 0;
