@@ -90,7 +90,7 @@ TEST(CodeMonitorWaitTest, TheQuestionForATrappedThreadTakesTheMutex)
                                       sut.trappedAtBarrier();
                                       return released.load();
                                   });
-            EXPECT_EQ(question.wait_for(100ms), std::future_status::timeout);
+            EXPECT_FALSE(becomesReady(question, 100ms));
             sut.openBarrier();
             released = true;
             return 0;
@@ -98,6 +98,7 @@ TEST(CodeMonitorWaitTest, TheQuestionForATrappedThreadTakesTheMutex)
 
     EXPECT_TRUE(sut.crossBarrier());
 
+    ASSERT_TRUE(becomesReady(question));
     EXPECT_TRUE(question.get());
 }
 
