@@ -2,6 +2,7 @@
 
 #include "misc/ConditionDoubles.h"
 #include "support/ClockTime.h"
+#include "support/WaitFor.h"
 
 #include <gtest/gtest.h>
 
