@@ -74,7 +74,7 @@ TEST(CodeMonitorWaitTest, OpeningNotifiesEveryThread)
     EXPECT_EQ(broadcast.count(), 1U);
 }
 
-TEST(CodeMonitorWaitTest, TheQuestionForATrappedThreadTakesTheMutex)
+TEST(CodeMonitorWaitTest, QuestionForATrappedThreadTakesTheMutex)
 {
     CodeMonitor sut("sut");
     sut.closeBarrier();

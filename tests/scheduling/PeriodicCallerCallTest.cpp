@@ -223,7 +223,7 @@ TEST_F(PeriodicCallerCallTest, AfterARestartTheElapsedTimeCountsFromTheNewThread
     EXPECT_THAT(calls.all(), ElementsAre(1s));
 }
 
-TEST_F(PeriodicCallerCallTest, TheFirstElapsedTimeLeavesOutTheWorkersFirstLine)
+TEST_F(PeriodicCallerCallTest, FirstElapsedTimeLeavesOutTheWorkersFirstLine)
 {
     Recorded<microseconds> calls;
     wallClock = nanoseconds(1000h).count();
