@@ -224,7 +224,7 @@ TEST_F(TempDirTest, DirectoriesMadeAtOnceDoNotClash)
     EXPECT_TRUE(std::filesystem::is_empty(parent));
 }
 
-/// The most derived class names the logger: the base is virtual.
+/// The most derived class names the logger, and logs by it: the base is virtual and protected.
 class NamedDirectory : public TempDir
 {
 public:
@@ -232,6 +232,7 @@ public:
         : Log::Logger("named", "", std::make_shared<Log::LoggerImpl>())
         , TempDir("data-", parent)
     {
+        tavroDoLog(Severity::Info, "ready", {});
     }
 };
 
@@ -239,7 +240,8 @@ TEST_F(TempDirTest, DerivedClassGivesTheLogger)
 {
     NamedDirectory const sut(parent);
 
-    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Trace, "named", "Created directory " + sut.path()}));
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{Severity::Trace, "named", "Created directory " + sut.path()},
+                                         LogLine{Severity::Info, "named", "ready"}));
 }
 
 }
