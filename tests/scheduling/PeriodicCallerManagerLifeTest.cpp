@@ -2,6 +2,7 @@
 #include "scheduling/SchedulerSleep.h"
 #include "support/OtherThreads.h"
 #include "support/Resources.h"
+#include "support/VirtualSlot.h"
 #include "support/WaitFor.h"
 
 #include <gmock/gmock.h>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 namespace Halden::Tavro::Utils
 {
@@ -37,6 +39,31 @@ std::size_t threadsAtRest()
 {
     OtherThreads::awaitRest();
     return runningThreads();
+}
+
+/// Gives the manager a logger of its own name. Only compiled, see ManagerTest.cpp for why none is made.
+struct ServiceManager : PeriodicCallerManager
+{
+    ServiceManager()
+        : Log::Logger("service manager", "", std::make_shared<Log::LoggerImpl>())
+        , PeriodicCallerManager(Strategy::Sequential, "sensors")
+    {
+    }
+};
+
+TEST_F(PeriodicCallerManagerLifeTest, OperationsHaveTheirSlotsBehindTheDestructor)
+{
+    EXPECT_EQ(virtualSlot(&PeriodicCallerManagerIfc::add), 2);
+    EXPECT_EQ(virtualSlot(&PcmTokenToManagerIfc::remove), 0);
+    EXPECT_EQ(virtualSlot(&PeriodicCallerManager::add), 2);
+    EXPECT_EQ(virtualSlot(&PeriodicCallerManager::remove), 3);
+}
+
+TEST_F(PeriodicCallerManagerLifeTest, IsNoLoggerToOthersAndNamedByItsHeirs)
+{
+    EXPECT_TRUE((std::is_base_of_v<Log::Logger, PeriodicCallerManager>));
+    EXPECT_FALSE((std::is_convertible_v<PeriodicCallerManager*, Log::Logger*>));
+    EXPECT_TRUE(std::is_default_constructible_v<ServiceManager>);
 }
 
 TEST_F(PeriodicCallerManagerLifeTest, EmptyManagerLogsItsStartAndItsEnd)
