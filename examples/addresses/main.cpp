@@ -61,9 +61,10 @@ void show(std::string const& line)
 int watch()
 {
     StopSignals const signals;
-    Utils::LocalIps const localIps([](auto const& ip) { show("+ " + ip.string() + " " + interfaceOf(ip)); },
-                                   [](auto const& ip) { show("- " + ip.string()); },
-                                   [] { show("! events were lost; what has changed meanwhile follows"); });
+    Utils::LocalIps const localIps(
+        [](auto const& ip) { show("+ " + ip.string() + " " + interfaceOf(ip)); },
+        [](auto const& ip) { show("- " + ip.string()); },
+        [] { show("! events were lost; with the hardened library, what has changed follows"); });
     signals.wait();
     return 0;
 }

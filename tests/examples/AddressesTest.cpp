@@ -90,7 +90,7 @@ TEST_F(AddressesTest, ShowsTheAddressesWhoseEventsWereLostAfterAll)
             }
             sut.send(SIGCONT);
 
-            EXPECT_TRUE(sut.showsLineWith("! events were lost; what has changed meanwhile follows"));
+            EXPECT_TRUE(sut.showsLineWith("! events were lost; with the hardened library, what has changed follows"));
             EXPECT_TRUE(sut.showsLineWith("+ 10.1.3.250 lo"));
             sut.send(SIGINT);
             EXPECT_EQ(sut.status(), 0);
