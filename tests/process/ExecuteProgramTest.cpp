@@ -13,13 +13,17 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <istream>
 #include <sstream>
 #include <stdexcept>
+#include <streambuf>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Halden::Tavro::Utils
@@ -33,6 +37,31 @@ using namespace std::chrono_literals;
 using Log::Severity;
 using testing::HasSubstr;
 using testing::Optional;
+
+/// Hands out a text in pieces of that size.
+class InputInPieces : public std::streambuf
+{
+public:
+    InputInPieces(std::string text, std::ptrdiff_t size)
+        : text(std::move(text))
+        , size(size)
+    {
+        setg(this->text.data(), this->text.data(), this->text.data());
+    }
+
+protected:
+    int_type underflow() override
+    {
+        auto* const next = egptr();
+        auto const left = text.data() + text.size() - next;
+        setg(next, next, next + std::min(size, left));
+        return left == 0 ? traits_type::eof() : traits_type::to_int_type(*next);
+    }
+
+private:
+    std::string text;
+    std::ptrdiff_t const size;
+};
 
 class ExecuteProgramTest : public testing::Test
 {
@@ -283,6 +312,22 @@ TEST_F(ExecuteProgramTest, ProgramInheritsNoPipeOfAnotherCall)
 
     EXPECT_NE(alone, "");
     EXPECT_EQ(during, alone);
+}
+
+TEST_F(ExecuteProgramTest, InputThatComesInPiecesArrivesWhole)
+{
+    std::string text;
+    while (text.size() < 20000)
+    {
+        text += std::to_string(text.size()) + ' ';
+    }
+    for (int const size : {1, 1000, 8191, 8192, 8193})
+    {
+        InputInPieces buffer(text, size);
+        std::istream const input(&buffer);
+
+        EXPECT_EQ(execute("/bin/cat", {}, {}, input, longEnough).output, text) << size;
+    }
 }
 
 // kept: the program is given what could be read
