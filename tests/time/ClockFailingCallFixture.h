@@ -33,9 +33,9 @@ protected:
 
     ~ClockFailingCallFixture() override
     {
-        for (int const timer : timers)
+        for (int const descriptor : timers)
         {
-            closeDouble.passOn(timer);
+            closeDouble.passOn(descriptor);
         }
     }
 
