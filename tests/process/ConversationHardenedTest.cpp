@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
-#include <future>
 #include <ios>
 #include <istream>
 #include <new>
@@ -400,24 +399,13 @@ TEST_F(ConversationHardenedTest, ForbiddenKillDoesNotWaitForTheChild)
     EXPECT_EQ(waitpidDouble.passOn(child, nullptr, 0), child);
 }
 
-TEST_F(ConversationHardenedTest, CancelledThreadLeavesNoChildBehind)
+// As does one that is cancelled: but of its frames the address sanitizer would keep marks, as it is not told.
+TEST_F(ConversationHardenedTest, ThreadThatExitsLeavesNoChildBehind)
 {
-    std::promise<void> reading;
-    InputThatCalls buffer(
-        [&reading]
-        {
-            reading.set_value();
-            while (true)
-            {
-                pause(); // where the thread is cancelled
-            }
-        });
+    InputThatCalls buffer([] { pthread_exit(nullptr); });
     std::istream const input(&buffer);
-    std::thread caller([&input] { execute("/bin/sleep", {"60"}, {}, input, 1h); });
-    EXPECT_TRUE(becomesReady(reading.get_future()));
 
-    pthread_cancel(caller.native_handle());
-    caller.join();
+    std::thread([&input] { execute("/bin/sleep", {"60"}, {}, input, 1h); }).join();
 
     EXPECT_FALSE(hasChildren());
 }
