@@ -47,7 +47,7 @@ steady_clock::time_point load(steady_clock::time_point const& field)
     }
 }
 
-/// Whether an exception is the first. Of several at once, the hardened build calls one so.
+/// Whether an exception is the first to be logged. Of several at once, only one is in the hardened build.
 bool isFirst(bool& alreadyLogged)
 {
     if constexpr (hardened)
@@ -60,8 +60,8 @@ bool isFirst(bool& alreadyLogged)
     }
 }
 
-/// To be called when the first one has been logged.
-void noteFirst(bool& alreadyLogged)
+/// Once the first one has been logged. The hardened build has noted it before.
+void noteLogged(bool& alreadyLogged)
 {
     if constexpr (!hardened)
     {
@@ -107,7 +107,7 @@ void PcmItem::execute()
                      "PcmItem execution threw exception. Exception: %s.\n"
                      "Further exceptions will be logged with trace level",
                      exception.what());
-        noteFirst(exceptionAlreadyLogged);
+        noteLogged(exceptionAlreadyLogged);
     }
     catch (...)
     {
@@ -118,7 +118,7 @@ void PcmItem::execute()
         }
         TAVRO_LOG_TO(*this, Log::Severity::Error,
                      "PcmItem execution threw unknown exception. Further exceptions will be logged with trace level");
-        noteFirst(exceptionAlreadyLogged);
+        noteLogged(exceptionAlreadyLogged);
     }
 }
 
